@@ -20,7 +20,7 @@ enum {
 };
 
 /* The operation table. The library owns it; it is released with DllDestroyObject. */
-typedef struct cfgc_api {
+typedef struct cfgc_operations {
     /* 0: the text of a result code, owned by the library. */
     const char *(*ErrorString)(int result);
     /* 1: a client for the store in a directory, or null. */
@@ -40,16 +40,16 @@ typedef struct cfgc_api {
     /* 42: the text, owned by the value, or null. */
     const char *(*ValueAsString)(const cfgc_value_st *value);
     cfgc_entry entry_43_51[9];
-} cfgc_api;
+} cfgc_operations;
 
 #ifdef __cplusplus
-static_assert(sizeof(cfgc_api) == CFGC_TABLE_SIZE * sizeof(cfgc_entry),
+static_assert(sizeof(cfgc_operations) == CFGC_TABLE_SIZE * sizeof(cfgc_entry),
               "the table has 52 entries and nothing between them");
 #endif
 
 /* Exported as "DllNewObject": sets *table_out; 0 or more is success. */
-typedef int (*cfgc_new_object_fn)(cfgc_api **table_out);
+typedef int (*cfgc_new_object_fn)(cfgc_operations **table_out);
 /* Exported as "DllDestroyObject": releases the table. */
-typedef void (*cfgc_destroy_object_fn)(cfgc_api *table);
+typedef void (*cfgc_destroy_object_fn)(cfgc_operations *table);
 
 #endif

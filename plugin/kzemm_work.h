@@ -1,0 +1,125 @@
+/*
+ * The worker: one object for each run of the plug-in, made, used and destroyed on the worker
+ * thread. Its duties are one source file each, kzemm_work_<duty>.cpp.
+ */
+#ifndef KZEMDLMGR_PLUGIN_KZEMM_WORK_H
+#define KZEMDLMGR_PLUGIN_KZEMM_WORK_H
+
+#include <list>
+
+#include "engine/qd_client.h"
+#include "vrdcl_ev.h"
+#include "vrdipc.h"
+
+class CUpgradeRelay;
+class kzemm_task;
+
+enum X_CLIENT_STATUS {
+    X_CLIENT_INIT = 0,     // never started
+    X_CLIENT_ONLINE = 1,   // x_client_start succeeded
+    X_CLIENT_OFFLINE = 2,  // the engine went away, or the client was stopped
+};
+
+/*
+ * Threads: everything runs on the worker thread, but for stop, which the host's thread calls too,
+ * and the static callbacks of the engine client, which run on threads of the client library.
+ */
+class kzemm_work {
+  public:
+    kzemm_work() = default;
+    ~kzemm_work() = default;
+    kzemm_work(const kzemm_work &) = delete;
+    kzemm_work &operator=(const kzemm_work &) = delete;
+
+    // ---- life cycle (kzemm_work.cpp) ----
+
+    // Brings everything up in its order. 0, or -1 at the first step that counts and failed; what
+    // was done until then is undone by clean.
+    int start();
+    // Turns the event loop, about ten times a second, until stop. Always 0.
+    int run();
+    // Tells run to return; waits for nothing. Any thread.
+    void stop();
+    // Releases everything, whatever start and run came to.
+    void clean();
+
+    // ---- the engine client's life (kzemm_work_client.cpp) ----
+
+    // Starts the engine client, with growing waits and one restart of the engine's service; blocks
+    // for as long as that takes. 0, or -1 when the engine was given up.
+    int qd_client_start();
+    // 0, or -1 when the client library refused.
+    int qd_client_stop();
+    // Any thread.
+    void set_x_client_status(X_CLIENT_STATUS status);
+    // The client's offline callback, on a thread of the client library; user is the kzemm_work.
+    static void qd_agent_offline_cb(void *user);
+    // Arms the engine watch, once a second. 0 or -1.
+    int start_qd_timer();
+    void stop_qd_timer();
+    // One look at the engine: brings the client back when it is offline, and ends the worker when
+    // that fails.
+    void check_qd_status();
+    static void check_qd_status_cb(cl_timerplus *timer);
+
+    // ---- the engine's capabilities (kzemm_work_switching.cpp) ----
+
+    // Re-reads central configuration and switches the engine; an unreadable configuration is read
+    // again every 5 seconds. 0, or -1 when nothing was sent and nothing is armed.
+    int set_qd_swicth();
+    // Sends the state of every capability; the refused ones are tried again every 180 seconds.
+    void do_engine_swicth();
+    // Arms the retry for these capabilities in place of what is armed. 0 or -1.
+    int retry_switch_engine(std::list<_engine_type> engines);
+    static void set_engine_switch_cb(cl_timerplus *timer);
+    static void switch_engine_cb(cl_timerplus *timer);
+    void stop_cfg_timer();
+    void stop_switch_timer();
+
+    // ---- subscriptions (kzemm_work_subscriptions.cpp) ----
+
+    // Registers the fixed callbacks, all of them in any case. 0 when every one was taken, else -1.
+    int qd_client_subscribe();
+    // Makes or cancels the origin data subscription as the switches say. 0 or -1.
+    int qd_client_subscribe_origin();
+    // Has no content; keeps its place in every order of calls. Always 0.
+    int qd_client_subscribe_RealTime();
+
+    // ---- the engine's data (kzemm_work_engine_data.cpp), on threads of the client library ----
+
+    // Each takes over the data; user is not read.
+    static void qd_alarm_cb(char *data, unsigned int len, void *user);
+    static void qd_coordinate_hunting_cb(char *data, unsigned int len, void *user);
+    static void qd_coordinate_linkage_cb(char *data, unsigned int len, void *user);
+    static void qd_coordinate_append_cb(char *data, unsigned int len, void *user);
+    static void qd_origin_cb(char *data, unsigned int len, void *user);
+    // Sends the result of a linkage analysis to the linkage service. Takes over the data when err
+    // is 0 and leaves it alone otherwise; user is not read.
+    void qd_send_to_kzelkganal(_x_error err, char *data, unsigned int len, void *user);
+
+  private:
+    friend struct kzemm_work_inspector;  // tests look at the fields through it
+
+    int init_kzemm_config();
+    void uninit_kzemm_config();
+
+    // Deliberately unlocked: a plain flag that the host's thread clears and the loop reads; the
+    // loop sees the change within one turn.
+    bool running = false;
+    vrd_ipc_st *ipc = nullptr;          // own endpoint
+    vrd_addr_st *rpdsp_addr = nullptr;  // the disposal service
+    vrd_addr_st *lkg_addr = nullptr;    // the linkage analysis service
+    kzemm_task *task = nullptr;         // owned
+    // An X_CLIENT_STATUS. Written atomically through set_x_client_status, read plainly.
+    volatile int x_client_status = X_CLIENT_INIT;
+    cl_timerplus *cfg_timer = nullptr;     // repeats the read of the switches, 5,000 ms
+    cl_timerplus *switch_timer = nullptr;  // repeats refused engine orders, 180,000 ms
+    CUpgradeRelay *upgrade = nullptr;      // owned
+    cl_timerplus *qd_timer = nullptr;      // the engine watch, 1,000 ms
+};
+
+// The result callback of a linkage analysis, on a thread of the client library; user is the
+// kzemm_work. Without one it does nothing at all.
+void kzemm_send_to_kzelkganal(_x_error err, char *data, unsigned int len, void *user);
+
+#endif
