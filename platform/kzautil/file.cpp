@@ -1,0 +1,74 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <exception>
+
+#include "kzautil.h"
+#include "replacement.h"
+
+namespace {
+
+int copy_content(int from, Replacement &to) {
+    char buffer[64 * 1024];
+    while (true) {
+        const ssize_t length = read(from, buffer, sizeof buffer);
+        if (length == 0)
+            return 0;
+        if (length < 0 && errno == EINTR)
+            continue;
+        if (length < 0)
+            return errno;
+        const int error = to.write(buffer, static_cast<size_t>(length));
+        if (error != 0)
+            return error;
+    }
+}
+
+int copy_from(int from, const char *to) {
+    struct stat status {};
+    if (fstat(from, &status) != 0)
+        return errno;
+    if (!S_ISREG(status.st_mode))
+        return S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+    Replacement copy;
+    int error = copy.open(to, status.st_mode);
+    if (error == 0)
+        error = copy.set_mode(status.st_mode);
+    if (error == 0)
+        error = copy_content(from, copy);
+    return error == 0 ? copy.commit() : error;
+}
+
+}  // namespace
+
+int kze_file_copy(const char *from, const char *to) {
+    if (from == nullptr || to == nullptr)
+        return EINVAL;
+    const int fd = open(from, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0)
+        return errno;
+    int error = ENOMEM;
+    try {
+        error = copy_from(fd, to);
+    } catch (const std::exception &) {
+        // No memory for the names.
+    }
+    close(fd);
+    return error;
+}
+
+int kze_file_rename(const char *from, const char *to) {
+    if (from == nullptr || to == nullptr)
+        return EINVAL;
+    if (rename(from, to) == 0)
+        return 0;
+    if (errno != EXDEV)
+        return errno;
+    const int error = kze_file_copy(from, to);
+    if (error != 0)
+        return error;
+    return unlink(from) == 0 ? 0 : errno;
+}

@@ -1,0 +1,146 @@
+// The C interface of the log, and which thread writes to which file.
+#include <pthread.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <exception>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "log_file.h"
+#include "log_text.h"
+#include "paths.h"
+#include "vrdbase.h"
+
+namespace {
+
+constexpr int max_level = 4;
+constexpr int max_files = 100;
+constexpr int host_files = 5;
+const char *const host_directory = "@/../var/log/host";
+
+// All log files of the process. Safe from any thread. Files are never closed and the one registry
+// is never destroyed, so that threads may log while the process ends. Lock order: the registry's,
+// then the files', oldest first.
+class LogRegistry {
+  public:
+    LogFile *find_or_add(const std::string &directory, int files) {
+        const std::lock_guard<std::mutex> hold(mutex_);
+        for (const auto &file : files_)
+            if (file->directory() == directory)
+                return file.get();
+        files_.push_back(std::make_unique<LogFile>(directory, files));
+        return files_.back().get();
+    }
+
+    void lock_all() {
+        mutex_.lock();
+        for (const auto &file : files_)
+            file->lock();
+    }
+
+    void unlock_all() {
+        for (const auto &file : files_)
+            file->unlock();
+        mutex_.unlock();
+    }
+
+  private:
+    std::mutex mutex_;
+    std::vector<std::unique_ptr<LogFile>> files_;
+};
+
+LogRegistry &registry() {
+    static LogRegistry *const instance = [] {
+        auto *made = new LogRegistry;
+        pthread_atfork([] { registry().lock_all(); }, [] { registry().unlock_all(); },
+                       [] { registry().unlock_all(); });
+        return made;
+    }();
+    return *instance;
+}
+
+// The directory in the one spelling that all threads compare. It is made here, if possible, since
+// only what exists has links to resolve.
+std::string one_spelling(const std::string &directory) {
+    kze_paths::make_directories(directory, 0700);
+    std::error_code error;
+    const auto resolved = std::filesystem::canonical(directory, error);
+    if (!error)
+        return resolved.string();
+    std::string plain = directory;
+    while (plain.size() > 1 && plain.back() == '/')
+        plain.pop_back();
+    return plain;
+}
+
+LogFile *file_of(const char *directory, int files) {
+    const std::string path = kze_paths::expand(directory);
+    if (path.empty())
+        return nullptr;
+    return registry().find_or_add(one_spelling(path), std::clamp(files, 1, max_files));
+}
+
+LogFile *host_file() {
+    static LogFile *const file = file_of(host_directory, host_files);
+    return file;
+}
+
+// The calling thread's file, null for the host's.
+thread_local LogFile *thread_file = nullptr;
+
+void write_record(int level, const char *source_file, int line, const char *format,
+                  va_list arguments) noexcept {
+    const int saved_errno = errno;
+    try {
+        const char *slash = source_file == nullptr ? nullptr : strrchr(source_file, '/');
+        const char *name = source_file == nullptr ? "-"
+                           : slash == nullptr     ? source_file
+                                                  : slash + 1;
+        std::string text;
+        kze_log_text::append_escaped(text, name);
+        text += ":" + std::to_string(line) + " ";
+        kze_log_text::append_escaped(text, kze_log_text::format(format, arguments));
+        LogFile *file = thread_file == nullptr ? host_file() : thread_file;
+        if (file != nullptr)
+            file->write(std::clamp(level, 0, max_level), text);
+    } catch (const std::exception &) {
+        // No memory for the record: it is lost.
+    }
+    errno = saved_errno;
+}
+
+}  // namespace
+
+void autolog_init(const char *directory, int files) {
+    const int saved_errno = errno;
+    try {
+        thread_file =
+            directory == nullptr || *directory == '\0' ? nullptr : file_of(directory, files);
+    } catch (const std::exception &) {
+        thread_file = nullptr;
+    }
+    errno = saved_errno;
+}
+
+void error_output(int level, const char *source_file, int line, const char *format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    write_record(level, source_file, line, format, arguments);
+    va_end(arguments);
+}
+
+void kze_log_output(int level, const char *format, ...) {
+    const int own_level = std::clamp(level, 0, max_level - 1) + 1;
+    if (error_output_check(own_level) == 0)
+        return;
+    va_list arguments;
+    va_start(arguments, format);
+    write_record(own_level, nullptr, 0, format, arguments);
+    va_end(arguments);
+}

@@ -1,0 +1,115 @@
+#include "log_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <exception>
+#include <system_error>
+#include <utility>
+
+#include "paths.h"
+
+namespace {
+
+constexpr size_t max_file_size = 10UL * 1024 * 1024;
+constexpr mode_t directory_mode = 0700;
+constexpr std::chrono::seconds retry_interval(1);
+const char *const pattern = "%Y-%m-%d %H:%M:%S.%f %l %t %v";
+
+std::string file_path(const std::string &directory) {
+    const std::string name = directory.substr(directory.rfind('/') + 1);
+    return directory + "/" + (name.empty() ? "log" : name) + ".log";
+}
+
+spdlog::details::log_msg message(int level, const std::string &text) {
+    static const spdlog::level::level_enum levels[] = {spdlog::level::critical, spdlog::level::err,
+                                                       spdlog::level::warn, spdlog::level::info,
+                                                       spdlog::level::debug};
+    spdlog::details::log_msg record({}, levels[level], text);
+    // The library keeps a thread's id, which is the parent's in a forked child.
+    record.thread_id = static_cast<size_t>(gettid());
+    return record;
+}
+
+// Creates the file where missing, and ends the half line that a crash or a full disk left in it.
+void prepare(const std::string &path) {
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    if (fd < 0)
+        throw std::system_error(errno, std::generic_category());
+    struct stat status {};
+    char last = '\n';
+    const bool half = fstat(fd, &status) == 0 && status.st_size > 0 &&
+                      pread(fd, &last, 1, status.st_size - 1) == 1 && last != '\n';
+    const bool failed = half && ::write(fd, "\n", 1) != 1;
+    const int error = errno;
+    close(fd);
+    if (failed)
+        throw std::system_error(error, std::generic_category());
+}
+
+}  // namespace
+
+LogFile::LogFile(std::string directory, int files)
+    : directory_(std::move(directory)),
+      path_(file_path(directory_)),
+      files_(files),
+      formatter_(pattern) {}
+
+void LogFile::write(int level, const std::string &text) noexcept {
+    const std::lock_guard<std::mutex> hold(mutex_);
+    try {
+        if (ready()) {
+            put(level, text);
+            return;
+        }
+    } catch (const std::exception &) {
+        sink_.reset();
+        next_try_ = std::chrono::steady_clock::now() + retry_interval;
+    }
+    put_to_standard_error(level, text);
+}
+
+bool LogFile::ready() {
+    if (sink_ != nullptr)
+        return true;
+    if (std::chrono::steady_clock::now() < next_try_)
+        return false;
+    open();
+    return true;
+}
+
+void LogFile::open() {
+    const int error = kze_paths::make_directories(directory_, directory_mode);
+    if (error != 0)
+        throw std::system_error(error, std::generic_category());
+    prepare(path_);
+    // The sink counts the files besides the current one.
+    auto sink = std::make_unique<spdlog::sinks::rotating_file_sink_st>(
+        path_, max_file_size, static_cast<size_t>(files_ - 1));
+    sink->set_pattern(pattern);
+    sink_ = std::move(sink);
+    if (missed_ != 0) {
+        put(2, "-:0 " + std::to_string(missed_) + " records went to standard error");
+        missed_ = 0;
+    }
+}
+
+void LogFile::put(int level, const std::string &text) {
+    sink_->log(message(level, text));
+    sink_->flush();
+}
+
+void LogFile::put_to_standard_error(int level, const std::string &text) {
+    ++missed_;
+    try {
+        spdlog::memory_buf_t line;
+        formatter_.format(message(level, text), line);
+        // Nothing is left to try when this fails too.
+        if (::write(STDERR_FILENO, line.data(), line.size()) < 0)
+            return;
+    } catch (const std::exception &) {
+        return;
+    }
+}
