@@ -8,6 +8,7 @@
 #include <string>
 
 #define SI_NO_CONVERSION
+#define SI_IMPLEMENTATION
 #include <SimpleIni.h>
 
 #include "kzautil.h"

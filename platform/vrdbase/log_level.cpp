@@ -5,6 +5,7 @@
 #include <string>
 
 #define SI_NO_CONVERSION
+#define SI_IMPLEMENTATION
 #include <SimpleIni.h>
 
 #include "paths.h"
