@@ -110,7 +110,10 @@ class kzemm_config {
   private:
     friend struct kzemm_config_inspector;  // tests look at the fields through it
 
+    // Opens the client library and its table. 0, or -1 with what was opened left open.
+    int open_cfgc_library();
     void release_cfgc_library();
+    void log_switches() const;
 
     bool initialized = false;
     bool cfgc_initialized = false;
