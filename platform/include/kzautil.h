@@ -92,37 +92,39 @@ KZAUTIL_API unsigned int kze_str_strlcpy(char *dest, const char *src, unsigned i
 KZAUTIL_API int is_file_exist(const char *path);
 
 /*
- * Ini files. Sections and keys are case-sensitive; where a key stands twice in a section, the last
- * one counts. Blanks around a value aren't part of it. UTF-8 (a byte order mark is dropped) with
- * either kind of line end; other bytes are taken as they are. A document isn't locked: one thread
- * at a time, though it needn't be always the same.
+ * Ini files. Sections and keys are case-sensitive; the keys before the first header belong to the
+ * section "". Where a key stands twice in a section, the last one counts. Lines that begin with ";"
+ * or "#" are comments; behind a value neither begins one. Blanks around a value aren't part of it.
+ * Either kind of line end and a UTF-8 byte order mark are understood; bytes above 127 are taken as
+ * they are. A document isn't locked: one thread at a time, though it needn't be always the same.
  */
 
 /*
  * Reads a file into a document, to be released with kze_ini_file_free(). A null path makes an
- * empty document. Null when the file is missing, unreadable, no regular file or larger than 1 MiB,
- * or when there is no memory.
+ * empty document. Null when the file is missing, unreadable, no regular file, larger than 1 MiB or
+ * no text (it holds a zero byte), or when there is no memory.
  */
 KZAUTIL_API void *kze_ini_file_load(const char *path);
 
-/* The value of a key, or null where there is none. The text is the document's, until that key is
- * set or the document is freed. */
+/* The value of a key, or null where there is none. The text is the document's, until a key is set
+ * or the document is freed. */
 KZAUTIL_API const char *kze_ini_file_get(void *ini, const char *section, const char *key);
 
 /*
- * Adds or replaces a value; the section is made if needed. The strings are copied. EINVAL, with
- * nothing changed, for what would not read back as one line: an empty key or section, a control
- * character, "=" in a key or one that begins like a comment or a section, "]" in a section.
+ * Adds or replaces a value; the section is made if needed. The strings are copied, and no other
+ * byte of the document changes. With nothing changed, EINVAL for what would not read back the same
+ * (an empty key, a line end or other control character, "=" in a key, "]" in a section, a key that
+ * begins like a comment), and EFBIG past 1 MiB. Of blanks around the value nothing is kept.
  */
 KZAUTIL_API int kze_ini_file_set(void *ini, const char *section, const char *key,
                                  const char *value);
 
 /*
- * Writes the document to `path`, with the comments it was read with. `flags` must be 0. The file
- * is written beside the target, synced and renamed into place: after a crash the old file or the
- * new one is there, whole. One unfinished file, ".<name>.new", may stay behind; the next save takes
- * its place. The target keeps its permissions, a new one gets 0600. Where `path` is a link, its
- * target is replaced.
+ * Writes the document to `path`: what was read, comments and all, with what was set. `flags` must
+ * be 0. The file is written beside the target, synced and renamed into place: after a crash the old
+ * file or the new one is there, whole. One unfinished file, ".<name>.new", may stay behind; the
+ * next save takes its place. The target keeps its permissions, a new one gets 0600. Where `path` is
+ * a link, its target is replaced.
  */
 KZAUTIL_API int kze_ini_file_save(void *ini, const char *path, int flags);
 

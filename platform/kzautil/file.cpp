@@ -7,6 +7,7 @@
 #include <exception>
 
 #include "kzautil.h"
+#include "platform/vrdbase/descriptor.h"
 #include "replacement.h"
 
 namespace {
@@ -35,8 +36,7 @@ int copy_from(int from, const char *to) {
         return S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
     Replacement copy;
     int error = copy.open(to, status.st_mode);
-    if (error == 0)
-        error = copy.set_mode(status.st_mode);
+    copy.set_mode(status.st_mode);
     if (error == 0)
         error = copy_content(from, copy);
     return error == 0 ? copy.commit() : error;
@@ -47,17 +47,14 @@ int copy_from(int from, const char *to) {
 int kze_file_copy(const char *from, const char *to) {
     if (from == nullptr || to == nullptr)
         return EINVAL;
-    const int fd = open(from, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0)
+    const Descriptor file(open(from, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!file.valid())
         return errno;
-    int error = ENOMEM;
     try {
-        error = copy_from(fd, to);
+        return copy_from(file.get(), to);
     } catch (const std::exception &) {
-        // No memory for the names.
+        return ENOMEM;
     }
-    close(fd);
-    return error;
 }
 
 int kze_file_rename(const char *from, const char *to) {

@@ -1,61 +1,68 @@
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <exception>
 #include <memory>
 #include <string>
+#include <utility>
 
 #define SI_NO_CONVERSION
 #define SI_IMPLEMENTATION
 #include <SimpleIni.h>
 
+#include "ini_edit.h"
 #include "kzautil.h"
+#include "platform/vrdbase/small_file.h"
 #include "replacement.h"
 
 namespace {
 
 constexpr size_t max_size = 1024UL * 1024;
 
+using Parsed = CSimpleIniCaseA;
+
+// One thread at a time. The text is what is saved; the parser, which forgets part of the comments,
+// only reads it.
 struct IniDocument {
-    CSimpleIniCaseA content;
+    std::string text;
+    std::unique_ptr<Parsed> values;
 };
 
-bool read_file(const char *path, std::string &out) {
-    const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0)
-        return false;
-    struct stat status {};
-    bool good = fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
-    out.resize(max_size + 1);
-    size_t length = 0;
-    while (good && length < out.size()) {
-        const ssize_t got = read(fd, &out[length], out.size() - length);
-        if (got == 0)
-            break;
-        good = got > 0 || errno == EINTR;
-        length += got > 0 ? static_cast<size_t>(got) : 0;
-    }
-    close(fd);
-    out.resize(length);
-    return good && length <= max_size;
+// Null for what is no text or doesn't fit into a document.
+std::unique_ptr<Parsed> parse(const std::string &text) {
+    auto values = std::make_unique<Parsed>();
+    const bool good = text.size() <= max_size && text.find('\0') == std::string::npos &&
+                      values->LoadData(text) >= 0;
+    return good ? std::move(values) : nullptr;
 }
 
 bool has_control(const std::string &text) {
     for (const char c : text)
-        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F)
+        if ((static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == 0x7F)
             return true;
     return false;
 }
 
-bool is_section(const std::string &name) {
-    return !name.empty() && !has_control(name) && name.find(']') == std::string::npos;
+std::string without_blanks_around(const std::string &text) {
+    const size_t begin = text.find_first_not_of(" \t");
+    return begin == std::string::npos
+               ? std::string()
+               : text.substr(begin, text.find_last_not_of(" \t") - begin + 1);
 }
 
-bool is_key(const std::string &name) {
-    return !name.empty() && !has_control(name) && name.find('=') == std::string::npos &&
-           std::string(";#[").find(name[0]) == std::string::npos;
+int set_value(IniDocument &document, const std::string &section, const std::string &key,
+              const std::string &value) {
+    if (has_control(section) || has_control(key) || has_control(value))
+        return EINVAL;
+    std::string text = ini_text_with(document.text, section, key, value);
+    if (text.size() > max_size)
+        return EFBIG;
+    auto values = parse(text);
+    const char *read_back =
+        values == nullptr ? nullptr : values->GetValue(section.c_str(), key.c_str(), nullptr);
+    if (read_back == nullptr || read_back != without_blanks_around(value))
+        return EINVAL;
+    document.text = std::move(text);
+    document.values = std::move(values);
+    return 0;
 }
 
 }  // namespace
@@ -63,12 +70,10 @@ bool is_key(const std::string &name) {
 void *kze_ini_file_load(const char *path) {
     try {
         auto document = std::make_unique<IniDocument>();
-        std::string data;
-        if (path != nullptr && !read_file(path, data))
+        if (path != nullptr && !kze_small_file::read(path, max_size, document->text))
             return nullptr;
-        if (document->content.LoadData(data) < 0)
-            return nullptr;
-        return document.release();
+        document->values = parse(document->text);
+        return document->values == nullptr ? nullptr : document.release();
     } catch (const std::exception &) {
         return nullptr;
     }
@@ -77,18 +82,14 @@ void *kze_ini_file_load(const char *path) {
 const char *kze_ini_file_get(void *ini, const char *section, const char *key) {
     if (ini == nullptr || section == nullptr || key == nullptr)
         return nullptr;
-    return static_cast<IniDocument *>(ini)->content.GetValue(section, key, nullptr);
+    return static_cast<IniDocument *>(ini)->values->GetValue(section, key, nullptr);
 }
 
 int kze_ini_file_set(void *ini, const char *section, const char *key, const char *value) {
     if (ini == nullptr || section == nullptr || key == nullptr || value == nullptr)
         return EINVAL;
     try {
-        if (!is_section(section) || !is_key(key) || has_control(value))
-            return EINVAL;
-        const SI_Error result =
-            static_cast<IniDocument *>(ini)->content.SetValue(section, key, value);
-        return result < 0 ? ENOMEM : 0;
+        return set_value(*static_cast<IniDocument *>(ini), section, key, value);
     } catch (const std::exception &) {
         return ENOMEM;
     }
@@ -98,13 +99,11 @@ int kze_ini_file_save(void *ini, const char *path, int flags) {
     if (ini == nullptr || path == nullptr || flags != 0)
         return EINVAL;
     try {
-        std::string data;
-        if (static_cast<IniDocument *>(ini)->content.Save(data) < 0)
-            return ENOMEM;
+        const std::string &text = static_cast<IniDocument *>(ini)->text;
         Replacement file;
         int error = file.open(path, 0600);
         if (error == 0)
-            error = file.write(data.data(), data.size());
+            error = file.write(text.data(), text.size());
         return error == 0 ? file.commit() : error;
     } catch (const std::exception &) {
         return ENOMEM;

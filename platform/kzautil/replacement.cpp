@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
+#include <utility>
 
 namespace {
 
@@ -24,27 +25,33 @@ std::string without_links(const std::string &path) {
 }
 
 int sync_directory(const std::string &path) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0)
-        return errno;
-    const int error = fsync(fd) == 0 ? 0 : errno;
-    close(fd);
-    return error;
+    const Descriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return directory.valid() && fsync(directory.get()) == 0 ? 0 : errno;
+}
+
+int lock(int fd) {
+    while (flock(fd, LOCK_EX) != 0)
+        if (errno != EINTR)
+            return errno;
+    return 0;
+}
+
+bool is_named(int fd, const std::string &path) {
+    struct stat opened {};
+    struct stat named {};
+    return fstat(fd, &opened) == 0 && lstat(path.c_str(), &named) == 0 &&
+           opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
 }
 
 }  // namespace
 
 Replacement::~Replacement() {
-    if (fd_ < 0)
-        return;
-    unlink(path_.c_str());
-    close(fd_);
+    if (file_.valid() && !path_.empty())
+        unlink(path_.c_str());
 }
 
 int Replacement::open(const std::string &target, mode_t new_mode) {
     target_ = without_links(target);
-    const size_t name = target_.rfind('/') + 1;
-    path_ = target_.substr(0, name) + "." + target_.substr(name) + ".new";
     struct stat status {};
     if (stat(target_.c_str(), &status) != 0) {
         if (errno != ENOENT)
@@ -53,43 +60,32 @@ int Replacement::open(const std::string &target, mode_t new_mode) {
     }
     if (!S_ISREG(status.st_mode))
         return S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
-    const int error = open_locked();
-    return error != 0 ? error : set_mode(status.st_mode);
+    mode_ = status.st_mode;
+    const size_t name = target_.rfind('/') + 1;
+    path_ = target_.substr(0, name) + "." + target_.substr(name) + ".new";
+    return open_locked();
 }
 
 int Replacement::open_locked() {
     while (true) {
-        const int fd = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-        if (fd < 0)
+        Descriptor file(
+            ::open(path_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
+        if (!file.valid())
             return errno;
-        int result = 0;
-        do
-            result = flock(fd, LOCK_EX);
-        while (result != 0 && errno == EINTR);
-        // Whoever had the lock before has given the file its final name, or deleted it.
-        struct stat opened {};
-        struct stat named {};
-        const bool ours = result == 0 && fstat(fd, &opened) == 0 &&
-                          lstat(path_.c_str(), &named) == 0 && opened.st_dev == named.st_dev &&
-                          opened.st_ino == named.st_ino;
-        if (ours && ftruncate(fd, 0) == 0) {
-            fd_ = fd;
-            return 0;
-        }
-        const int error = errno;
-        close(fd);
-        if (result != 0 || ours)
+        const int error = lock(file.get());
+        if (error != 0)
             return error;
+        // Whoever had the lock before has given the file its final name, or deleted it.
+        if (!is_named(file.get(), path_))
+            continue;
+        file_ = std::move(file);
+        return ftruncate(file_.get(), 0) == 0 ? 0 : errno;
     }
-}
-
-int Replacement::set_mode(mode_t mode) {
-    return fchmod(fd_, mode & permission_bits) == 0 ? 0 : errno;
 }
 
 int Replacement::write(const char *data, size_t size) {
     while (size > 0) {
-        const ssize_t written = ::write(fd_, data, size);
+        const ssize_t written = ::write(file_.get(), data, size);
         if (written < 0 && errno == EINTR)
             continue;
         if (written < 0)
@@ -101,9 +97,13 @@ int Replacement::write(const char *data, size_t size) {
 }
 
 int Replacement::commit() {
-    if (fsync(fd_) != 0 || rename(path_.c_str(), target_.c_str()) != 0)
+    const mode_t mode = mode_ & permission_bits;
+    // Its owner must be able to write what a crash may leave behind, or nobody could save again.
+    if (fchmod(file_.get(), mode | S_IWUSR) != 0 || fsync(file_.get()) != 0 ||
+        rename(path_.c_str(), target_.c_str()) != 0)
         return errno;
-    close(fd_);
-    fd_ = -1;
+    path_.clear();
+    if (fchmod(file_.get(), mode) != 0)
+        return errno;
     return sync_directory(directory_of(target_));
 }

@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "platform/vrdbase/descriptor.h"
+
 // Written beside its target, then synced and renamed over it. One thread at a time. Several at once
 // for one target, of whatever process, wait for each other: they share the name ".<name>.new", so
 // that a crash leaves one such file behind and never more.
@@ -15,10 +17,10 @@ class Replacement {
     Replacement &operator=(const Replacement &) = delete;
     ~Replacement();  // without commit(): the target stays as it was
 
-    // 0 or an error number, as all below. The file gets the mode of the target, or `new_mode`. A
-    // target that is a link stands for what it points to.
+    // Results are 0 or an error number. A target that is a link stands for what it points to. The
+    // file will have the permissions of the target, or `new_mode` where that is missing.
     int open(const std::string &target, mode_t new_mode);
-    int set_mode(mode_t mode);
+    void set_mode(mode_t mode) { mode_ = mode; }
     int write(const char *data, size_t size);
     int commit();
 
@@ -26,6 +28,7 @@ class Replacement {
     int open_locked();
 
     std::string target_;
-    std::string path_;
-    int fd_ = -1;
+    std::string path_;  // empty but while the file is open and not yet in place
+    mode_t mode_ = 0;
+    Descriptor file_;
 };

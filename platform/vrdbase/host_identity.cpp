@@ -1,74 +1,71 @@
 #include "host_identity.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/random.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <exception>
 
+#include "descriptor.h"
 #include "paths.h"
+#include "small_file.h"
 #include "vrdbase.h"
 
 namespace {
 
-constexpr size_t id_bytes = 16;
+constexpr size_t id_digits = 32;
+constexpr size_t max_file_size = 4096;
 
-bool is_identifier(const std::string &text) {
-    return text.size() == 2 * id_bytes &&
-           text.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
-}
-
-// The first line of a small file when that is an identifier of 32 hexadecimal digits, else empty.
+// The first line of a file when that is an identifier of 32 hexadecimal digits, else empty.
 std::string read_identifier(const std::string &path) {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (fd < 0)
+    std::string line;
+    if (path.empty() || !kze_small_file::read(path, max_file_size, line))
         return {};
-    char text[2 * id_bytes + 2];
-    const ssize_t length = read(fd, text, sizeof text);
-    close(fd);
-    if (length < 0)
-        return {};
-    std::string line(text, static_cast<size_t>(length));
     line.resize(std::min(line.size(), line.find('\n')));
-    return is_identifier(line) ? line : std::string();
+    const bool good = line.size() == id_digits &&
+                      line.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+    return good ? line : std::string();
 }
 
 std::string random_identifier() {
-    unsigned char bytes[id_bytes];
+    unsigned char bytes[id_digits / 2];
     if (getrandom(bytes, sizeof bytes, 0) != static_cast<ssize_t>(sizeof bytes))
         return {};
+    static const char digits[] = "0123456789abcdef";
     std::string text;
     for (const unsigned char byte : bytes) {
-        char digits[3];
-        snprintf(digits, sizeof digits, "%02x", static_cast<unsigned int>(byte));
-        text += digits;
+        text += digits[byte >> 4U];
+        text += digits[byte & 0x0FU];
     }
     return text;
 }
 
-// Of several processes that do this at once, the first one's identifier stays, and all read it.
-void make_identifier(const std::string &path) {
-    const std::string identifier = random_identifier();
-    if (identifier.empty())
-        return;
-    kze_paths::make_directories(path.substr(0, path.rfind('/')), 0700);
-    std::string temporary = path + ".XXXXXX";
-    const int fd = mkostemp(temporary.data(), O_CLOEXEC);
-    if (fd < 0)
-        return;
+bool write_identifier(int fd, const std::string &identifier) {
     const std::string line = identifier + "\n";
-    const bool written =
-        write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size()) && fsync(fd) == 0;
-    close(fd);
-    if (written && read_identifier(path).empty())
-        unlink(path.c_str());
-    if (written && link(temporary.c_str(), path.c_str()) != 0 && read_identifier(path).empty())
-        kze_log(2, "host id can't be kept in %s", path.c_str());
-    unlink(temporary.c_str());
+    return !identifier.empty() && ftruncate(fd, 0) == 0 &&
+           write(fd, line.data(), line.size()) == static_cast<ssize_t>(line.size()) &&
+           fsync(fd) == 0;
+}
+
+// The identifier kept in `path`, made if it isn't there; empty when it can't be kept. The lock
+// lets several processes that start at once agree.
+std::string own_identifier(const std::string &path) {
+    std::string identifier = read_identifier(path);
+    if (path.empty() || !identifier.empty())
+        return identifier;
+    kze_paths::make_directories(path.substr(0, path.rfind('/')), 0700);
+    const Descriptor file(
+        open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
+    if (!file.valid() || flock(file.get(), LOCK_EX) != 0)
+        return {};
+    identifier = read_identifier(path);
+    if (!identifier.empty())
+        return identifier;
+    identifier = random_identifier();
+    return write_identifier(file.get(), identifier) ? identifier : std::string();
 }
 
 std::string host_name() {
@@ -77,8 +74,7 @@ std::string host_name() {
     return name;
 }
 
-// FNV-1a. The prefix keeps the machine's identifier, which is confidential, from being derived
-// from what is sent out by looking it up in another program's list of the same kind.
+// FNV-1a, with a prefix so that the number isn't the one another program derives in the same way.
 unsigned int number_of(const std::string &identifier) {
     uint32_t hash = 2166136261U;
     for (const char c : "kze host " + identifier)
@@ -91,12 +87,13 @@ unsigned int number_of(const std::string &identifier) {
 unsigned int host_identity(const std::string &machine_id_file, const std::string &own_file) {
     std::string identifier = read_identifier(machine_id_file);
     if (identifier.empty())
-        identifier = read_identifier(own_file);
+        identifier = own_identifier(own_file);
     if (identifier.empty()) {
-        make_identifier(own_file);
-        identifier = read_identifier(own_file);
+        kze_log(2, "no identifier of this host in %s, and none can be kept in %s",
+                machine_id_file.c_str(), own_file.c_str());
+        identifier = host_name();
     }
-    return number_of(identifier.empty() ? host_name() : identifier);
+    return number_of(identifier);
 }
 
 unsigned int vrd_get_hostid(void) {
@@ -105,6 +102,7 @@ unsigned int vrd_get_hostid(void) {
             host_identity("/etc/machine-id", kze_paths::expand("@/../var/lib/hostid"));
         return number;
     } catch (const std::exception &) {
-        return number_of(host_name());
+        // No memory just now; the next call tries again.
+        return 1;
     }
 }

@@ -9,6 +9,7 @@
 #include <system_error>
 #include <utility>
 
+#include "descriptor.h"
 #include "paths.h"
 
 namespace {
@@ -33,20 +34,20 @@ spdlog::details::log_msg message(int level, const std::string &text) {
     return record;
 }
 
-// Creates the file where missing, and ends the half line that a crash or a full disk left in it.
-void prepare(const std::string &path) {
-    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    if (fd < 0)
-        throw std::system_error(errno, std::generic_category());
-    struct stat status {};
-    char last = '\n';
-    const bool half = fstat(fd, &status) == 0 && status.st_size > 0 &&
-                      pread(fd, &last, 1, status.st_size - 1) == 1 && last != '\n';
-    const bool failed = half && ::write(fd, "\n", 1) != 1;
-    const int error = errno;
-    close(fd);
-    if (failed)
+// Makes the directory and the file where missing, and ends the half line that a crash or a full
+// disk left in it.
+void prepare(const std::string &directory, const std::string &path) {
+    const int error = kze_paths::make_directories(directory, directory_mode);
+    if (error != 0)
         throw std::system_error(error, std::generic_category());
+    const Descriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    struct stat status {};
+    if (!file.valid() || fstat(file.get(), &status) != 0)
+        throw std::system_error(errno, std::generic_category());
+    char last = '\n';
+    if (status.st_size > 0 && pread(file.get(), &last, 1, status.st_size - 1) == 1 &&
+        last != '\n' && ::write(file.get(), "\n", 1) != 1)
+        throw std::system_error(errno, std::generic_category());
 }
 
 }  // namespace
@@ -81,13 +82,11 @@ bool LogFile::ready() {
 }
 
 void LogFile::open() {
-    const int error = kze_paths::make_directories(directory_, directory_mode);
-    if (error != 0)
-        throw std::system_error(error, std::generic_category());
-    prepare(path_);
+    spdlog::file_event_handlers events;
+    events.before_open = [this](const std::string &) { prepare(directory_, path_); };
     // The sink counts the files besides the current one.
     auto sink = std::make_unique<spdlog::sinks::rotating_file_sink_st>(
-        path_, max_file_size, static_cast<size_t>(files_ - 1));
+        path_, max_file_size, static_cast<size_t>(files_ - 1), false, events);
     sink->set_pattern(pattern);
     sink_ = std::move(sink);
     if (missed_ != 0) {

@@ -9,19 +9,22 @@
 #include <SimpleIni.h>
 
 #include "paths.h"
+#include "small_file.h"
 #include "vrdbase.h"
 
 namespace {
 
 constexpr int default_level = 3;
 constexpr int max_level = 4;
+constexpr size_t max_file_size = 64 * 1024;
 
 std::atomic<int> current_level{default_level};
 
 int configured_level() {
     CSimpleIniCaseA settings;
+    std::string data;
     const std::string path = kze_paths::expand("@/../config/log.ini");
-    if (path.empty() || settings.LoadFile(path.c_str()) < 0)
+    if (!kze_small_file::read(path, max_file_size, data) || settings.LoadData(data) < 0)
         return default_level;
     const std::string text = settings.GetValue("log", "level", "");
     const bool is_level = text.size() == 1 && text[0] >= '0' && text[0] <= '0' + max_level;
