@@ -79,6 +79,7 @@ void take_answer(call &pending, int status, const char *data, unsigned int len) 
     pending.done = true;
     if (status < 0) {
         pending.result.error = reason(pending, status);
+        pending.result.status = status;
         return;
     }
     json answer = parse(data, len);
@@ -109,6 +110,7 @@ void make_call(call &pending) {
         static_cast<unsigned int>(pending.request.size()), on_reply, &pending, pending.seconds);
     if (result != 0) {
         pending.result.error = reason(pending, result);
+        pending.result.status = result;
         return;
     }
     while (!pending.done) {
@@ -233,7 +235,7 @@ control_result control_call(const std::string &endpoint, const json &request,
     try {
         std::thread([&pending] { make_call(pending); }).join();
     } catch (const std::system_error &failure) {
-        return {std::nullopt, std::string("no thread for the request: ") + failure.what()};
+        return {std::nullopt, std::string("no thread for the request: ") + failure.what(), 0};
     }
     return std::move(pending.result);
 }

@@ -103,6 +103,7 @@ class control_server {
 struct control_result {
     std::optional<nlohmann::json> answer;
     std::string error; /* empty when there is an answer */
+    int status = 0;    /* a VRD_IPC_E_... code where IPC is the reason, for instance NO_PEER */
 };
 
 /*
