@@ -1,0 +1,31 @@
+/*
+ * The gateway: keeps a copy of everything that it was given.
+ */
+#ifndef KZEMDLMGR_TESTS_FAKES_FAKE_GATEWAY_H
+#define KZEMDLMGR_TESTS_FAKES_FAKE_GATEWAY_H
+
+#include <pthread.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/fakes/fake_libraries.h"
+
+namespace fakes {
+
+struct gateway_send {
+    int type;
+    std::string data;  // as it was during the call
+    pthread_t thread;
+};
+
+std::vector<gateway_send> gateway_sends();
+// The result of every send from now on; 0 to begin with.
+void gateway_returns(int result);
+
+symbols gateway_symbols();
+void reset_gateway();
+
+}  // namespace fakes
+
+#endif

@@ -1,0 +1,68 @@
+/*
+ * A look at the fields of the plug-in's classes, which are private.
+ */
+#ifndef KZEMDLMGR_TESTS_FAKES_INSPECTORS_H
+#define KZEMDLMGR_TESTS_FAKES_INSPECTORS_H
+
+#include "config/kzemm_config.h"
+#include "engine/kzemm_loader.h"
+#include "plugin/kzemm_work.h"
+
+struct kzemm_work_inspector {
+    static bool &running(kzemm_work &work) { return work.running; }
+    static vrd_ipc_st *&ipc(kzemm_work &work) { return work.ipc; }
+    static vrd_addr_st *&rpdsp_addr(kzemm_work &work) { return work.rpdsp_addr; }
+    static vrd_addr_st *&lkg_addr(kzemm_work &work) { return work.lkg_addr; }
+    static kzemm_task *&task(kzemm_work &work) { return work.task; }
+    static int x_client_status(const kzemm_work &work) { return work.x_client_status; }
+    static cl_timerplus *cfg_timer(const kzemm_work &work) { return work.cfg_timer; }
+    static cl_timerplus *switch_timer(const kzemm_work &work) { return work.switch_timer; }
+    static CUpgradeRelay *&upgrade(kzemm_work &work) { return work.upgrade; }
+    static cl_timerplus *qd_timer(const kzemm_work &work) { return work.qd_timer; }
+};
+
+struct kzemm_config_inspector {
+    // Puts the singleton back to what the constructor makes.
+    static void reset() { kzemm_config::get_instance() = kzemm_config(); }
+
+    static kzemm_config &config() { return kzemm_config::get_instance(); }
+    static bool initialized() { return config().initialized; }
+    static bool cfgc_initialized() { return config().cfgc_initialized; }
+    static bool has_library() { return config().cfgc_dll != nullptr; }
+    static bool has_table() { return config().cfgc_api != nullptr; }
+    static bool has_client() { return config().cfgc_client != nullptr; }
+    static std::string ctmioa_rule_id() { return config().ctmioa_rule_id; }
+    static unsigned int &collect_report_cycle() { return config().collect_report_cycle; }
+    static unsigned int &task_queue_size() { return config().task_queue_size; }
+    static unsigned int &upgrade_check_interval() { return config().upgrade_check_interval; }
+    static unsigned int &offline_retry_times() { return config().offline_retry_times; }
+    static unsigned int &qd_start_max_interval() { return config().qd_start_max_interval; }
+    static bool &collect_switch() { return config().collect_switch; }
+    static bool &subscribe_event_switch() { return config().subscribe_event_switch; }
+    static bool &md_switch() { return config().md_switch; }
+    static bool &ioa_switch() { return config().ioa_switch; }
+    static bool &ioc_switch() { return config().ioc_switch; }
+    static bool &hunting_switch() { return config().hunting_switch; }
+    static bool &linkage_switch() { return config().linkage_switch; }
+    static bool &report_switch() { return config().report_switch; }
+    static bool &origin_forward_switch() { return config().origin_forward_switch; }
+    static bool &abnormal_ip_login_switch() { return config().abnormal_ip_login_switch; }
+    static bool &abnormal_time_login_switch() { return config().abnormal_time_login_switch; }
+    static bool &abnormal_scan_switch() { return config().abnormal_scan_switch; }
+    static bool &reverseshell_switch() { return config().reverseshell_switch; }
+    static bool &bruteforce_global_switch() { return config().bruteforce_global_switch; }
+    static bool &bruteforce_ssh_switch() { return config().bruteforce_ssh_switch; }
+    static bool &dispose_web_switch() { return config().dispose_web_switch; }
+    static bool &dispose_phishing_switch() { return config().dispose_phishing_switch; }
+};
+
+struct kzemm_loader_inspector {
+    // Puts the singleton back to what it is before its first init.
+    static void reset() { kzemm_loader::get_instance() = kzemm_loader(); }
+
+    static bool initialized() { return kzemm_loader::get_instance().initialized; }
+    static void *qdccl_handle() { return kzemm_loader::get_instance().qdccl_handle; }
+    static void *kzethtgw_handle() { return kzemm_loader::get_instance().kzethtgw_handle; }
+};
+
+#endif
