@@ -1,15 +1,8 @@
 #include "platform/vrdcl_ev/timer.h"
 
-#include <chrono>
 #include <utility>
 
 namespace kze_ev {
-
-std::uint64_t now_ns() {
-    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                          std::chrono::steady_clock::now().time_since_epoch())
-                                          .count());
-}
 
 bool timer_queue::arm(const std::shared_ptr<timer> &item, std::uint64_t first_ns,
                       bool *earliest_out) {

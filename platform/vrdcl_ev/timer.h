@@ -1,6 +1,7 @@
 // The timers of one loop.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -25,7 +26,11 @@ struct timer {
 };
 
 // The monotonic clock, in nanoseconds.
-std::uint64_t now_ns();
+inline std::uint64_t now_ns() {
+    const auto since = std::chrono::steady_clock::now().time_since_epoch();
+    return static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(since).count());
+}
 
 // The armed timers of one loop, in order of their due times. Safe from any thread; run_due() is
 // called by the loop's thread only.

@@ -1,0 +1,248 @@
+// What an endpoint does on its loop's thread.
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <utility>
+
+#include "platform/vrdipc/endpoint.h"
+#include "vrdbase.h"
+
+namespace kze_ipc {
+namespace {
+
+constexpr int accepts_in_turn = 16;
+constexpr unsigned int accept_pause_ms = 100;
+
+}  // namespace
+
+void endpoint::start_listening() {
+    if (released_) {
+        return;
+    }
+    const bool opened = listen_watch_.open(loop_->uv(), listener_.fd(), [this](int status, int) {
+        const std::shared_ptr<endpoint> self = shared_from_this();
+        if (status == 0) {
+            accept_waiting();
+        }
+    });
+    if (!opened) {
+        kze_log(1, "ipc: %s: its socket can't be watched", name_.c_str());
+        return;
+    }
+    listen_watch_.set(UV_READABLE);
+}
+
+void endpoint::accept_waiting() {
+    for (int i = 0; i < accepts_in_turn && !released_; ++i) {
+        unique_fd fd(::accept4(listener_.fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (fd.is_open()) {
+            accept_one(std::move(fd));
+        } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+            kze_log(1, "ipc: %s: no connection can be taken: %s", name_.c_str(), strerror(errno));
+            pause_listening();
+            return;
+        } else if (errno != EINTR && errno != ECONNABORTED) {
+            return;
+        }
+    }
+}
+
+void endpoint::accept_one(unique_fd fd) {
+    struct ucred peer {};
+    if (!is_allowed_peer(fd.get(), name_, &peer)) {
+        return;
+    }
+    if (accepted_ == max_accepted) {
+        kze_log(2, "ipc: %s: %zu connections already, process %d is turned away", name_.c_str(),
+                accepted_, static_cast<int>(peer.pid));
+        return;
+    }
+    auto made = std::make_shared<connection>(
+        shared_from_this(), loop_, std::move(fd), connection::origin::accepted,
+        name_ + " from process " + std::to_string(peer.pid), std::string());
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        if (state_ != state::open) {
+            return;
+        }
+        connections_.insert(made);
+    }
+    ++accepted_;
+    made->start();
+}
+
+// The connection that can't be taken stays ready: without a pause the loop would do nothing else.
+void endpoint::pause_listening() {
+    listen_watch_.set(0);
+    accept_timer_ = std::make_shared<kze_ev::timer>();
+    accept_timer_->callback = [weak = weak_from_this()](cl_timerplus *) {
+        if (const std::shared_ptr<endpoint> self = weak.lock()) {
+            self->listen_watch_.set(UV_READABLE);
+        }
+    };
+    loop_->arm(accept_timer_, accept_pause_ms);
+}
+
+// False when no callback may begin any more. Otherwise *out is a copy of the handlers, and
+// end_callback() must follow.
+bool endpoint::begin_callback(handlers *out) {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (state_ != state::open) {
+        return false;
+    }
+    in_callback_ = true;
+    *out = handlers_;
+    return true;
+}
+
+void endpoint::end_callback() {
+    std::lock_guard<std::mutex> guard(lock_);
+    in_callback_ = false;
+    if (state_ != state::open) {
+        changed_.notify_all();
+    }
+}
+
+bool endpoint::on_frame(connection &from, const frame_header &header, const char *body) {
+    switch (header.type) {
+        case frame_type::request:
+            return on_request(from, header, body);
+        case frame_type::message:
+            return on_message(from, header, body);
+        case frame_type::response:
+            complete(header.request_id, &from, VRD_IPC_OK, header.cmd, body, header.length);
+            return true;
+        case frame_type::refusal: {
+            const bool busy = header.length == static_cast<std::uint32_t>(refusal_reason::busy);
+            complete(header.request_id, &from, busy ? VRD_IPC_E_BUSY : VRD_IPC_E_NO_HANDLER,
+                     header.cmd, nullptr, 0);
+            return true;
+        }
+    }
+    return false;
+}
+
+bool endpoint::on_request(connection &from, const frame_header &header, const char *body) {
+    handlers to;
+    if (!begin_callback(&to)) {
+        return false;
+    }
+    if (to.on_request != nullptr) {
+        to.on_request(handle_, from.peer_address(), header.request_id, header.cmd, body,
+                      header.length, to.request_context);
+    } else {
+        from.answer({frame_type::refusal, header.cmd, header.request_id,
+                     static_cast<std::uint32_t>(refusal_reason::no_handler)},
+                    nullptr);
+    }
+    end_callback();
+    return true;
+}
+
+bool endpoint::on_message(connection &from, const frame_header &header, const char *body) {
+    handlers to;
+    if (!begin_callback(&to)) {
+        return false;
+    }
+    if (to.on_message != nullptr) {
+        to.on_message(handle_, from.peer_address(), header.cmd, body, header.length,
+                      to.message_context);
+    }
+    end_callback();
+    return true;
+}
+
+// `via` is where the answer came from, or null. An answer to no request, or to one that went
+// elsewhere, is ignored: most likely its request has timed out.
+void endpoint::complete(std::uint32_t id, const connection *via, int status, std::uint32_t cmd,
+                        const char *body, std::uint32_t size) {
+    pending_request done;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        const pending_request *const found = pending_.find(id);
+        if (state_ != state::open || found == nullptr || (via != nullptr && found->via != via)) {
+            return;
+        }
+        pending_.take(id, &done);
+        in_callback_ = true;
+    }
+    done.callback(status, status == VRD_IPC_OK ? cmd : done.cmd, body, size, done.context);
+    end_callback();
+}
+
+void endpoint::fail_all(const std::vector<std::uint32_t> &ids, int code) {
+    for (const std::uint32_t id : ids) {
+        complete(id, nullptr, code, 0, nullptr, 0);
+    }
+}
+
+void endpoint::on_connection_closed(connection &closed, int code) {
+    std::vector<std::uint32_t> lost;
+    std::shared_ptr<connection> last;  // let go of without the lock
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        for (auto at = dialled_.begin(); at != dialled_.end(); ++at) {
+            if (at->second.get() == &closed) {
+                dialled_.erase(at);
+                break;
+            }
+        }
+        last = closed.shared_from_this();
+        connections_.erase(last);
+        lost = pending_.ids_where([&](const auto &request) { return request.via == &closed; });
+    }
+    if (closed.was_accepted()) {
+        --accepted_;
+    }
+    fail_all(lost, code);
+}
+
+void endpoint::on_deadline() {
+    const std::uint64_t now = kze_ev::now_ns();
+    std::vector<std::uint32_t> late;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        timer_due_ns_ = std::numeric_limits<std::uint64_t>::max();
+        late =
+            pending_.ids_where([now](const auto &request) { return request.deadline_ns <= now; });
+    }
+    fail_all(late, VRD_IPC_E_TIMEOUT);
+    std::lock_guard<std::mutex> guard(lock_);
+    if (state_ == state::open && !pending_.empty()) {
+        set_deadline_timer(pending_.earliest_deadline());
+    }
+}
+
+// Once; both the close and the loop's end ask for it.
+void endpoint::release() {
+    if (std::exchange(released_, true)) {
+        return;
+    }
+    const std::shared_ptr<endpoint> self = shared_from_this();
+    listen_watch_.close();
+    if (accept_timer_ != nullptr) {
+        loop_->disarm(accept_timer_.get(), false);
+    }
+    std::unordered_set<std::shared_ptr<connection>> open;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        listener_.close();
+        if (deadline_timer_ != nullptr) {
+            loop_->disarm(deadline_timer_.get(), false);
+        }
+        open = connections_;
+    }
+    for (const auto &each : open) {
+        each->close(VRD_IPC_E_CLOSED);
+    }
+    loop_->remove_user(this);
+}
+
+void endpoint::on_loop_end() {
+    close();
+    release();
+}
+
+}  // namespace kze_ipc

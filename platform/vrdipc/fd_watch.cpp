@@ -1,0 +1,42 @@
+#include "platform/vrdipc/fd_watch.h"
+
+#include <memory>
+#include <utility>
+
+namespace kze_ipc {
+
+bool fd_watch::open(uv_loop_t *loop, int fd, callback on_event) {
+    auto opened = std::make_unique<state>();
+    opened->on_event = std::move(on_event);
+    if (uv_poll_init(loop, &opened->handle, fd) != 0) {
+        return false;
+    }
+    opened->handle.data = opened.get();
+    state_ = opened.release();
+    return true;
+}
+
+void fd_watch::set(int events) {
+    if (state_ == nullptr || events == events_) {
+        return;
+    }
+    events_ = events;
+    if (events == 0) {
+        uv_poll_stop(&state_->handle);
+        return;
+    }
+    uv_poll_start(&state_->handle, events, [](uv_poll_t *handle, int status, int ready) {
+        static_cast<state *>(handle->data)->on_event(status, ready);
+    });
+}
+
+void fd_watch::close() {
+    if (state_ == nullptr) {
+        return;
+    }
+    uv_close(reinterpret_cast<uv_handle_t *>(&state_->handle),
+             [](uv_handle_t *handle) { delete static_cast<state *>(handle->data); });
+    state_ = nullptr;
+}
+
+}  // namespace kze_ipc
