@@ -38,6 +38,7 @@ struct config_state {
     std::set<int> dropped;
     bool refuses_client = false;
     std::vector<std::string> reads;
+    std::vector<int> errors;
     std::vector<std::string> client_names;
     cfgc_operations table = {};
     cfgc_client_st client;
@@ -49,7 +50,9 @@ struct config_state {
 std::mutex s_mutex;
 config_state s_state;
 
-const char *fake_error_string(int) {
+const char *fake_error_string(int result) {
+    const std::lock_guard<std::mutex> lock(s_mutex);
+    s_state.errors.push_back(result);
     return fakes::config_error_text;
 }
 
@@ -79,6 +82,7 @@ int fake_get_value(cfgc_client_st *client, const char *module, const char *key,
     fakes::note(fakes::what::config, text);
     const std::lock_guard<std::mutex> lock(s_mutex);
     EXPECT_EQ(client, &s_state.client);
+    EXPECT_EQ(*value_out, nullptr) << "there is no value before it is read";
     s_state.reads.push_back(text);
     const auto found = s_state.entries.find({module, key});
     if (found == s_state.entries.end()) {
@@ -200,6 +204,11 @@ void config_refuses_client() {
 std::vector<std::string> config_reads() {
     const std::lock_guard<std::mutex> lock(s_mutex);
     return s_state.reads;
+}
+
+std::vector<int> config_errors() {
+    const std::lock_guard<std::mutex> lock(s_mutex);
+    return s_state.errors;
 }
 
 std::vector<std::string> config_clients() {

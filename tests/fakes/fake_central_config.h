@@ -34,6 +34,8 @@ void config_refuses_client();
 
 // "GetValue /module /key", in order.
 std::vector<std::string> config_reads();
+// The codes that ErrorString was asked about, in order.
+std::vector<int> config_errors();
 // "NewClient <name> <directory>", in order.
 std::vector<std::string> config_clients();
 

@@ -6,6 +6,7 @@
 
 #include <pthread.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,8 @@ struct gateway_send {
 std::vector<gateway_send> gateway_sends();
 // The result of every send from now on; 0 to begin with.
 void gateway_returns(int result);
+// Runs on the sending thread within each send, after it was recorded.
+void on_gateway_send(std::function<void()> hook);
 
 symbols gateway_symbols();
 void reset_gateway();

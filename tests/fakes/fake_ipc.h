@@ -6,6 +6,7 @@
 
 #include <pthread.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,8 @@ struct ipc_send {
 std::vector<ipc_send> ipc_sends();
 // The result of every vrd_ipc_send from now on; 0 to begin with.
 void ipc_send_returns(int result);
+// Runs on the sending thread within each vrd_ipc_send, after it was recorded.
+void on_ipc_send(std::function<void()> hook);
 
 void reset_ipc();
 

@@ -19,6 +19,7 @@ struct library {
     bool open_keeps_handle = false;
     int close_code = 0;
     std::map<std::string, int> missing_symbols;
+    std::map<std::string, int> found_codes;
     unsigned int opened = 0;
     std::vector<std::string> looked_up;
 };
@@ -72,6 +73,11 @@ void symbol_missing(const std::string &file, const std::string &symbol, int code
     s_state.libraries[file].missing_symbols[symbol] = code;
 }
 
+void symbol_found_with_code(const std::string &file, const std::string &symbol, int code) {
+    const std::lock_guard<std::mutex> lock(s_mutex);
+    s_state.libraries[file].found_codes[symbol] = code;
+}
+
 void library_close_fails(const std::string &file, int code) {
     const std::lock_guard<std::mutex> lock(s_mutex);
     s_state.libraries[file].close_code = code;
@@ -84,6 +90,7 @@ void library_works(const std::string &file) {
     changed.open_keeps_handle = false;
     changed.close_code = 0;
     changed.missing_symbols.clear();
+    changed.found_codes.clear();
 }
 
 unsigned int times_opened(const std::string &file) {
@@ -176,7 +183,8 @@ int kze_dll_get_addr(void *opened, const char *name, void **address_out) {
         return 2;
     }
     *address_out = exported->second;
-    return 0;
+    const auto code = found->found_codes.find(name);
+    return code == found->found_codes.end() ? 0 : code->second;
 }
 
 int kze_dll_close(void *opened) {

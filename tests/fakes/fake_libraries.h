@@ -26,6 +26,8 @@ void library_missing(const std::string &file, int code = 2);
 void library_open_keeps_handle(const std::string &file, int code);
 // kze_dll_get_addr gives this code, and a null address.
 void symbol_missing(const std::string &file, const std::string &symbol, int code = 2);
+// kze_dll_get_addr gives this code, and the address all the same.
+void symbol_found_with_code(const std::string &file, const std::string &symbol, int code);
 // kze_dll_close gives this code; the handle counts as closed.
 void library_close_fails(const std::string &file, int code);
 // Takes back what the functions above set for a library.

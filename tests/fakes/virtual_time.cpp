@@ -12,6 +12,7 @@
 #include <mutex>
 #include <set>
 
+#include "tests/fakes/faults.h"
 #include "tests/fakes/journal.h"
 
 namespace {
@@ -354,6 +355,7 @@ cl_timerplus *cl_timerplus_start(unsigned int first_ms, unsigned int flags, unsi
     const std::lock_guard<std::mutex> lock(s_mutex);
     if (s_state.timer_starts_to_failure != 0 && --s_state.timer_starts_to_failure == 0) {
         fakes::note(fakes::what::timer, "start fails");
+        fakes::watch_release(user);
         return nullptr;
     }
     timer->user = user;

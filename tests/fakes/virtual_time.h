@@ -43,7 +43,8 @@ struct timer_view {
 
 // The timers that are not closed yet, oldest first.
 std::vector<timer_view> open_timers();
-// Makes the nth cl_timerplus_start from now give null; 1 is the next one.
+// Makes the nth cl_timerplus_start from now give null; 1 is the next one. What it was given for its
+// user is watched from then on (watch_release).
 void fail_timer_start(unsigned int nth);
 
 // How cl_ev_create_isolated_thread works from now on: with a thread (the default), by running the
