@@ -1,6 +1,8 @@
 #include "plugin/kzemm_data_conv.h"
 
 #include <endian.h>
+#include <sys/mman.h>
+#include <unistd.h>
 #include <uuid/uuid.h>
 #include <zlib.h>
 
@@ -30,6 +32,25 @@ struct free_deleter {
     void operator()(char *data) const { free(data); }
 };
 using malloc_ptr = std::unique_ptr<char, free_deleter>;
+
+// From this size on, new memory usually comes fresh from the kernel.
+constexpr size_t fresh_memory_size = 128 * 1024;
+
+// Zeroes a new buffer. Fresh memory is zero until it is touched, and touching it costs far more
+// than compressing into it, so a large buffer's whole pages are given back to the kernel, which
+// supplies zeroed ones where the buffer is written to. The rest, and everything where the kernel
+// refuses (locked memory), is zeroed here.
+void zero_new_buffer(char *buffer, size_t size) {
+    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    const size_t head = (page - reinterpret_cast<uintptr_t>(buffer) % page) % page;
+    const size_t pages = size > head ? (size - head) / page * page : 0;
+    if (size < fresh_memory_size || madvise(buffer + head, pages, MADV_DONTNEED) != 0) {
+        memset(buffer, 0, size);
+        return;
+    }
+    memset(buffer, 0, head);
+    memset(buffer + head + pages, 0, size - head - pages);
+}
 
 uint16_t in_frame_order(uint16_t value, bool net_order) {
     return net_order ? htobe16(value) : value;
@@ -162,7 +183,7 @@ char *zlib_compress_data(const char *in_data, uint32_t in_size, uint32_t *out_si
         kze_log(1, "new %lu byte for buffer failed", bound);
         return nullptr;
     }
-    memset(buffer, 0, bound);
+    zero_new_buffer(buffer, bound);
 
     uLongf compressed_size = bound;
     const int code = compress(reinterpret_cast<Bytef *>(buffer), &compressed_size,

@@ -15,11 +15,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <new>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "agent/host/malloc_policy.h"
 #include "bench/origin/telemetry.h"
 #include "config/kzemm_config.h"
 #include "engine/kzemm_loader.h"
@@ -113,93 +115,140 @@ char *fresh_copy(const char *data, size_t size) {
     return copy;
 }
 
-// Microseconds of one bare call; out_size becomes the compressed size.
-double bare_call(const char *data, size_t size, std::vector<Bytef> &out, uLongf &out_size) {
+// What one call cost.
+struct cost {
+    double us;
+    long faults;
+};
+
+template <typename call>
+cost measure_call(const call &run) {
+    const long faults = page_faults();
+    const double begun = now_us();
+    run();
+    const double spent = now_us() - begun;
+    return {spent, page_faults() - faults};
+}
+
+// One bare call; out_size becomes the compressed size.
+cost bare_call(const char *data, size_t size, std::vector<Bytef> &out, uLongf &out_size) {
     char *copy = fresh_copy(data, size);
     out_size = out.size();
-    const double begun = now_us();
-    if (compress(out.data(), &out_size, reinterpret_cast<const Bytef *>(copy), size) != Z_OK) {
-        abort();
-    }
-    const double spent = now_us() - begun;
+    const cost spent = measure_call([&] {
+        if (compress(out.data(), &out_size, reinterpret_cast<const Bytef *>(copy), size) != Z_OK) {
+            abort();
+        }
+    });
     __real_free(copy);
     return spent;
 }
 
-// Microseconds of one delivery, which releases the buffer.
-double delivery(const char *data, size_t size) {
+// One delivery, which releases the buffer.
+cost delivery(const char *data, size_t size) {
     char *copy = fresh_copy(data, size);
-    const double begun = now_us();
-    kzemm_work::qd_origin_cb(copy, static_cast<unsigned int>(size), nullptr);
-    return now_us() - begun;
+    held = 0;
+    peak = 0;
+    return measure_call(
+        [&] { kzemm_work::qd_origin_cb(copy, static_cast<unsigned int>(size), nullptr); });
+}
+
+double median_of(const std::vector<cost> &costs, double (*field)(const cost &)) {
+    std::vector<double> values;
+    std::transform(costs.begin(), costs.end(), std::back_inserter(values), field);
+    return median(values);
+}
+
+double us_of(const cost &each) {
+    return each.us;
+}
+
+double faults_of(const cost &each) {
+    return static_cast<double>(each.faults);
 }
 
 void measure(const std::string &corpus, size_t size) {
     const size_t step = (corpus.size() - size) / buffers_each;
     std::vector<Bytef> out(compressBound(size));
-    std::vector<double> bare;
-    std::vector<double> whole;
+    std::vector<cost> bare;
+    std::vector<cost> whole;
     std::vector<double> ratios;
-    long faults = 0;
     size_t most_held = 0;
     double most_share = 0;
     const size_t warm_up = 8;
     for (size_t i = 0; i < buffers_each + warm_up; ++i) {
         const char *data = corpus.data() + (i % buffers_each) * step;
-        double bare_us = 0;
-        double whole_us = 0;
         uLongf compressed_size = 0;
-        const bool bare_first = i % 2 == 0;  // neither side always runs second
-        if (bare_first) {
-            bare_us = bare_call(data, size, out, compressed_size);
-        }
-        held = 0;
-        peak = 0;
-        const long faults_before = page_faults();
-        whole_us = delivery(data, size);
-        const long faults_of_call = page_faults() - faults_before;
-        if (!bare_first) {
-            bare_us = bare_call(data, size, out, compressed_size);
+        cost bare_cost = {};
+        cost whole_cost = {};
+        if (i % 2 == 0) {  // neither side always runs second
+            bare_cost = bare_call(data, size, out, compressed_size);
+            whole_cost = delivery(data, size);
+        } else {
+            whole_cost = delivery(data, size);
+            bare_cost = bare_call(data, size, out, compressed_size);
         }
         if (i < warm_up) {
             continue;
         }
-        faults += faults_of_call;
+        bare.push_back(bare_cost);
+        whole.push_back(whole_cost);
+        ratios.push_back(whole_cost.us / bare_cost.us);
         // The delivered buffer, its bound and the frame: what may be held at most.
         const size_t allowed = size + compressBound(size) + compressed_size + frame_header_size;
-        most_held = std::max(most_held, peak.load() + size);
-        most_share = std::max(
-            most_share, static_cast<double>(peak.load() + size) / static_cast<double>(allowed));
-        bare.push_back(bare_us);
-        whole.push_back(whole_us);
-        ratios.push_back(whole_us / bare_us);
+        const size_t held_by_call = peak.load() + size;
+        most_held = std::max(most_held, held_by_call);
+        most_share =
+            std::max(most_share, static_cast<double>(held_by_call) / static_cast<double>(allowed));
     }
-    const double bare_median = median(bare);
-    const double whole_median = median(whole);
-    const double allowed = static_cast<double>(compressBound(size) + size);  // buffer and bound
-    printf("%9zu  %11.1f  %11.1f  %6.3f  %6.3f  %8.1f  %9.1f  %9zu  %9.4f\n", size, bare_median,
-           whole_median, whole_median / bare_median, median(ratios),
-           static_cast<double>(size) / whole_median, static_cast<double>(faults) / buffers_each,
-           most_held, most_share);
+    const double bare_us = median_of(bare, us_of);
+    const double whole_us = median_of(whole, us_of);
+    printf("%9zu %10.1f %11.1f %6.3f %6.3f %7.1f %11.0f %15.0f %10zu %10.4f\n", size, bare_us,
+           whole_us, whole_us / bare_us, median(ratios), static_cast<double>(size) / whole_us,
+           median_of(bare, faults_of), median_of(whole, faults_of), most_held, most_share);
     fflush(stdout);
 }
 
 }  // namespace
 
-int main() {
+// Usage: bench_origin [--default-malloc] [BYTES...]; without sizes, from 1 KB to 8 MB in doublings.
+// Memory is kept as the reference host keeps it, or as the C library does by default.
+int main(int argc, char **argv) {
     setenv("KZE_AGENT_HOME", BENCH_HOME, 1);
+    std::vector<size_t> sizes;
+    bool default_malloc = false;
+    for (int i = 1; i < argc; ++i) {
+        if (strcmp(argv[i], "--default-malloc") == 0) {
+            default_malloc = true;
+        } else {
+            sizes.push_back(strtoul(argv[i], nullptr, 10));
+        }
+    }
+    if (!default_malloc) {
+        kze::keep_freed_memory();
+    }
+    if (sizes.empty()) {
+        for (size_t size = 1024; size <= size_t{8} << 20; size *= 2) {
+            sizes.push_back(size);
+        }
+    }
+    if (std::any_of(sizes.begin(), sizes.end(),
+                    [](size_t size) { return size == 0 || size > corpus_size / 2; })) {
+        fprintf(stderr, "a size is a number of bytes from 1 to %zu\n", corpus_size / 2);
+        return 2;
+    }
     kzemm_config_inspector::turn_report_on();
     if (kzemm_loader::get_instance().init() != 0) {
         fprintf(stderr, "the stub libraries are not in " BENCH_HOME "/..\n");
         return 1;
     }
     const std::string corpus = make_telemetry(corpus_size, 1);
-    printf("Origin data: the callback against compress() alone; %zu distinct buffers a size\n",
-           buffers_each);
-    printf("%9s  %11s  %11s  %6s  %6s  %8s  %9s  %9s  %9s\n", "bytes", "bare us", "callback us",
-           "ratio", "paired", "MB/s", "faults", "peak held", "of allowed");
-    std::thread engine_thread([&corpus] {
-        for (size_t size = 1024; size <= size_t{8} << 20; size *= 2) {
+    printf("Origin data: the callback against compress() alone; %zu distinct buffers a size; %s\n",
+           buffers_each,
+           default_malloc ? "memory as the C library keeps it" : "memory as the host keeps it");
+    printf("%9s %10s %11s %6s %6s %7s %11s %15s %10s %10s\n", "bytes", "bare us", "callback us",
+           "ratio", "paired", "MB/s", "bare faults", "callback faults", "peak held", "of allowed");
+    std::thread engine_thread([&corpus, &sizes] {
+        for (const size_t size : sizes) {
             measure(corpus, size);
         }
     });

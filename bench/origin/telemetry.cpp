@@ -3,7 +3,18 @@
 #include <array>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <random>
+#include <string_view>
+
+namespace {
+
+// One executable has one MD5, on all of its lines.
+uint64_t digest(const char *program) {
+    return std::mt19937_64(std::hash<std::string_view>{}(program))();
+}
+
+}  // namespace
 
 std::string make_telemetry(size_t size, unsigned int seed) {
     static constexpr std::array programs = {
