@@ -44,7 +44,7 @@ KZAUTIL_API int kze_dirutils_path_transform(const char *path, char *out, unsigne
 /*
  * Makes the directory `path` with permissions `mode` (less the umask), and missing parents, whose
  * owner may always write them. 0 also when the directory exists, whose mode then stays. A file in
- * the way gives EEXIST or ENOTDIR.
+ * the way gives EEXIST.
  */
 KZAUTIL_API int kze_dirutils_mkdir(const char *path, unsigned int mode);
 

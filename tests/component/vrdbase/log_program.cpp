@@ -86,7 +86,7 @@ int fork_while_threads_log() {
     for (int i = 0; i < 30; ++i) {
         const pid_t child = fork();
         if (child == 0) {
-            kze_log(1, "child %d", getpid());
+            kze_log(1, "record of child %d", i);
             _exit(0);
         }
         if (child < 0 || !ends_well(child))
