@@ -5,6 +5,7 @@
 #include <system_error>
 #include <utility>
 
+#include "agent/common/json_text.h"
 #include "vrdbase.h"
 #include "vrdcl_ev.h"
 
@@ -24,19 +25,15 @@ std::string to_text(const json &value) {
     return value.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 
-json parse(const char *data, unsigned int len) {
-    return len == 0 ? json(json::value_t::discarded)
-                    : json::parse(data, data + len, nullptr, /* throws */ false);
-}
-
 std::optional<json> handle(const char *data, unsigned int len, const control_ticket &ticket,
                            const control_later_handler &handler) {
-    const json request = parse(data, len);
-    if (!request.is_object()) {
-        return control_error("the request is no JSON object");
+    std::string problem = "it is no object";
+    const std::optional<json> request = parse_json({data, len}, problem);
+    if (!request || !request->is_object()) {
+        return control_error("the request can't be read: " + problem);
     }
     try {
-        return handler(request, ticket);
+        return handler(*request, ticket);
     } catch (const std::exception &failure) {
         return control_error(failure.what());
     }
@@ -82,9 +79,11 @@ void take_answer(call &pending, int status, const char *data, unsigned int len) 
         pending.result.status = status;
         return;
     }
-    json answer = parse(data, len);
-    if (!answer.is_object()) {
-        pending.result.error = "\"" + pending.endpoint + "\" gave an answer that is no JSON object";
+    std::string problem = "it is no object";
+    std::optional<json> answer = parse_json({data, len}, problem);
+    if (!answer || !answer->is_object()) {
+        pending.result.error =
+            "the answer of \"" + pending.endpoint + "\" can't be read: " + problem;
         return;
     }
     pending.result.answer = std::move(answer);

@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <memory>
 
+#include "agent/common/descriptor.h"
+
 namespace kze {
 namespace {
 
@@ -23,15 +25,15 @@ std::string to_hex(const unsigned char *bytes, unsigned int count) {
     return text;
 }
 
-bool is_regular(int descriptor) {
+bool is_regular(int file) {
     struct stat info {};
-    return fstat(descriptor, &info) == 0 && S_ISREG(info.st_mode);
+    return fstat(file, &info) == 0 && S_ISREG(info.st_mode);
 }
 
 }  // namespace
 
-std::optional<std::string> md5_of_descriptor(int descriptor) {
-    if (!is_regular(descriptor)) {
+std::optional<std::string> md5_of_descriptor(int file) {
+    if (!is_regular(file)) {
         return std::nullopt;
     }
     std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context(EVP_MD_CTX_new(),
@@ -42,7 +44,7 @@ std::optional<std::string> md5_of_descriptor(int descriptor) {
     std::array<char, 64 * 1024> block;
     off_t offset = 0;
     for (;;) {
-        const ssize_t got = pread(descriptor, block.data(), block.size(), offset);
+        const ssize_t got = pread(file, block.data(), block.size(), offset);
         if (got < 0 && errno == EINTR) {
             continue;
         }
@@ -67,13 +69,8 @@ std::optional<std::string> md5_of_descriptor(int descriptor) {
 
 std::optional<std::string> md5_of_file(const std::string &path) {
     /* O_NONBLOCK: the open of a FIFO would wait for its writer. */
-    const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-    if (descriptor < 0) {
-        return std::nullopt;
-    }
-    std::optional<std::string> digest = md5_of_descriptor(descriptor);
-    close(descriptor);
-    return digest;
+    const descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    return file.valid() ? md5_of_descriptor(file.get()) : std::nullopt;
 }
 
 }  // namespace kze

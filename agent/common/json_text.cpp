@@ -1,0 +1,43 @@
+#include "agent/common/json_text.h"
+
+#include <algorithm>
+#include <cstddef>
+
+namespace kze {
+namespace {
+
+using nlohmann::json;
+
+/* Where the byte number `byte`, counted from 1, stands. */
+std::string position(std::string_view text, std::size_t byte) {
+    const std::string_view before = text.substr(0, byte == 0 ? 0 : byte - 1);
+    const auto line = std::count(before.begin(), before.end(), '\n') + 1;
+    const std::size_t line_start = before.rfind('\n') + 1; /* npos + 1 is 0 */
+    return "line " + std::to_string(line) + ", column " +
+           std::to_string(before.size() - line_start + 1);
+}
+
+}  // namespace
+
+std::optional<json> parse_json(std::string_view text, std::string &problem) {
+    bool too_deep = false;
+    const auto bounded = [&too_deep](int depth, json::parse_event_t, const json &) {
+        too_deep = too_deep || depth > json_depth_bound;
+        return !too_deep;
+    };
+    try {
+        json parsed = json::parse(text.begin(), text.end(), bounded);
+        if (too_deep) {
+            problem = "arrays and objects lie deeper than " + std::to_string(json_depth_bound);
+            return std::nullopt;
+        }
+        return parsed;
+    } catch (const json::parse_error &failure) {
+        problem = position(text, failure.byte) + ": not valid JSON";
+    } catch (const json::exception &failure) {
+        problem = failure.what(); /* a number out of range, for instance */
+    }
+    return std::nullopt;
+}
+
+}  // namespace kze

@@ -1,0 +1,41 @@
+/*
+ * What kzethtgw_async_send (libkzethtgw.3.so, declared in engine/qd_client.h) answers, and the
+ * names of the gateway's files and counters. The header depends on nothing.
+ */
+#ifndef KZE_AGENT_GATEWAY_GATEWAY_H
+#define KZE_AGENT_GATEWAY_GATEWAY_H
+
+/* Results of kzethtgw_async_send. Nothing was taken unless it is GATEWAY_ACCEPTED. */
+enum gateway_result {
+    GATEWAY_ACCEPTED = 0,
+    GATEWAY_NULL_DATA = -1,
+    GATEWAY_NO_LENGTH = -2,
+    GATEWAY_BAD_TYPE = -3,   /* outside 1 to 10 */
+    GATEWAY_TOO_LONG = -4,   /* longer than the setting record_bytes, or than the whole queue */
+    GATEWAY_QUEUE_FULL = -5, /* by bytes or by records; a later call may succeed */
+    GATEWAY_NO_MEMORY = -6,  /* a later call may succeed */
+    GATEWAY_NO_WRITER = -7,  /* the journal's thread can't be started, or the library is closing */
+};
+
+/* Paths by "@". */
+#define GATEWAY_JOURNAL_PATH "@/../var/lib/gateway.db"
+#define GATEWAY_SETTINGS_PATH "@/../config/gateway.ini"
+#define GATEWAY_LOG_PATH "@/../var/log/gateway"
+
+/* Appended to the journal's name when what lies there is no journal and is put aside. */
+#define GATEWAY_UNUSABLE_SUFFIX ".unusable"
+
+/* The journal's PRAGMA user_version. */
+#define GATEWAY_JOURNAL_VERSION 1
+
+/* Rows of the journal's table "counters"; all but the last only ever grow. */
+#define GATEWAY_COUNT_ACCEPTED "accepted" /* records written */
+#define GATEWAY_COUNT_REFUSED_INVALID                                                      \
+    "refused_invalid"                             /* GATEWAY_NULL_DATA to GATEWAY_TOO_LONG \
+                                                   */
+#define GATEWAY_COUNT_REFUSED_FULL "refused_full" /* the other refusals */
+#define GATEWAY_COUNT_LOST "lost"                 /* accepted, but never written */
+#define GATEWAY_COUNT_EXPIRED "expired"           /* deleted again to keep the size bound */
+#define GATEWAY_COUNT_STORED_BYTES "stored_bytes" /* sum of the sizes of what is there */
+
+#endif
