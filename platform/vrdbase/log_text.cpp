@@ -94,6 +94,14 @@ std::string format(const char *format, va_list arguments) {
 
 void append_escaped(std::string &out, const std::string &text) {
     for (size_t at = 0; at < text.size();) {
+        // Most of a text is a run of plain characters, which is taken over at once.
+        size_t plain = at;
+        while (plain < text.size() && text[plain] >= ' ' && text[plain] <= '~')
+            ++plain;
+        out.append(text, at, plain - at);
+        at = plain;
+        if (at == text.size())
+            break;
         const size_t length = character_length(text, at);
         if (length != 0 && !is_control(text, at, length)) {
             out.append(text, at, length);
