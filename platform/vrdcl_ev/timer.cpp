@@ -12,7 +12,8 @@ bool timer_queue::arm(const std::shared_ptr<timer> &item, std::uint64_t first_ns
     }
     item->due_ns = now_ns() + first_ns;
     item->armed = true;
-    *earliest_out = armed_.emplace(item->due_ns, item) == armed_.begin();
+    const auto place = armed_.emplace(item->due_ns, item);
+    *earliest_out = place == armed_.begin();
     return true;
 }
 
