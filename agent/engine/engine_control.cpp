@@ -1,0 +1,199 @@
+/* The engine's control requests: how a person or a test drives it. */
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "agent/common/control.h"
+#include "agent/engine/engine_server.h"
+#include "agent/engine/owned_descriptor.h"
+#include "agent/engine/process_snapshot.h"
+#include "agent/engine/service.h"
+#include "vrdbase.h"
+
+namespace kze::engine {
+namespace {
+
+using nlohmann::json;
+
+constexpr int silent_limit_s = 24 * 3600;
+constexpr std::size_t shown_text_limit = 1U << 20;
+/* Enough for the answer to leave before the process does. */
+constexpr unsigned int die_ms = 50;
+
+/* Reads a regular file whole; returns what speaks against it. */
+std::string read_file(const std::string &path, std::string &out) {
+    const owned_descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat info {};
+    if (file.get() < 0 || ::fstat(file.get(), &info) != 0) {
+        return "can't read " + path + ": " + std::strerror(errno);
+    }
+    if (!S_ISREG(info.st_mode) || info.st_size == 0) {
+        return path + " must be a file that is not empty";
+    }
+    /* What is too large shows by one byte more than may be. */
+    constexpr std::size_t read_limit = 4 * payload_limit + 1;
+    out.resize(std::min(static_cast<std::size_t>(info.st_size), read_limit));
+    std::size_t filled = 0;
+    while (filled < out.size()) {
+        const ssize_t got = ::pread(file.get(), out.data() + filled, out.size() - filled,
+                                    static_cast<off_t>(filled));
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got <= 0) {
+            return "can't read " + path;
+        }
+        filled += static_cast<std::size_t>(got);
+    }
+    return {};
+}
+
+std::string text_of(const json &request, const char *key) {
+    const auto found = request.find(key);
+    return found != request.end() && found->is_string() ? found->get<std::string>() : std::string();
+}
+
+}  // namespace
+
+json engine_server::control(const json &request) {
+    const std::string op = text_of(request, "op");
+    if (op == "status") {
+        return control_status();
+    }
+    if (engine_settings::is_settings_request(request)) {
+        if (op == "clear" && !request.contains("call")) {
+            silent_until_ = {};
+        }
+        return settings_.apply(request);
+    }
+    if (op == "push") {
+        return control_push(request);
+    }
+    if (op == "origin-now") {
+        return control_origin_now();
+    }
+    if (op == "die") {
+        return control_die(request);
+    }
+    if (op == "silent") {
+        return control_silent(request);
+    }
+    if (op == "rule-text") {
+        return control_rule_text(request);
+    }
+    return control_error("no request \"" + op +
+                         "\"; there are status, answer, clear, version, push, origin-now, die, "
+                         "silent and rule-text");
+}
+
+json engine_server::control_status() {
+    const auto uptime =
+        std::chrono::duration_cast<std::chrono::seconds>(clock::now() - started_).count();
+    json status = settings_.describe();
+    status["ok"] = true;
+    status["pid"] = ::getpid();
+    status["uptime_s"] = uptime;
+    status["silent"] = silent();
+    status["clients"] = clients_.describe();
+    status["pushes"] = pushes_;
+    calls_.describe(status);
+    return status;
+}
+
+json engine_server::control_push(const json &request) {
+    const std::string name = text_of(request, "kind");
+    const std::optional<event_kind> kind = event_of_name(name);
+    if (!kind || *kind == event_kind::completion) {
+        return control_error(
+            "\"kind\" must be alarm, linkage, append, hunting, credible, clt or "
+            "origin");
+    }
+    const std::string path = text_of(request, "file");
+    if (path.empty() || path[0] != '/') {
+        return control_error("\"file\" must be an absolute path");
+    }
+    std::string bytes;
+    const std::string error = read_file(path, bytes);
+    if (!error.empty()) {
+        return control_error(error);
+    }
+    unsigned int taken = 0;
+    if (*kind == event_kind::origin) {
+        if (!calls_.collecting()) {
+            return control_error("the collect capability is off, turn it on first");
+        }
+        const std::vector<std::uint32_t> clients = clients_.origin_subscribers();
+        taken = static_cast<unsigned int>(clients.size());
+        deliver_origin(std::move(bytes), clients);
+    } else if (bytes.size() > payload_limit) {
+        return control_error(path + " is larger than a message may be, " +
+                             std::to_string(payload_limit) + " bytes");
+    } else {
+        taken = clients_.push(*kind, bytes);
+    }
+    if (taken == 0) {
+        return control_error("no client has subscribed to " + name + ", start the agent first");
+    }
+    ++pushes_[name];
+    return {{"ok", true}, {"clients", taken}};
+}
+
+json engine_server::control_origin_now() {
+    if (!calls_.collecting()) {
+        return control_error("the collect capability is off, turn it on first");
+    }
+    const std::vector<std::uint32_t> clients = clients_.origin_subscribers();
+    if (clients.empty()) {
+        return control_error("no client has subscribed to origin data, start the agent first");
+    }
+    collector_.order(clients);
+    return {{"ok", true}, {"clients", clients.size()}};
+}
+
+json engine_server::control_die(const json &request) {
+    const auto found = request.find("stay_down");
+    if (found != request.end() && !found->is_boolean()) {
+        return control_error("\"stay_down\" must be true or false");
+    }
+    const bool stay_down = found != request.end() && found->get<bool>();
+    later(die_ms, [stay_down] {
+        kze_log(2, "told to die%s", stay_down ? " and to stay down" : "");
+        ::_exit(stay_down ? exit_stay_down : 1);
+    });
+    return {{"ok", true}, {"pid", ::getpid()}};
+}
+
+json engine_server::control_silent(const json &request) {
+    const auto found = request.find("seconds");
+    const bool given = found != request.end();
+    if (given && (!found->is_number_unsigned() || found->get<std::uint64_t>() > silent_limit_s)) {
+        return control_error(
+            "\"seconds\" must be a whole number from 0 to 86400; 0, or none, "
+            "means until \"clear\"");
+    }
+    const int seconds = given ? found->get<int>() : 0;
+    silent_until_ =
+        seconds == 0 ? clock::time_point::max() : clock::now() + std::chrono::seconds(seconds);
+    kze_log(2, "told to be silent");
+    return {{"ok", true}};
+}
+
+json engine_server::control_rule_text(const json &request) {
+    const auto found = request.find("type");
+    if (found == request.end() || !found->is_number_integer()) {
+        return control_error("\"type\" must be a capability's number");
+    }
+    const std::string *text = calls_.rule_text(found->get<int>());
+    if (text == nullptr) {
+        return control_error("no rule text has come for that type");
+    }
+    bool escaped = false;
+    const std::string shown =
+        text_of_bytes(std::string_view(*text).substr(0, shown_text_limit), escaped);
+    return {{"ok", true}, {"bytes", text->size()}, {"text", shown}, {"escaped", escaped}};
+}
+
+}  // namespace kze::engine
