@@ -14,6 +14,9 @@ if(KZEMDLMGR_SANITIZE)
     target_link_options(kze_settings INTERFACE -fsanitize=${KZEMDLMGR_SANITIZE})
 endif()
 
+# All that lies in the tree: what has to be built in order to run the agent.
+add_custom_target(agent_tree)
+
 # kze_artifact(<target> <folder>): puts the target's file into <folder> of the tree, in the build and
 # at the installation, and lets it find the agent's libraries from there. A module is named
 # as the target says, a library as CMake does.
@@ -25,6 +28,7 @@ function(kze_artifact target folder)
         BUILD_WITH_INSTALL_RPATH ON
         INSTALL_RPATH "$ORIGIN/${up}/lib")
     target_link_libraries(${target} PRIVATE kze_settings)
+    add_dependencies(agent_tree ${target})
     install(TARGETS ${target} RUNTIME DESTINATION ${folder} LIBRARY DESTINATION ${folder})
 endfunction()
 
