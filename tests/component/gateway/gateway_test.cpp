@@ -15,6 +15,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/process_state.h"
 #include "tests/support/temp_tree.h"
+#include "vrdbase.h"
 
 namespace {
 
@@ -346,12 +347,13 @@ TEST_F(gateway, never_gives_an_id_twice_even_when_all_records_expire) {
 
 TEST_F(gateway, ignores_settings_out_of_their_range_and_says_so) {
     set("queue_records = 0\nrecord_bytes = many\n");
+    autolog_init(tree_.path("var/log/sender").c_str(), 1);
     const gateway_library library;
     EXPECT_EQ(library.send(KZEMM_DATA_ALARM, std::string(1000, 'x')), GATEWAY_ACCEPTED);
     ASSERT_TRUE(eventually_holds(1));
-    const std::string host_log = tree_.read("var/log/host/host.log");
-    EXPECT_THAT(host_log, HasSubstr("gateway.ini: queue_records = 0"));
-    EXPECT_THAT(host_log, HasSubstr("gateway.ini: record_bytes = many"));
+    const std::string sender_log = tree_.read("var/log/sender/sender.log");
+    EXPECT_THAT(sender_log, HasSubstr("gateway.ini: queue_records = 0"));
+    EXPECT_THAT(sender_log, HasSubstr("gateway.ini: record_bytes = many"));
 }
 
 TEST_F(gateway, journal_files_are_for_their_owner_only) {
