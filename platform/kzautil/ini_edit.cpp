@@ -1,11 +1,13 @@
 #include "ini_edit.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace {
 
 constexpr const char *blanks = " \t";
 constexpr const char *line_ends = "\r\n";
+constexpr const char *white_space = " \t\r\n";
 constexpr const char *byte_order_mark = "\xEF\xBB\xBF";
 constexpr size_t nowhere = std::string::npos;
 
@@ -14,51 +16,71 @@ std::string trimmed(const std::string &text) {
     return begin == nowhere ? "" : text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
 }
 
-// What is found out about a section while its text is walked through once.
-struct Place {
+// Walks once through a text and finds where a section's key stands, or would. The text is read as
+// the parser does, down to its oddities: a header's name may begin on a later line, and a header
+// without its "]" opens a section that has no name to be found by. One thread at a time.
+class Search {
+  public:
+    Search(const std::string &text, size_t start, std::string section, std::string key)
+        : text_(text),
+          section_(std::move(section)),
+          key_(std::move(key)),
+          inside_(section_.empty()) {
+        if (inside_)
+            insert_at = start;
+        for (size_t at = start; (at = text_.find_first_not_of(white_space, at)) != nowhere;)
+            at = text_[at] == '[' ? pass_header(at) : pass_line(at);
+    }
+
     size_t insert_at = nowhere;    // behind the section's last header or key line
     size_t value_begin = nowhere;  // the value of the last line with the key, without blanks
     size_t value_end = nowhere;
-};
 
-// The text's lines are read as the parser does: a header without its "]" opens a section that has
-// no name to be found by.
-Place find_place(const std::string &text, size_t start, const std::string &section,
-                 const std::string &key) {
-    Place place;
-    bool inside = section.empty();
-    if (inside)
-        place.insert_at = start;
-    for (size_t begin = start; begin < text.size();) {
-        const size_t end = std::min(text.find_first_of(line_ends, begin), text.size());
-        const size_t next = std::min(text.find_first_not_of(line_ends, end), text.size());
-        const size_t content = std::min(text.find_first_not_of(blanks, begin), end);
-        const char first = content < end ? text[content] : ';';
-        if (first == '[') {
-            const size_t close = text.find(']', content);
-            inside =
-                close < end && trimmed(text.substr(content + 1, close - content - 1)) == section;
-            if (inside)
-                place.insert_at = end;
-        } else if (inside && first != ';' && first != '#' && text.find('=', content) < end) {
-            const size_t equals = text.find('=', content);
-            place.insert_at = end;
-            if (trimmed(text.substr(content, equals - content)) == key) {
-                place.value_begin = std::min(text.find_first_not_of(blanks, equals + 1), end);
-                place.value_end = end;
-            }
-        }
-        begin = next;
+  private:
+    size_t line_end(size_t at) const {
+        return std::min(text_.find_first_of(line_ends, at), text_.size());
     }
-    return place;
-}
+
+    size_t pass_header(size_t at) {
+        inside_ = false;
+        const size_t name = text_.find_first_not_of(white_space, at + 1);
+        const size_t end = name == nowhere ? nowhere : text_.find_first_of("]\r\n", name);
+        if (end == nowhere)
+            return text_.size();
+        if (text_[end] != ']')
+            return end;
+        const size_t next = line_end(end);
+        inside_ = trimmed(text_.substr(name, end - name)) == section_;
+        if (inside_)
+            insert_at = next;
+        return next;
+    }
+
+    size_t pass_line(size_t at) {
+        const size_t end = line_end(at);
+        const size_t equals = std::min(text_.find('=', at), end);
+        if (!inside_ || text_[at] == ';' || text_[at] == '#' || equals == end)
+            return end;
+        insert_at = end;
+        if (trimmed(text_.substr(at, equals - at)) == key_) {
+            value_begin = std::min(text_.find_first_not_of(blanks, equals + 1), end);
+            value_end = end;
+        }
+        return end;
+    }
+
+    const std::string &text_;
+    const std::string section_;
+    const std::string key_;
+    bool inside_;
+};
 
 }  // namespace
 
 std::string ini_text_with(const std::string &text, const std::string &section,
                           const std::string &key, const std::string &value) {
     const size_t start = text.compare(0, 3, byte_order_mark) == 0 ? 3 : 0;
-    const Place place = find_place(text, start, section, key);
+    const Search place(text, start, section, key);
     std::string result = text;
     if (place.value_begin != nowhere)
         return result.replace(place.value_begin, place.value_end - place.value_begin, value);
