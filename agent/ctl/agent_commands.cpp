@@ -1,0 +1,294 @@
+/* kzectl up, down, reload and log-level: the agent as a whole. */
+
+#include <signal.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <CLI/CLI.hpp>
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "agent/common/tree.h"
+#include "agent/ctl/ask.h"
+#include "agent/ctl/command_line.h"
+#include "agent/ctl/host_status.h"
+#include "agent/ctl/log_files.h"
+#include "agent/ctl/processes.h"
+#include "kzautil.h"
+
+namespace kze::ctl {
+namespace {
+
+using nlohmann::json;
+
+namespace fs = std::filesystem;
+
+constexpr char host_program[] = "bin/kze_agent";
+constexpr int look_period_ms = 50;
+
+/* ---- up ---- */
+
+struct up_options {
+    bool fresh = false;
+    bool no_engine = false;
+    double timeout = 30;
+};
+
+std::string running_programs(const std::vector<tree_process> &processes) {
+    std::string text;
+    for (const tree_process &process : processes) {
+        text += (text.empty() ? "" : ", ") + process.program + " (process " +
+                std::to_string(process.pid) + ")";
+    }
+    return text;
+}
+
+void empty_directory(const std::string &path) {
+    std::error_code error;
+    fs::remove_all(path, error);
+    if (error) {
+        throw failure(exit_failed, "can't empty " + path + ": " + error.message());
+    }
+}
+
+/* What earlier runs left: logs, journal, sockets. Configuration stays. */
+void make_fresh() {
+    const std::vector<tree_process> running = tree_processes();
+    if (!running.empty()) {
+        throw failure(exit_failed, "this tree is in use by " + running_programs(running) +
+                                       "; stop it with \"kzectl down\" first");
+    }
+    empty_directory(tree_root() + "/var");
+    empty_directory(tree_root() + "/run");
+}
+
+void make_directories() {
+    for (const char *path : {"@/../var/log", "@/../var/lib", "@/../run"}) {
+        const std::string directory = tree_path(path);
+        if (kze_dirutils_mkdir(directory.c_str(), 0700) != 0) {
+            throw failure(exit_failed, "can't make " + directory);
+        }
+    }
+}
+
+void start_engine() {
+    const finished_command done = run_command({tree_path("@/vrd_services"), "start", "10qd_agent"});
+    if (done.status != 0) {
+        throw failure(exit_failed, "the engine doesn't start: " + printable(done.output) +
+                                       "\nIts log: " + log_path("engine"));
+    }
+}
+
+/* Waits until the host answers and has called the plug-ins' init. */
+host_status wait_for_host(pid_t child, const deadline &until) {
+    for (;;) {
+        std::string ended;
+        if (child_has_ended(child, ended)) {
+            throw failure(exit_failed, "the host " + ended + "; see " + log_path("host") + " and " +
+                                           log_path("output"));
+        }
+        if (const auto answer = ask_if_running(host_endpoint, {{"op", "status"}})) {
+            const host_status status = read_host_status(*answer);
+            if (status.ready) {
+                return status;
+            }
+        }
+        if (until.passed()) {
+            throw failure(exit_timed_out, "the host, process " + std::to_string(child) +
+                                              ", isn't ready in time and goes on starting; see " +
+                                              log_path("host") +
+                                              ", or end it with \"kzectl down\"");
+        }
+        until.pause_ms(look_period_ms);
+    }
+}
+
+std::string failed_plugins(const host_status &status) {
+    std::string text;
+    for (const host_plugin &plugin : status.plugins) {
+        if (!plugin.initialised) {
+            text += (text.empty() ? "" : ", ") + plugin.name + " (" + plugin.state + ")";
+        }
+    }
+    return text;
+}
+
+/* A host that runs without one of its plug-ins is up, but that's not what was asked for. */
+exit_status tell_host(const host_status &status, const std::string &what, const output &out) {
+    const std::string failed = failed_plugins(status);
+    if (!failed.empty()) {
+        throw failure(exit_failed, "the host runs, process " + std::to_string(status.pid) +
+                                       ", but without " + failed + "; see " + log_path("host"));
+    }
+    out.done(what + ", process " + std::to_string(status.pid) + ", " +
+                 std::to_string(status.plugins.size()) + " plug-in" +
+                 (status.plugins.size() == 1 ? "" : "s") + " initialised",
+             {{"pid", status.pid}});
+    return exit_done;
+}
+
+exit_status up(const up_options &options, const output &out) {
+    if (options.fresh) {
+        make_fresh();
+    }
+    make_directories();
+    const deadline until(options.timeout);
+    if (!options.no_engine) {
+        start_engine();
+    }
+    if (const auto answer = ask_if_running(host_endpoint, {{"op", "status"}})) {
+        return tell_host(read_host_status(*answer), "The agent is already up", out);
+    }
+    const pid_t host = start_daemon({tree_path("@/kze_agent")}, log_path("output"));
+    return tell_host(wait_for_host(host, until), "The agent is up", out);
+}
+
+/* ---- down ---- */
+
+/* Signals a process only if it still is the one that was found. */
+void signal_process(const tree_process &process, int number) {
+    const int descriptor = static_cast<int>(::syscall(SYS_pidfd_open, process.pid, 0U));
+    if (descriptor < 0) {
+        return;
+    }
+    for (const tree_process &now : tree_processes(process.program)) {
+        if (now.pid == process.pid) {
+            ::syscall(SYS_pidfd_send_signal, descriptor, number, nullptr, 0U);
+        }
+    }
+    ::close(descriptor);
+}
+
+/* Returns whether all have ended by themselves. */
+bool wait_for_all(const std::vector<tree_process> &processes, const deadline &until) {
+    bool all = true;
+    for (const tree_process &process : processes) {
+        all = wait_for_end(process.pid, until) && all;
+    }
+    return all;
+}
+
+/* Asks, and where nobody answers signals, the host to end. */
+void tell_host_to_stop() {
+    bool answered = false;
+    try {
+        answered = ask_if_running(host_endpoint, {{"op", "stop"}}).has_value();
+    } catch (const failure &) {
+        answered = false; /* a host that can't be asked is ended all the same */
+    }
+    if (!answered) {
+        for (const tree_process &process : tree_processes(host_program)) {
+            signal_process(process, SIGTERM);
+        }
+    }
+}
+
+/* Ends what is there by SIGKILL and returns its description. */
+std::string kill_processes(const std::vector<tree_process> &processes) {
+    for (const tree_process &process : processes) {
+        signal_process(process, SIGKILL);
+    }
+    constexpr double kill_seconds = 5;
+    if (!wait_for_all(processes, deadline(kill_seconds))) {
+        throw failure(exit_failed, "can't end " + running_programs(tree_processes()));
+    }
+    return running_programs(processes);
+}
+
+exit_status down(double timeout, const output &out) {
+    std::string forced;
+    const bool anything = !tree_processes().empty();
+    const std::vector<tree_process> hosts = tree_processes(host_program);
+    if (!hosts.empty()) {
+        tell_host_to_stop();
+        if (!wait_for_all(hosts, deadline(timeout))) {
+            forced = kill_processes(tree_processes(host_program));
+        }
+    }
+    if (!tree_processes().empty()) {
+        run_command({tree_path("@/vrd_services"), "stop", "10qd_agent"});
+    }
+    if (const std::vector<tree_process> left = tree_processes(); !left.empty()) {
+        forced += (forced.empty() ? "" : ", ") + kill_processes(left);
+    }
+    if (!forced.empty()) {
+        throw failure(exit_timed_out,
+                      "the agent is down, but these did not end by themselves and "
+                      "were killed: " +
+                          forced);
+    }
+    out.done(anything ? "The agent is down, no process is left" : "The agent was not up");
+    return exit_done;
+}
+
+/* ---- reload, log-level ---- */
+
+exit_status reload(double timeout, const output &out) {
+    const json answer = ask(host_endpoint, {{"op", "reload"}}, static_cast<unsigned int>(timeout));
+    out.done("The plug-ins are stopped and started again", answer);
+    return exit_done;
+}
+
+exit_status log_level(const std::optional<int> &level, const output &out) {
+    if (!level) {
+        const json answer = ask(host_endpoint, {{"op", "status"}});
+        const int now = read_host_status(answer).log_level;
+        out.done(std::to_string(now), {{"level", now}});
+        return exit_done;
+    }
+    ask(host_endpoint, {{"op", "log-level"}, {"level", *level}});
+    out.done("The log level is " + std::to_string(*level), {{"level", *level}});
+    return exit_done;
+}
+
+void add_up(CLI::App &app, command_line &line) {
+    auto options = std::make_shared<up_options>();
+    CLI::App *command = add_command(app, "up", "Starts the engine and the host, and waits for them",
+                                    "kzectl up --fresh");
+    command->add_flag("--fresh", options->fresh,
+                      "Begin without logs and journal of earlier runs; configuration stays");
+    command->add_flag("--no-engine", options->no_engine, "Start the host alone");
+    add_seconds(command, "--timeout", options->timeout, "How long to wait");
+    on_chosen(command, line, [&line, options] { return up(*options, line.out); });
+}
+
+void add_down(CLI::App &app, command_line &line) {
+    auto timeout = std::make_shared<double>(20);
+    CLI::App *command = add_command(
+        app, "down", "Stops the host and the engine; no process is left", "kzectl down --timeout 5",
+        "What does not end by itself is killed; the exit status is then 4.");
+    add_seconds(command, "--timeout", *timeout, "How long the host has to end by itself");
+    on_chosen(command, line, [&line, timeout] { return down(*timeout, line.out); });
+}
+
+void add_reload(CLI::App &app, command_line &line) {
+    auto timeout = std::make_shared<double>(60);
+    CLI::App *command =
+        add_command(app, "reload", "Stops the host's plug-ins and starts them again",
+                    "kzectl reload", "They read their configuration anew.");
+    add_seconds(command, "--timeout", *timeout, "How long to wait");
+    on_chosen(command, line, [&line, timeout] { return reload(*timeout, line.out); });
+}
+
+void add_log_level(CLI::App &app, command_line &line) {
+    auto level = std::make_shared<std::optional<int>>();
+    CLI::App *command = add_command(
+        app, "log-level", "Tells or changes what the host and its plug-ins log",
+        "kzectl log-level 4",
+        "0 fatal, 1 and errors, 2 and warnings, 3 and progress, 4 and everything else.");
+    command->add_option("LEVEL", *level, "The new level")->check(CLI::Range(0, 4).description(""));
+    on_chosen(command, line, [&line, level] { return log_level(*level, line.out); });
+}
+
+}  // namespace
+
+void add_agent_commands(CLI::App &app, command_line &line) {
+    add_up(app, line);
+    add_down(app, line);
+    add_reload(app, line);
+    add_log_level(app, line);
+}
+
+}  // namespace kze::ctl

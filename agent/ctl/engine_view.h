@@ -1,0 +1,19 @@
+/* The engine's status for a person's eye. */
+#ifndef KZE_AGENT_CTL_ENGINE_VIEW_H
+#define KZE_AGENT_CTL_ENGINE_VIEW_H
+
+#include <nlohmann/json.hpp>
+
+#include "agent/ctl/output.h"
+
+namespace kze::ctl {
+
+/* Capabilities, clients, set answers and versions of an engine's status answer. */
+void print_engine(const nlohmann::json &status, const output &out);
+
+/* The capabilities alone, on and off, several on a line. */
+void print_capabilities(const nlohmann::json &status, const output &out, std::size_t indent);
+
+}  // namespace kze::ctl
+
+#endif

@@ -1,0 +1,224 @@
+#include "agent/ctl/log_files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cerrno>
+#include <filesystem>
+#include <utility>
+
+#include "agent/common/tree.h"
+#include "agent/ctl/failure.h"
+
+namespace kze::ctl {
+namespace {
+
+namespace fs = std::filesystem;
+
+/* Under var/log. These may be named before their files are there. */
+struct known_log {
+    const char *name;
+    const char *path;
+};
+
+constexpr std::array<known_log, 6> known_logs = {{
+    {"worker", "agent/kzemdlmgr/kzemdlmgr.log"},
+    {"host", "host/host.log"},
+    {"engine", "qd_agent/qd_agent.log"},
+    {"gateway", "gateway/gateway.log"},
+    {"services", "vrd_services/supervisor/supervisor.log"},
+    {"output", "kze_agent.out"},
+}};
+
+std::string log_directory() {
+    return tree_path("@/../var/log");
+}
+
+bool is_rotated(const fs::path &file) {
+    const std::string number = file.stem().extension().string();
+    return number.size() > 1 && std::all_of(number.begin() + 1, number.end(), [](char c) {
+               return std::isdigit(static_cast<unsigned char>(c)) != 0;
+           });
+}
+
+bool is_known(const std::string &path) {
+    return std::any_of(known_logs.begin(), known_logs.end(), [&](const known_log &known) {
+        return path == log_directory() + "/" + known.path;
+    });
+}
+
+/* The logs that have no name of their own: by the file's name without ".log". */
+std::vector<std::pair<std::string, std::string>> other_logs() {
+    std::vector<std::pair<std::string, std::string>> found;
+    std::error_code ignored;
+    for (const auto &entry : fs::recursive_directory_iterator(log_directory(), ignored)) {
+        const fs::path &path = entry.path();
+        if (path.extension() == ".log" && !is_rotated(path) && !is_known(path.string())) {
+            found.emplace_back(path.stem().string(), path.string());
+        }
+    }
+    std::sort(found.begin(), found.end());
+    return found;
+}
+
+/* "a/name.log" becomes "a/name.1.log". */
+std::string rotated_path(const std::string &path) {
+    const std::size_t dot = path.rfind('.');
+    return path.substr(0, dot) + ".1" + path.substr(dot);
+}
+
+std::string next_word(std::string &rest) {
+    const std::size_t end = std::min(rest.find(' '), rest.size());
+    std::string word = rest.substr(0, end);
+    rest.erase(0, std::min(end + 1, rest.size()));
+    return word;
+}
+
+}  // namespace
+
+std::vector<std::string> log_names() {
+    std::vector<std::string> names;
+    for (const known_log &known : known_logs) {
+        names.emplace_back(known.name);
+    }
+    for (const auto &[name, path] : other_logs()) {
+        names.push_back(name);
+    }
+    return names;
+}
+
+std::string log_path(const std::string &name) {
+    for (const known_log &known : known_logs) {
+        if (name == known.name) {
+            return log_directory() + "/" + known.path;
+        }
+    }
+    for (const auto &[other, path] : other_logs()) {
+        if (name == other) {
+            return path;
+        }
+    }
+    std::string text = "no log \"" + name + "\"; there are";
+    for (const std::string &known : log_names()) {
+        text += " " + known;
+    }
+    throw failure(exit_not_there, text);
+}
+
+std::optional<log_record> parse_log_line(const std::string &line) {
+    log_record record;
+    std::string rest = line;
+    record.time = next_word(rest);
+    record.time += " " + next_word(rest);
+    record.level = next_word(rest);
+    record.thread = next_word(rest);
+    record.source = next_word(rest);
+    record.text = rest;
+    static const std::array<const char *, 5> levels = {"FATAL", "ERROR", "WARN", "INFO", "DEBUG"};
+    if (std::find(levels.begin(), levels.end(), record.level) == levels.end()) {
+        return std::nullopt;
+    }
+    return record;
+}
+
+log_reader::log_reader(std::string path, off_t offset)
+    : path_(std::move(path)), wanted_offset_(offset) {}
+
+log_reader::~log_reader() {
+    if (file_ >= 0) {
+        ::close(file_);
+    }
+}
+
+bool log_reader::open_at(const std::string &path, off_t offset) {
+    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (file < 0) {
+        return false;
+    }
+    if (file_ >= 0) {
+        ::close(file_);
+    }
+    file_ = file;
+    buffer_.clear();
+    buffer_offset_ = offset;
+    return true;
+}
+
+bool log_reader::open_first() {
+    if (file_size(path_) >= wanted_offset_) {
+        return open_at(path_, wanted_offset_);
+    }
+    const std::string older = rotated_path(path_);
+    return file_size(older) >= wanted_offset_ ? open_at(older, wanted_offset_) : open_at(path_, 0);
+}
+
+/* Reads what was written meanwhile. False when there is nothing new. */
+bool log_reader::fill() {
+    std::array<char, 64 * 1024> block;
+    const off_t from = buffer_offset_ + static_cast<off_t>(buffer_.size());
+    ssize_t got = 0;
+    do {
+        got = ::pread(file_, block.data(), block.size(), from);
+    } while (got < 0 && errno == EINTR);
+    if (got <= 0) {
+        return false;
+    }
+    buffer_.append(block.data(), static_cast<std::size_t>(got));
+    return true;
+}
+
+/* At the end of a file that isn't the one at our path any more. */
+bool log_reader::go_on_with_newer_file() {
+    struct stat ours {};
+    struct stat there {};
+    if (::fstat(file_, &ours) != 0 || ::stat(path_.c_str(), &there) != 0 ||
+        (ours.st_ino == there.st_ino && ours.st_dev == there.st_dev)) {
+        return false;
+    }
+    /* Records may have come between our last read and the renaming. */
+    return fill() || open_at(path_, 0);
+}
+
+std::optional<log_line> log_reader::next() {
+    if (file_ < 0 && !open_first()) {
+        return std::nullopt;
+    }
+    for (;;) {
+        const std::size_t end = buffer_.find('\n');
+        if (end != std::string::npos) {
+            log_line line;
+            line.text = buffer_.substr(0, end);
+            line.offset = buffer_offset_;
+            buffer_.erase(0, end + 1);
+            buffer_offset_ += static_cast<off_t>(end + 1);
+            line.next = buffer_offset_;
+            return line;
+        }
+        if (!fill() && !go_on_with_newer_file()) {
+            return std::nullopt;
+        }
+    }
+}
+
+off_t offset_of_last_lines(const std::string &path, unsigned int count) {
+    std::vector<off_t> beginnings;
+    log_reader reader(path, 0);
+    while (const std::optional<log_line> line = reader.next()) {
+        beginnings.push_back(line->offset);
+    }
+    if (count == 0) {
+        return file_size(path);
+    }
+    return beginnings.size() <= count ? 0 : beginnings[beginnings.size() - count];
+}
+
+off_t file_size(const std::string &path) {
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0 ? info.st_size : 0;
+}
+
+}  // namespace kze::ctl

@@ -1,0 +1,271 @@
+#include "agent/ctl/records.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <optional>
+#include <sstream>
+
+#include "agent/gateway/frame.h"
+#include "engine/qd_client.h"
+
+namespace kze::ctl {
+namespace {
+
+using gateway::frame;
+using gateway::journal_entry;
+using gateway::journal_record;
+using nlohmann::json;
+
+constexpr unsigned int zlib_compressed = 2;
+
+std::string percentage(std::uint64_t part, std::uint64_t whole) {
+    std::array<char, 32> text;
+    std::snprintf(
+        text.data(), text.size(), "%.1f %%",
+        whole == 0 ? 0.0 : 100.0 * static_cast<double>(part) / static_cast<double>(whole));
+    return text.data();
+}
+
+std::string type_text(int type) {
+    return std::to_string(type) + " " + gateway::data_type_name(type);
+}
+
+/* Only what the plug-in makes itself carries a module header; the rest is the engine's own. */
+bool is_framed(int type) {
+    return type == KZEMM_DATA_ORIGIN || type == KZEMM_DATA_CTMIOA_RESULT ||
+           type == KZEMM_DATA_CTMIOA_HELLO || type == KZEMM_DATA_CREDIBLE;
+}
+
+std::string brief(const journal_entry &entry) {
+    const auto size = static_cast<std::size_t>(entry.size);
+    const frame head = gateway::decode_header(entry.beginning, size);
+    if (!is_framed(entry.type) || !head.has_header) {
+        return "\"" + printable(entry.beginning) +
+               (size > entry.beginning.size() ? "\" ..." : "\"");
+    }
+    if (head.compress_flag == zlib_compressed) {
+        return human_size(head.msg_len) + " raw, compressed to " +
+               percentage(head.payload_size, head.msg_len);
+    }
+    return "frame of type " + std::to_string(head.proto_type);
+}
+
+json frame_json(const frame &decoded) {
+    return {{"proto_type", decoded.proto_type},
+            {"compress_flag", decoded.compress_flag},
+            {"net_order", decoded.net_order},
+            {"msg_len", decoded.msg_len},
+            {"payload_size", decoded.payload_size},
+            {"content_size", decoded.content.size()},
+            {"problem", decoded.problem}};
+}
+
+bool is_text(const std::string &bytes) {
+    const bool controls = std::any_of(bytes.begin(), bytes.end(), [](char c) {
+        const auto byte = static_cast<unsigned char>(c);
+        return byte == 0x7FU || (byte < 0x20U && c != '\n' && c != '\t' && c != '\r');
+    });
+    return !controls && is_utf8(bytes);
+}
+
+std::string hex_line(const std::string &bytes, std::size_t from) {
+    const std::size_t count = std::min<std::size_t>(16, bytes.size() - from);
+    std::array<char, 96> text;
+    std::snprintf(text.data(), text.size(), "%08zx ", from);
+    std::string line = text.data();
+    for (std::size_t i = 0; i < 16; ++i) {
+        if (i < count) {
+            std::snprintf(text.data(), text.size(), " %02x",
+                          static_cast<unsigned char>(bytes[from + i]));
+            line += text.data();
+        } else {
+            line += "   ";
+        }
+    }
+    line += "  ";
+    for (std::size_t i = 0; i < count; ++i) {
+        const char c = bytes[from + i];
+        line += c >= ' ' && c <= '~' ? c : '.';
+    }
+    return line;
+}
+
+/* The process list of an origin record, one object a line; nothing when it is something else. */
+std::optional<std::vector<json>> processes_of(const std::string &content) {
+    std::vector<json> processes;
+    std::istringstream lines(content);
+    for (std::string line; std::getline(lines, line);) {
+        json process = json::parse(line, nullptr, false);
+        if (!process.is_object() || !process.contains("pid") || !process["pid"].is_number()) {
+            return std::nullopt;
+        }
+        processes.push_back(std::move(process));
+    }
+    if (processes.empty()) {
+        return std::nullopt;
+    }
+    return processes;
+}
+
+std::string text_member(const json &object, const char *name) {
+    const auto found = object.find(name);
+    return found != object.end() && found->is_string() ? found->get<std::string>() : std::string();
+}
+
+std::string number_member(const json &object, const char *name) {
+    const auto found = object.find(name);
+    return found != object.end() && found->is_number() ? found->dump() : std::string();
+}
+
+void print_processes(const std::vector<json> &processes, const output &out) {
+    table list;
+    list.add({{"PID", look::strong},
+              {"PPID", look::strong},
+              {"USER", look::strong},
+              {"NAME", look::strong},
+              {"MD5", look::strong},
+              {"PATH", look::strong}});
+    for (const json &process : processes) {
+        list.add({{number_member(process, "pid")},
+                  {number_member(process, "ppid"), look::faint},
+                  {printable(text_member(process, "user"))},
+                  {printable(text_member(process, "name")), look::accent},
+                  {text_member(process, "md5"), look::faint},
+                  {printable(text_member(process, "path"))}});
+    }
+    list.print(out, 2);
+}
+
+void print_bytes(const std::string &bytes, const output &out) {
+    if (is_text(bytes)) {
+        std::istringstream lines(bytes);
+        for (std::string line; std::getline(lines, line);) {
+            out.line("  " + printable(line));
+        }
+        return;
+    }
+    for (std::size_t from = 0; from < bytes.size(); from += 16) {
+        out.line("  " + hex_line(bytes, from));
+    }
+}
+
+std::string size_text(std::uint64_t bytes) {
+    return human_size(bytes) +
+           (bytes < 1024 ? std::string() : " (" + std::to_string(bytes) + " bytes)");
+}
+
+void add_frame_rows(table &head, const frame &decoded) {
+    const bool compressed = decoded.compress_flag == zlib_compressed;
+    head.add({{"Frame", look::faint},
+              {"version 3200, proto_type " + std::to_string(decoded.proto_type) +
+               ", compress_flag " + std::to_string(decoded.compress_flag) +
+               (compressed ? " (zlib)" : "") + ", msg_len " + std::to_string(decoded.msg_len) +
+               (decoded.net_order ? ", big-endian" : ", little-endian")}});
+    if (compressed) {
+        head.add({{"Raw", look::faint},
+                  {size_text(decoded.content.size()) + ", compressed to " +
+                   size_text(decoded.payload_size) + ", " +
+                   percentage(decoded.payload_size, decoded.content.size())}});
+    }
+    if (!decoded.problem.empty()) {
+        head.add({{"Broken", look::bad}, {printable(decoded.problem), look::bad}});
+    }
+}
+
+/* The record's frame, where its type has one. */
+std::optional<frame> frame_of(const journal_record &record) {
+    if (!is_framed(record.entry.type)) {
+        return std::nullopt;
+    }
+    frame decoded = gateway::decode_frame(record.data);
+    if (!decoded.has_header) {
+        return std::nullopt;
+    }
+    return decoded;
+}
+
+}  // namespace
+
+std::vector<table::cell> record_row(const journal_entry &entry) {
+    return {{std::to_string(entry.id), look::strong},
+            {human_time(entry.accepted_us), look::faint},
+            {type_text(entry.type), look::accent},
+            {human_size(static_cast<std::uint64_t>(entry.size))},
+            {brief(entry)}};
+}
+
+json record_json(const journal_entry &entry) {
+    json value = {{"id", entry.id},
+                  {"accepted_us", entry.accepted_us},
+                  {"type", entry.type},
+                  {"type_name", gateway::data_type_name(entry.type)},
+                  {"size", entry.size}};
+    const frame head =
+        gateway::decode_header(entry.beginning, static_cast<std::size_t>(entry.size));
+    if (is_framed(entry.type) && head.has_header) {
+        value["frame"] = {{"proto_type", head.proto_type},
+                          {"compress_flag", head.compress_flag},
+                          {"net_order", head.net_order},
+                          {"msg_len", head.msg_len},
+                          {"payload_size", head.payload_size}};
+    }
+    return value;
+}
+
+json whole_record_json(const journal_record &record) {
+    json value = record_json(record.entry);
+    const std::optional<frame> decoded = frame_of(record);
+    const std::string &content = decoded ? decoded->content : record.data;
+    if (decoded) {
+        value["frame"] = frame_json(*decoded);
+    }
+    if (const auto processes = processes_of(content);
+        processes && record.entry.type == KZEMM_DATA_ORIGIN) {
+        value["processes"] = *processes;
+    } else if (is_text(content)) {
+        value["text"] = content;
+    } else {
+        std::string hex;
+        std::array<char, 4> digits;
+        for (const char c : content) {
+            std::snprintf(digits.data(), digits.size(), "%02x", static_cast<unsigned char>(c));
+            hex += digits.data();
+        }
+        value["hex"] = hex;
+    }
+    return value;
+}
+
+void print_record(const journal_record &record, const output &out) {
+    const std::optional<frame> decoded = frame_of(record);
+    const std::string &content = decoded ? decoded->content : record.data;
+    const auto processes = record.entry.type == KZEMM_DATA_ORIGIN
+                               ? processes_of(content)
+                               : std::optional<std::vector<json>>();
+    table head;
+    head.add({{"Record", look::faint}, {std::to_string(record.entry.id), look::strong}});
+    head.add({{"Taken", look::faint}, {human_time(record.entry.accepted_us)}});
+    head.add({{"Type", look::faint}, {type_text(record.entry.type), look::accent}});
+    head.add({{"Size", look::faint}, {size_text(record.data.size())}});
+    if (decoded) {
+        add_frame_rows(head, *decoded);
+    }
+    if (processes) {
+        head.add({{"Processes", look::faint}, {std::to_string(processes->size())}});
+    }
+    head.print(out);
+    out.line("");
+    if (processes) {
+        print_processes(*processes, out);
+    } else {
+        print_bytes(content, out);
+    }
+}
+
+std::string record_content(const journal_record &record) {
+    const std::optional<frame> decoded = frame_of(record);
+    return decoded ? decoded->content : record.data;
+}
+
+}  // namespace kze::ctl

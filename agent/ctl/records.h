@@ -1,0 +1,26 @@
+/* The gateway's records for a person's eye. */
+#ifndef KZE_AGENT_CTL_RECORDS_H
+#define KZE_AGENT_CTL_RECORDS_H
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "agent/ctl/output.h"
+#include "agent/gateway/journal.h"
+
+namespace kze::ctl {
+
+/* One record in a list: number, time, type, size and what its first bytes tell. */
+std::vector<table::cell> record_row(const gateway::journal_entry &entry);
+nlohmann::json record_json(const gateway::journal_entry &entry);
+
+/* All of a record: its head, its frame, its content as text or as bytes in hexadecimal digits. */
+void print_record(const gateway::journal_record &record, const output &out);
+nlohmann::json whole_record_json(const gateway::journal_record &record);
+
+/* What a record carries: the content of its frame where it has one, inflated, otherwise all. */
+std::string record_content(const gateway::journal_record &record);
+
+}  // namespace kze::ctl
+
+#endif
