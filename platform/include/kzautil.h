@@ -123,8 +123,8 @@ KZAUTIL_API int kze_ini_file_set(void *ini, const char *section, const char *key
  * Writes the document to `path`: what was read, comments and all, with what was set. `flags` must
  * be 0. The file is written beside the target, synced and renamed into place: after a crash the old
  * file or the new one is there, whole. One unfinished file, ".<name>.new", may stay behind; the
- * next save takes its place. The target keeps its permissions, a new one gets 0600. Where `path` is
- * a link, its target is replaced.
+ * next save takes its place. Saves of one file wait for each other. The target keeps its
+ * permissions, a new one gets 0600. Where `path` is a link, its target is replaced.
  */
 KZAUTIL_API int kze_ini_file_save(void *ini, const char *path, int flags);
 

@@ -79,15 +79,15 @@ std::string one_spelling(const std::string &directory) {
     return plain;
 }
 
-LogFile *file_of(const char *directory, int files) {
-    const std::string path = kze_paths::expand(directory);
-    if (path.empty())
-        return nullptr;
-    return registry().find_or_add(one_spelling(path), std::clamp(files, 1, max_files));
+// A directory that can't be told becomes one that can't be made, whose records go to standard
+// error.
+LogFile &file_of(const char *directory, int files) {
+    const std::string path = one_spelling(kze_paths::expand(directory));
+    return *registry().find_or_add(path, std::clamp(files, 1, max_files));
 }
 
-LogFile *host_file() {
-    static LogFile *const file = file_of(host_directory, host_files);
+LogFile &host_file() {
+    static LogFile &file = file_of(host_directory, host_files);
     return file;
 }
 
@@ -106,9 +106,8 @@ void write_record(int level, const char *source_file, int line, const char *form
         kze_log_text::append_escaped(text, name);
         text += ":" + std::to_string(line) + " ";
         kze_log_text::append_escaped(text, kze_log_text::format(format, arguments));
-        LogFile *file = thread_file == nullptr ? host_file() : thread_file;
-        if (file != nullptr)
-            file->write(std::clamp(level, 0, max_level), text);
+        LogFile &file = thread_file == nullptr ? host_file() : *thread_file;
+        file.write(std::clamp(level, 0, max_level), text);
     } catch (const std::exception &) {
         // No memory for the record: it is lost.
     }
@@ -120,8 +119,8 @@ void write_record(int level, const char *source_file, int line, const char *form
 void autolog_init(const char *directory, int files) {
     const int saved_errno = errno;
     try {
-        thread_file =
-            directory == nullptr || *directory == '\0' ? nullptr : file_of(directory, files);
+        const bool host = directory == nullptr || *directory == '\0';
+        thread_file = host ? nullptr : &file_of(directory, files);
     } catch (const std::exception &) {
         thread_file = nullptr;
     }
