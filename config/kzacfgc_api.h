@@ -1,9 +1,8 @@
 /*
  * The central configuration client (libkzacfgc.so): its two exports and its operation table.
  *
- * The library is opened at run time. The table's positions are fixed by the library; it grows only
- * at its end. The header depends on nothing, so that the library and its caller include the same
- * text.
+ * The library is opened at run time. The table's positions are fixed by the library. The header
+ * depends on nothing, so that the library and its caller include the same text.
  */
 #ifndef KZEMDLMGR_CONFIG_KZACFGC_API_H
 #define KZEMDLMGR_CONFIG_KZACFGC_API_H

@@ -32,7 +32,7 @@ void read_number(void *ini, const char *section, const char *key, unsigned int &
 }
 
 // Puts a value outside min to max, both included, back to its default and returns -1.
-int check_range(unsigned int &field, unsigned int min, unsigned int max, unsigned int dflt) {
+int check_range(unsigned int &field, unsigned int max, unsigned int min, unsigned int dflt) {
     if (field >= min && field <= max) {
         return 0;
     }
@@ -76,7 +76,7 @@ void kzemm_config::uninit() {
 int kzemm_config::load() {
     char path[path_size] = {};
     kze_dirutils_path_transform(settings_path, path, sizeof(path));
-    const ini_ptr ini(kze_ini_file_load(path));
+    ini_ptr ini(kze_ini_file_load(path));
     if (ini == nullptr) {
         kze_log(2, "load ini file failed, path: %s", path);
         return -1;
@@ -86,22 +86,23 @@ int kzemm_config::load() {
     read_number(ini.get(), "time", "upgrade_check_interval", upgrade_check_interval);
     read_number(ini.get(), "time", "qd_start_max_interval", qd_start_max_interval);
     check_content();
+    ini.reset();
     kze_log(3, "queue_size: %u, retry_times: %u, check_interval: %u, max_intreval: %u",
             task_queue_size, offline_retry_times, upgrade_check_interval, qd_start_max_interval);
     return 0;
 }
 
 void kzemm_config::check_content() {
-    if (check_range(task_queue_size, 5, 100, default_task_queue_size) != 0) {
+    if (check_range(task_queue_size, 100, 5, default_task_queue_size) != 0) {
         kze_log(2, "task_queue_size is beyond range, use default");
     }
-    if (check_range(offline_retry_times, 5, 30, default_offline_retry_times) != 0) {
+    if (check_range(offline_retry_times, 30, 5, default_offline_retry_times) != 0) {
         kze_log(2, "offline_retry_times is beyond range, use default");
     }
-    if (check_range(upgrade_check_interval, 60, 300, default_upgrade_check_interval) != 0) {
+    if (check_range(upgrade_check_interval, 300, 60, default_upgrade_check_interval) != 0) {
         kze_log(2, "upgrade_check_interval is beyond range, use default");
     }
-    if (check_range(qd_start_max_interval, 180, 1800, default_qd_start_max_interval) != 0) {
+    if (check_range(qd_start_max_interval, 1800, 180, default_qd_start_max_interval) != 0) {
         kze_log(2, "qd_start_max_intreval is beyond range, use default");
     }
 }

@@ -10,7 +10,7 @@
 #include "config/kzacfgc_api.h"
 
 // The numbered switches. The numbers between and above name no switch.
-enum EMM_SWITCH_TYPE {
+enum EMM_SWITCH_TYPE : unsigned int {
     EMM_SWITCH_COLLECT = 1,
     EMM_SWITCH_SUBSCRIBE_EVENT = 2,
     EMM_SWITCH_IOA = 3,

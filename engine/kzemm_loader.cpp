@@ -14,11 +14,15 @@ struct symbol {
     void **entry;
 };
 
-// Fails only when there is no handle either: a reload may go on with the old one.
+// Fails only when there is no handle either: a reload goes on with the old one.
 int open_library(const char *path, void **handle) {
     char expanded[4096] = {};
     kze_dirutils_path_transform(path, expanded, sizeof(expanded));
-    const int result = kze_dll_open(expanded, handle);
+    void *opened = nullptr;
+    const int result = kze_dll_open(expanded, &opened);
+    if (opened != nullptr) {
+        *handle = opened;
+    }
     if (result != 0 && *handle == nullptr) {
         kze_log(2, "dll open (%s) failed with error code = 0x%08x", expanded,
                 static_cast<unsigned int>(result));

@@ -12,8 +12,15 @@
 #ifndef KZEMDLMGR_ENGINE_QD_CLIENT_H
 #define KZEMDLMGR_ENGINE_QD_CLIENT_H
 
+/* Any number may arrive where one of these is expected, so that C++ is told the type behind. */
+#ifdef __cplusplus
+#define QD_CLIENT_ENUM(name) enum name : int
+#else
+#define QD_CLIENT_ENUM(name) enum name
+#endif
+
 /* The engine's capabilities, by the engine client's own numbers. */
-enum _engine_type {
+QD_CLIENT_ENUM(_engine_type){
     ENGINE_IOC = 1,
     ENGINE_IOA = 2,
     ENGINE_MD = 3,
@@ -120,15 +127,10 @@ typedef int (*x_client_get_collect_state_fn)(int *state_out);
 /* ---- libkzethtgw.3.so ---- */
 
 /* What the gateway is told a buffer is. */
-enum KZEMM_DATA_TYPE {
-    KZEMM_DATA_ALARM = 1,
-    KZEMM_DATA_LINKAGE = 2,
-    KZEMM_DATA_APPEND = 3,
-    KZEMM_DATA_HUNTING = 4,
-    KZEMM_DATA_ORIGIN = 5,
-    KZEMM_DATA_CTMIOA_RESULT = 8,
-    KZEMM_DATA_CTMIOA_HELLO = 9,
-    KZEMM_DATA_CREDIBLE = 10,
+QD_CLIENT_ENUM(KZEMM_DATA_TYPE){
+    KZEMM_DATA_ALARM = 1,        KZEMM_DATA_LINKAGE = 2,   KZEMM_DATA_APPEND = 3,
+    KZEMM_DATA_HUNTING = 4,      KZEMM_DATA_ORIGIN = 5,    KZEMM_DATA_CTMIOA_RESULT = 8,
+    KZEMM_DATA_CTMIOA_HELLO = 9, KZEMM_DATA_CREDIBLE = 10,
 };
 
 /*

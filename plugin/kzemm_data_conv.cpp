@@ -36,10 +36,10 @@ using malloc_ptr = std::unique_ptr<char, free_deleter>;
 // From this size on, new memory usually comes fresh from the kernel.
 constexpr size_t fresh_memory_size = 128 * 1024;
 
-// Zeroes a new buffer. Fresh memory is zero until it is touched, and touching it costs far more
-// than compressing into it, so a large buffer's whole pages are given back to the kernel, which
-// supplies zeroed ones where the buffer is written to. The rest, and everything where the kernel
-// refuses (locked memory), is zeroed here.
+// Zeroes a new buffer. Touching the fresh pages that a compressed stream never reaches would cost
+// several per cent of the compression, so a large buffer's whole pages are given back to the
+// kernel, which supplies zeroed ones where the buffer is written to. The rest, and everything where
+// the kernel refuses (locked memory), is zeroed here.
 void zero_new_buffer(char *buffer, size_t size) {
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
     const size_t head = (page - reinterpret_cast<uintptr_t>(buffer) % page) % page;
@@ -120,21 +120,26 @@ void add_msg_header(const char *data, uint32_t len, std::string &out, int proto_
     if (len != 0) {
         memcpy(frame.get() + header_size, data, len);
     }
-    out.assign(frame.get(), frame_size);
+    try {
+        out.assign(frame.get(), frame_size);
+    } catch (const std::bad_alloc &) {
+        kze_log(1, "malloc %u byte failed", static_cast<uint32_t>(frame_size));
+    }
 }
 
 char *string_data_add_module_head(const std::string &data, const _module_header *header,
                                   uint32_t &out_len, bool net_order) {
     const auto payload_size = static_cast<uint32_t>(data.size());
     out_len = payload_size + header_size;
-    const size_t frame_size = out_len;
+    const size_t frame_size = size_t{payload_size} + header_size;
     const auto frame = static_cast<char *>(malloc(frame_size));
     if (frame == nullptr) {
         kze_log(2, "malloc %zu byte for out_data failed", frame_size);
         return nullptr;
     }
 
-    _module_header frame_header = *header;
+    _module_header frame_header;  // the template may lie at any address
+    memcpy(&frame_header, header, header_size);
     frame_header.msg_len = in_frame_order(payload_size, net_order);
     frame_header.proto_type = in_frame_order(proto_type_request, net_order);
     memcpy(frame, &frame_header, header_size);

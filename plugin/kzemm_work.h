@@ -22,7 +22,8 @@ enum X_CLIENT_STATUS {
 
 /*
  * Threads: everything runs on the worker thread, but for stop, which the host's thread calls too,
- * and the static callbacks of the engine client, which run on threads of the client library.
+ * and what the engine client calls on its own threads: the offline callback with
+ * set_x_client_status, the data callbacks, and the reply of a linkage analysis.
  */
 class kzemm_work {
   public:

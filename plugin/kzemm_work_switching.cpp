@@ -1,5 +1,7 @@
 // The engine's capabilities: each one's state from the switches, its order of sending, the retry.
 
+#include <algorithm>
+#include <iterator>
 #include <new>
 
 #include "config/kzemm_config.h"
@@ -12,13 +14,20 @@ namespace {
 
 constexpr unsigned int cfg_period_ms = 5000;
 constexpr unsigned int switch_period_ms = 180000;
-constexpr unsigned int max_switch_tries = 5; // passes after the first one
+constexpr unsigned int max_switch_tries = 5;  // passes after the first one
 
 // What the retry of refused capabilities carries from pass to pass; owned by the armed timer.
 struct switch_engine_ctx {
     kzemm_work *work;
     unsigned int try_times;
     std::list<_engine_type> engines;  // still to be sent
+};
+
+// What one capability is told, and what came of it.
+struct engine_order {
+    _engine_type type;
+    int status;
+    bool refused;
 };
 
 int get_engine_switch_status(_engine_type type) {
@@ -65,6 +74,16 @@ int get_engine_switch_status(_engine_type type) {
 int control_engine(_engine_type type, int status) {
     return reinterpret_cast<x_client_engine_control_fn>(
         kzemm_loader::get_instance().get_x_client_engine_control_fn())(type, status);
+}
+
+std::list<_engine_type> refused_types(const engine_order *begin, const engine_order *end) {
+    std::list<_engine_type> types;
+    for (const engine_order *order = begin; order != end; ++order) {
+        if (order->refused) {
+            types.push_back(order->type);
+        }
+    }
+    return types;
 }
 
 }  // namespace
@@ -132,34 +151,35 @@ void kzemm_work::do_engine_swicth() {
     kze_log(3, "set engine switch, on[2], off[1]. collect: %d, ioc: %d, ioa: %d, md: %d", collect,
             ioc, ioa, md);
 
-    const struct {
-        _engine_type type;
-        int status;
-    } orders[] = {
-        {ENGINE_COLLECT, collect},
-        {ENGINE_IOC, ioc},
-        {ENGINE_IOA, ioa},
-        {ENGINE_ABNORMAL_IP_LOGIN, ip_login},
-        {ENGINE_MD, md},
-        {ENGINE_ABNORMAL_TIME_LOGIN, time_login},
-        {ENGINE_ABNORMAL_SCAN, scan},
-        {ENGINE_REVERSESHELL, reverseshell},
-        {ENGINE_BRUTEFORCE_SSH, ssh},
-        {ENGINE_DETANAL, detanal},
+    engine_order orders[] = {
+        {ENGINE_COLLECT, collect, false},
+        {ENGINE_IOC, ioc, false},
+        {ENGINE_IOA, ioa, false},
+        {ENGINE_ABNORMAL_IP_LOGIN, ip_login, false},
+        {ENGINE_MD, md, false},
+        {ENGINE_ABNORMAL_TIME_LOGIN, time_login, false},
+        {ENGINE_ABNORMAL_SCAN, scan, false},
+        {ENGINE_REVERSESHELL, reverseshell, false},
+        {ENGINE_BRUTEFORCE_SSH, ssh, false},
+        {ENGINE_DETANAL, detanal, false},
     };
-    std::list<_engine_type> failed;
-    for (const auto &order : orders) {
-        if (control_engine(order.type, order.status) != 0) {
+    for (engine_order &order : orders) {
+        order.refused = control_engine(order.type, order.status) != 0;
+        if (order.refused) {
             kze_log(2, "switch %d status: %d failed", static_cast<int>(order.type), order.status);
-            failed.push_back(order.type);
         }
     }
-    if (failed.empty()) {
+    const auto is_refused = [](const engine_order &order) { return order.refused; };
+    if (std::none_of(std::begin(orders), std::end(orders), is_refused)) {
         kze_log(3, "set engine switch success");
         return;
     }
     kze_log(3, "need to retry switch engine");
-    retry_switch_engine(failed);
+    try {
+        retry_switch_engine(refused_types(std::begin(orders), std::end(orders)));
+    } catch (const std::bad_alloc &) {
+        kze_log(1, "new context failed");
+    }
 }
 
 int kzemm_work::retry_switch_engine(std::list<_engine_type> engines) {
