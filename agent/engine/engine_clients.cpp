@@ -160,6 +160,11 @@ unsigned int engine_clients::push_to(const std::vector<std::uint32_t> &clients,
     return taken;
 }
 
+void engine_clients::set_silent(bool silent) {
+    const std::lock_guard<std::mutex> guard(lock_);
+    silent_ = silent;
+}
+
 void engine_clients::tick(clock::time_point now) {
     const std::lock_guard<std::mutex> guard(lock_);
     for (auto at = clients_.begin(); at != clients_.end();) {
@@ -225,7 +230,7 @@ bool engine_clients::enqueue(std::uint32_t number, client_entry &client, const e
 }
 
 void engine_clients::answer_waiting(client_entry &client) {
-    if (!client.waiting || client.events.empty()) {
+    if (silent_ || !client.waiting || client.events.empty()) {
         return;
     }
     const std::string &event = *client.events.front();

@@ -63,7 +63,11 @@ class engine_clients {
     /* Gives an event to those of the clients that are still there. */
     unsigned int push_to(const std::vector<std::uint32_t> &clients, const record &event);
 
-    /* To be called each second: forgets clients that are gone, ends requests that wait long. */
+    /* Gives out no event while the engine is silent; afterwards with the next tick. */
+    void set_silent(bool silent);
+
+    /* To be called each second, unless the engine is silent: forgets clients that are gone, ends
+     * requests that wait long. */
     void tick(clock::time_point now);
 
     nlohmann::json describe();
@@ -97,6 +101,7 @@ class engine_clients {
     vrd_ipc_st *const ipc_;
     std::mutex lock_;
     std::map<std::uint32_t, client_entry> clients_; /* guarded by lock_ */
+    bool silent_ = false;                           /* guarded by lock_ */
 };
 
 }  // namespace kze::engine

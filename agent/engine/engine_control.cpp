@@ -66,6 +66,7 @@ json engine_server::control(const json &request) {
     if (engine_settings::is_settings_request(request)) {
         if (op == "clear" && !request.contains("call")) {
             silent_until_ = {};
+            clients_.set_silent(false);
         }
         return settings_.apply(request);
     }
@@ -177,6 +178,7 @@ json engine_server::control_silent(const json &request) {
     const int seconds = given ? found->get<int>() : 0;
     silent_until_ =
         seconds == 0 ? clock::time_point::max() : clock::now() + std::chrono::seconds(seconds);
+    clients_.set_silent(true);
     kze_log(2, "told to be silent");
     return {{"ok", true}};
 }

@@ -173,6 +173,7 @@ void engine_server::on_tick(cl_timerplus *timer) {
         return;
     }
     const clock::time_point now = clock::now();
+    server->clients_.set_silent(false);
     server->clients_.tick(now);
     const std::vector<std::uint32_t> due = server->clients_.take_due_origin(now);
     if (!due.empty() && server->calls_.collecting()) {
