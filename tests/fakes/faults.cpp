@@ -18,6 +18,7 @@ namespace {
 struct allocation_fault {
     unsigned int left = 0;
     size_t size = 0;
+    bool throwing = false;
     bool happened = false;
 };
 
@@ -35,8 +36,9 @@ std::atomic<bool> s_load_of_empty_fails{false};
 std::atomic<int> s_save_code{0};
 std::atomic<int> s_cnapp{0};
 
-bool allocation_must_fail(size_t size) {
-    if (s_allocation.left == 0 || (s_allocation.size != 0 && s_allocation.size != size)) {
+bool allocation_must_fail(size_t size, bool throwing = false) {
+    if (s_allocation.left == 0 || s_allocation.throwing != throwing ||
+        (s_allocation.size != 0 && s_allocation.size != size)) {
         return false;
     }
     --s_allocation.left;
@@ -56,7 +58,11 @@ void note_release(const void *object) {
 namespace fakes {
 
 void fail_allocation(unsigned int nth, size_t size) {
-    s_allocation = {nth, size, false};
+    s_allocation = {nth, size, false, false};
+}
+
+void fail_throwing_new(unsigned int nth, size_t size) {
+    s_allocation = {nth, size, true, false};
 }
 
 bool allocation_failed() {
@@ -144,12 +150,14 @@ int IsCNAPPAgent(void) {
 }
 
 // The linker leads the calls of the linked objects here (--wrap), and __real_ to the function
-// itself. The mangled names are those of new and new[] with std::nothrow, and of delete without and
-// with the size.
+// itself. The mangled names are those of new that throws, of new and new[] with std::nothrow, and
+// of delete without and with the size.
 extern "C" {
 
 void *__real_malloc(size_t size);
 void *__wrap_malloc(size_t size);
+void *__real__Znwm(size_t size);
+void *__wrap__Znwm(size_t size);
 void *__real__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t &tag);
 void *__wrap__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t &tag);
 void *__real__ZnamRKSt9nothrow_t(size_t size, const std::nothrow_t &tag);
@@ -173,6 +181,13 @@ int __wrap_kze_ini_file_save(void *ini, const char *path, int flags);
 
 void *__wrap_malloc(size_t size) {
     return allocation_must_fail(size) ? nullptr : __real_malloc(size);
+}
+
+void *__wrap__Znwm(size_t size) {
+    if (allocation_must_fail(size, true)) {
+        throw std::bad_alloc();
+    }
+    return __real__Znwm(size);
 }
 
 void *__wrap__ZnwmRKSt9nothrow_t(size_t size, const std::nothrow_t &tag) {

@@ -13,6 +13,9 @@ namespace fakes {
 // Makes the nth malloc or new (std::nothrow) of the calling thread from now give null; 1 is the
 // next one. Only those of `size` bytes count, unless it is 0. One at a time.
 void fail_allocation(unsigned int nth, size_t size = 0);
+// The same for the new that throws: it throws std::bad_alloc. The size is needed, since the fakes
+// and the test allocate too.
+void fail_throwing_new(unsigned int nth, size_t size);
 // Whether the failure asked for has happened.
 bool allocation_failed();
 

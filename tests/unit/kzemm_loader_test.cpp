@@ -324,6 +324,31 @@ TEST_F(kzemm_loader_test, a_failing_open_that_keeps_the_old_handle_goes_on_with_
     EXPECT_EQ(kzemm_loader_inspector::kzethtgw_handle(), gateway);
 }
 
+TEST_F(kzemm_loader_test, a_failing_open_over_an_open_library_goes_on_with_the_old_handle) {
+    EXPECT_EQ(loader().init(), 0);
+    void *const engine = kzemm_loader_inspector::qdccl_handle();
+    void *const gateway = kzemm_loader_inspector::kzethtgw_handle();
+    fakes::library_missing(engine_library);
+    fakes::library_missing(gateway_library);
+    fakes::clear_journal();
+    EXPECT_EQ(loader().init(), 0);
+    EXPECT_EQ(kzemm_loader_inspector::qdccl_handle(), engine);
+    EXPECT_EQ(kzemm_loader_inspector::kzethtgw_handle(), gateway);
+    EXPECT_THAT(
+        log_lines(),
+        ElementsAre(at(3, "kzemm_loader is initialized"), at(3, "load lib qdccl success"),
+                    at(3, "load lib kzethtgw success"), at(3, "kzemm_loader init success")));
+}
+
+TEST_F(kzemm_loader_test, a_failing_open_after_uninit_fails_though_the_table_is_full) {
+    EXPECT_EQ(loader().init(), 0);
+    loader().uninit();
+    fakes::library_missing(engine_library);
+    EXPECT_EQ(loader().init(), -1);
+    EXPECT_FALSE(kzemm_loader_inspector::initialized());
+    EXPECT_NE(loader().get_x_client_start_fn(), nullptr);
+}
+
 TEST_F(kzemm_loader_test, nothing_is_logged_above_the_current_level) {
     fakes::set_log_level(2);
     fakes::library_missing(gateway_library);

@@ -517,6 +517,21 @@ TEST_F(kzemm_work_switching_test, without_memory_a_pending_retry_stays) {
     end_retry();
 }
 
+TEST_F(kzemm_work_switching_test, without_memory_for_the_list_there_is_no_retry) {
+    refuse({17});
+    fakes::on_engine_call("x_client_engine_control", [](const fakes::engine_call &call) {
+        if (call.text == control(17, 1)) {
+            constexpr size_t node_size = 2 * sizeof(void *) + sizeof(void *);  // links and type
+            fakes::fail_throwing_new(1, node_size);
+        }
+    });
+    work.do_engine_swicth();
+    EXPECT_TRUE(fakes::allocation_failed());
+    EXPECT_THAT(log_lines().back(), at(1, "new context failed"));
+    EXPECT_EQ(fields::switch_timer(work), nullptr);
+    EXPECT_THAT(open_timers(), IsEmpty());
+}
+
 TEST_F(kzemm_work_switching_test, an_unknown_type_in_the_list_is_sent_as_off) {
     EXPECT_EQ(work.retry_switch_engine({static_cast<_engine_type>(5)}), 0);
     EXPECT_THAT(retry_pass(), ElementsAre(control(5, 1)));
