@@ -149,8 +149,9 @@ journal_reader::statement journal_reader::prepare(const char *sql) {
 }
 
 journal_reader::statement journal_reader::query(const char *sql) {
-    return ensure_open() == file_state::ready ? prepare(sql)
-                                              : statement(nullptr, &sqlite3_finalize);
+    const file_state state = ensure_open();
+    absent_ = state == file_state::absent;
+    return state == file_state::ready ? prepare(sql) : statement(nullptr, &sqlite3_finalize);
 }
 
 std::optional<std::vector<journal_entry>> journal_reader::entries(const char *sql,

@@ -46,6 +46,8 @@ class journal_reader {
 
     /* Why the last call failed, in words for the user. */
     const std::string &problem() const { return problem_; }
+    /* Whether that was because the gateway hasn't made the journal yet. */
+    bool absent() const { return absent_; }
 
     /*
      * Records with an id above after_id, oldest first, at most limit of them; of one type only
@@ -88,6 +90,7 @@ class journal_reader {
     const std::string path_;
     std::unique_ptr<sqlite3, int (*)(sqlite3 *)> db_;
     std::string problem_;
+    bool absent_ = false;
 };
 
 }  // namespace kze::gateway
