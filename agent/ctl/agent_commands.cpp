@@ -105,16 +105,6 @@ host_status wait_for_host(pid_t child, const deadline &until) {
     }
 }
 
-std::string failed_plugins(const host_status &status) {
-    std::string text;
-    for (const host_plugin &plugin : status.plugins) {
-        if (!plugin.initialised) {
-            text += (text.empty() ? "" : ", ") + plugin.name + " (" + plugin.state + ")";
-        }
-    }
-    return text;
-}
-
 /* A host that runs without one of its plug-ins is up, but that's not what was asked for. */
 exit_status tell_host(const host_status &status, const std::string &what, const output &out) {
     const std::string failed = failed_plugins(status);
@@ -197,6 +187,16 @@ std::string kill_processes(const std::vector<tree_process> &processes) {
     return running_programs(processes);
 }
 
+/* Those of programs that died; nobody is left who listens. */
+void remove_sockets() {
+    std::error_code ignored;
+    for (const auto &entry : fs::directory_iterator(tree_path("@/../run"), ignored)) {
+        if (entry.is_socket(ignored)) {
+            fs::remove(entry.path(), ignored);
+        }
+    }
+}
+
 exit_status down(double timeout, const output &out) {
     std::string forced;
     const bool anything = !tree_processes().empty();
@@ -213,6 +213,7 @@ exit_status down(double timeout, const output &out) {
     if (const std::vector<tree_process> left = tree_processes(); !left.empty()) {
         forced += (forced.empty() ? "" : ", ") + kill_processes(left);
     }
+    remove_sockets();
     if (!forced.empty()) {
         throw failure(exit_timed_out,
                       "the agent is down, but these did not end by themselves and "
@@ -227,6 +228,11 @@ exit_status down(double timeout, const output &out) {
 
 exit_status reload(double timeout, const output &out) {
     const json answer = ask(host_endpoint, {{"op", "reload"}}, static_cast<unsigned int>(timeout));
+    const std::string failed = failed_plugins(read_host_status(answer));
+    if (!failed.empty()) {
+        throw failure(exit_failed,
+                      "the host runs, but without " + failed + "; see " + log_path("host"));
+    }
     out.done("The plug-ins are stopped and started again", answer);
     return exit_done;
 }

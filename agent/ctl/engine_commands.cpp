@@ -11,6 +11,7 @@
 #include "agent/ctl/ask.h"
 #include "agent/ctl/command_line.h"
 #include "agent/ctl/engine_view.h"
+#include "agent/ctl/log_files.h"
 #include "agent/ctl/processes.h"
 #include "agent/engine/engine_settings.h"
 
@@ -40,6 +41,19 @@ void run_service_command(const std::string &verb) {
                                        ? "vrd_services " + verb + " failed"
                                        : printable(done.output.substr(
                                              0, done.output.find_last_not_of('\n') + 1)));
+    }
+}
+
+/* The service tool returns once the program is started; it answers a little later. */
+void wait_for_engine() {
+    constexpr int look_period_ms = 20;
+    const deadline until(ask_seconds);
+    while (!ask_if_running(engine_endpoint, {{"op", "status"}})) {
+        if (until.passed()) {
+            throw failure(exit_timed_out,
+                          "the engine is started but doesn't answer; see " + log_path("engine"));
+        }
+        until.pause_ms(look_period_ms);
     }
 }
 
@@ -226,6 +240,9 @@ void add_service(CLI::App &to, command_line &line, const std::string &verb, cons
     CLI::App *command = add_command(to, verb, help, "kzectl engine " + verb);
     on_chosen(command, line, [&line, verb, did] {
         run_service_command(verb);
+        if (verb != "stop") {
+            wait_for_engine();
+        }
         line.out.done("The engine's service " + did);
         return exit_done;
     });

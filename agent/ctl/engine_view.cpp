@@ -65,7 +65,7 @@ void print_capabilities(const json &status, const output &out, std::size_t inden
     for (const auto &[name, value] : member(status, "capabilities").items()) {
         const bool on = value.is_boolean() && value.get<bool>();
         row.push_back({name});
-        row.push_back({on ? "on " : "off", on ? look::good : look::faint});
+        row.push_back({on ? "on" : "off", on ? look::good : look::faint});
         if (row.size() == 2 * columns) {
             rows.add(std::move(row));
             row.clear();

@@ -11,7 +11,6 @@
 #include "agent/common/tree.h"
 #include "agent/ctl/command_line.h"
 #include "agent/ctl/deadline.h"
-#include "agent/ctl/log_files.h"
 #include "agent/ctl/records.h"
 #include "agent/gateway/gateway.h"
 #include "agent/gateway/journal.h"
@@ -31,7 +30,7 @@ std::string journal_path() {
 }
 
 [[noreturn]] void fail(const journal_reader &journal) {
-    throw failure(file_size(journal_path()) == 0 ? exit_not_there : exit_failed, journal.problem());
+    throw failure(journal.absent() ? exit_not_there : exit_failed, journal.problem());
 }
 
 /* 0 for all types. */
@@ -102,11 +101,16 @@ struct show_options {
 
 exit_status show(const show_options &options, const output &out) {
     journal_reader journal(journal_path());
+    const auto nearest = journal.list(options.id - 1, 0, 1);
+    if (!nearest) {
+        fail(journal);
+    }
+    if (nearest->empty() || nearest->front().id != options.id) {
+        throw failure(exit_not_there, "there is no record " + std::to_string(options.id));
+    }
     const auto record = journal.show(options.id);
     if (!record) {
-        throw failure(exit_not_there, journal.problem().empty()
-                                          ? "no record " + std::to_string(options.id)
-                                          : journal.problem());
+        fail(journal);
     }
     if (options.raw || options.content) {
         const std::string bytes = options.raw ? record->data : record_content(*record);
@@ -123,14 +127,11 @@ exit_status show(const show_options &options, const output &out) {
 }
 
 std::int64_t newest_id(journal_reader &journal) {
-    if (file_size(journal_path()) == 0) {
-        return 0;
-    }
     const auto newest = journal.newest(0, 1);
-    if (!newest) {
+    if (!newest && !journal.absent()) {
         fail(journal);
     }
-    return newest->empty() ? 0 : newest->back().id;
+    return !newest || newest->empty() ? 0 : newest->back().id;
 }
 
 /* A row without a table around it: widths that fit what usually comes. */
@@ -159,16 +160,14 @@ exit_status tail(const tail_options &options, const output &out) {
     journal_reader journal(journal_path());
     const int type = type_of(options.type);
     std::int64_t after = 0;
-    if (!options.follow || file_size(journal_path()) != 0) {
-        const auto last = journal.newest(type, std::max(1U, options.lines));
-        if (!last) {
-            fail(journal);
-        }
-        for (const journal_entry &entry : *last) {
-            after = entry.id;
-            if (options.lines != 0) {
-                print_row(entry, out);
-            }
+    const auto last = journal.newest(type, std::max(1U, options.lines));
+    if (!last && !(options.follow && journal.absent())) {
+        fail(journal);
+    }
+    for (const journal_entry &entry : last.value_or(std::vector<journal_entry>())) {
+        after = entry.id;
+        if (options.lines != 0) {
+            print_row(entry, out);
         }
     }
     if (options.follow &&
@@ -201,13 +200,11 @@ exit_status wait(const wait_options &options, const output &out) {
     const deadline until(options.timeout);
     std::int64_t after = options.after;
     for (;;) {
-        const bool there = file_size(journal_path()) != 0;
-        const auto found = there ? journal.list(after, type, batch)
-                                 : std::optional<std::vector<journal_entry>>(std::in_place);
-        if (!found) {
+        const auto found = journal.list(after, type, batch);
+        if (!found && !journal.absent()) {
             fail(journal);
         }
-        for (const journal_entry &entry : *found) {
+        for (const journal_entry &entry : found.value_or(std::vector<journal_entry>())) {
             after = entry.id;
             if (has_text(journal, entry, options.contains)) {
                 json value = record_json(entry);
@@ -215,7 +212,7 @@ exit_status wait(const wait_options &options, const output &out) {
                 return exit_done;
             }
         }
-        if (!found->empty()) {
+        if (found && !found->empty()) {
             continue;
         }
         if (until.passed()) {

@@ -1,5 +1,7 @@
 #include "agent/ctl/host_status.h"
 
+#include "agent/ctl/output.h"
+
 namespace kze::ctl {
 
 using nlohmann::json;
@@ -14,10 +16,22 @@ host_status read_host_status(const json &answer) {
         host_plugin plugin;
         plugin.name = entry.at("name").get<std::string>();
         plugin.state = entry.at("state").get<std::string>();
+        plugin.problem = entry.value("problem", std::string());
         plugin.initialised = plugin.state == "initialised";
         status.plugins.push_back(std::move(plugin));
     }
     return status;
+}
+
+std::string failed_plugins(const host_status &status) {
+    std::string text;
+    for (const host_plugin &plugin : status.plugins) {
+        if (!plugin.initialised) {
+            text += (text.empty() ? "" : ", ") + plugin.name + " (" + plugin.state +
+                    (plugin.problem.empty() ? "" : ": " + printable(plugin.problem)) + ")";
+        }
+    }
+    return text;
 }
 
 }  // namespace kze::ctl

@@ -11,7 +11,8 @@ namespace kze::ctl {
 
 struct host_plugin {
     std::string name;
-    std::string state; /* the host's word for it */
+    std::string state;   /* the host's word for it */
+    std::string problem; /* why it isn't initialised */
     bool initialised = false;
 };
 
@@ -22,6 +23,9 @@ struct host_status {
     std::int64_t uptime_s = 0;
     std::vector<host_plugin> plugins;
 };
+
+/* The plug-ins that aren't initialised, with the reasons; empty when all are. */
+std::string failed_plugins(const host_status &status);
 
 /* Reads the host's answer to a status request. Throws when it makes no sense. */
 host_status read_host_status(const nlohmann::json &answer);

@@ -11,8 +11,8 @@
 #include <filesystem>
 #include <utility>
 
-#include "agent/common/tree.h"
 #include "agent/ctl/failure.h"
+#include "agent/ctl/processes.h"
 
 namespace kze::ctl {
 namespace {
@@ -35,7 +35,7 @@ constexpr std::array<known_log, 6> known_logs = {{
 }};
 
 std::string log_directory() {
-    return tree_path("@/../var/log");
+    return tree_root() + "/var/log";
 }
 
 bool is_rotated(const fs::path &file) {

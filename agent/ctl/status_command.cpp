@@ -9,7 +9,6 @@
 #include "agent/ctl/command_line.h"
 #include "agent/ctl/engine_view.h"
 #include "agent/ctl/host_status.h"
-#include "agent/ctl/log_files.h"
 #include "agent/ctl/processes.h"
 #include "agent/gateway/gateway.h"
 #include "agent/gateway/journal.h"
@@ -43,13 +42,12 @@ struct gateway_state {
 };
 
 gateway_state look_at_gateway() {
-    const std::string path = tree_path(GATEWAY_JOURNAL_PATH);
-    if (file_size(path) == 0) {
-        return {{}, "no records yet"};
-    }
-    gateway::journal_reader journal(path);
+    gateway::journal_reader journal(tree_path(GATEWAY_JOURNAL_PATH));
     auto counts = journal.counters();
-    return counts ? gateway_state{std::move(*counts), ""} : gateway_state{{}, journal.problem()};
+    if (!counts) {
+        return {{}, journal.absent() ? "no records yet" : journal.problem()};
+    }
+    return {std::move(*counts), ""};
 }
 
 std::int64_t count_of(const gateway_state &gateway, const char *name) {
@@ -89,9 +87,10 @@ void add_host(table &rows, const program_state &host) {
          {"process " + std::to_string(status.pid) + ", for " + human_duration(status.uptime_s) +
           ", log level " + std::to_string(status.log_level)}});
     for (const host_plugin &plugin : status.plugins) {
-        rows.add({{"Plug-in", look::strong},
-                  {plugin.state, plugin.initialised ? look::good : look::bad},
-                  {plugin.name}});
+        rows.add(
+            {{"Plug-in", look::strong},
+             {plugin.state, plugin.initialised ? look::good : look::bad},
+             {plugin.name + (plugin.problem.empty() ? "" : ": " + printable(plugin.problem))}});
     }
 }
 
@@ -103,7 +102,8 @@ std::string client_text(const json &engine) {
 
 std::string versions_text(const json &engine) {
     std::string text;
-    for (const auto &[type, version] : engine.value("versions", json::object()).items()) {
+    const json versions = engine.value("versions", json::object());
+    for (const auto &[type, version] : versions.items()) {
         text += ", " + type + " " + (version.is_string() ? version.get<std::string>() : "?");
     }
     return text;

@@ -23,64 +23,60 @@ constexpr int look_period_ms = 100;
 constexpr int looks_between_host_checks = 10;
 constexpr unsigned int batch = 256;
 
-/* Follows both. One thread at a time. */
+/* One of the followed logs. */
+struct source {
+    source(const char *shown, const char *log, bool from_now)
+        : name(shown), reader(log_path(log), from_now ? file_size(log_path(log)) : 0) {}
+
+    const char *name;
+    log_reader reader;
+};
+
+/* Follows the worker's log, the host's, in which the engine's callbacks log, and the journal. One
+ * thread at a time. */
 class watcher {
   public:
     watcher(const output &out, bool from_now)
         : out_(out),
-          log_(log_path("worker"), from_now ? file_size(log_path("worker")) : 0),
+          worker_("plug-in", "worker", from_now),
+          host_("host   ", "host", from_now),
           journal_(tree_path(GATEWAY_JOURNAL_PATH)) {
-        if (from_now) {
-            skip_records();
+        if (const auto newest = journal_.newest(0, 1); from_now && newest && !newest->empty()) {
+            last_ = newest->back().id;
         }
     }
 
     void look() {
-        while (const auto line = log_.next()) {
-            print(*line);
+        for (source *from : {&worker_, &host_}) {
+            while (const auto line = from->reader.next()) {
+                print(from->name, *line);
+            }
         }
-        const auto found = new_records();
-        for (const journal_entry &entry : found) {
+        const auto found = journal_.list(last_, 0, batch);
+        if (!found && !journal_.absent()) {
+            throw failure(exit_failed, journal_.problem());
+        }
+        for (const journal_entry &entry : found.value_or(std::vector<journal_entry>())) {
             last_ = entry.id;
             print(entry);
         }
     }
 
   private:
-    bool has_journal() const { return file_size(tree_path(GATEWAY_JOURNAL_PATH)) != 0; }
-
-    void skip_records() {
-        if (has_journal()) {
-            if (const auto newest = journal_.newest(0, 1); newest && !newest->empty()) {
-                last_ = newest->back().id;
-            }
-        }
-    }
-
-    std::vector<journal_entry> new_records() {
-        if (!has_journal()) {
-            return {};
-        }
-        auto found = journal_.list(last_, 0, batch);
-        if (!found) {
-            throw failure(exit_failed, journal_.problem());
-        }
-        return std::move(*found);
-    }
-
-    void print(const log_line &line) const {
-        const auto record = parse_log_line(line.text);
+    void print(const char *from, const log_line &line) const {
         if (out_.json()) {
-            out_.json_line({{"from", "plug-in"}, {"line", line.text}});
+            out_.json_line(
+                {{"from", from == worker_.name ? "plug-in" : "host"}, {"line", line.text}});
             return;
         }
+        const auto record = parse_log_line(line.text);
         if (!record) {
             out_.line(printable(line.text));
             return;
         }
         /* The time of day, without the date and the microseconds. */
         const std::string time = record->time.size() >= 23 ? record->time.substr(11, 12) : "";
-        print(time, look::accent, "plug-in", look_of_level(record->level), printable(record->text));
+        print(time, look::accent, from, look_of_level(record->level), printable(record->text));
     }
 
     void print(const journal_entry &entry) const {
@@ -103,7 +99,8 @@ class watcher {
     }
 
     const output &out_;
-    log_reader log_;
+    source worker_;
+    source host_;
     gateway::journal_reader journal_;
     std::int64_t last_ = 0;
 };
