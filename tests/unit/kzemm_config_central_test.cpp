@@ -415,6 +415,17 @@ TEST_F(kzemm_config_value_test, tells_whether_a_decimal_number_and_a_mask_meet) 
     }
 }
 
+// 29 characters are read, the last of which decides here.
+TEST_F(kzemm_config_value_test, cuts_the_number_of_a_bit_after_29_characters) {
+    bool out = false;
+    fakes::config_set("/m", "/k", std::string(28, '0') + "1");
+    EXPECT_EQ(config().get_cfgc_bit_switch(out, 1, false, "/m", "/k"), 1);
+    EXPECT_TRUE(out);
+    fakes::config_set("/m", "/k", std::string(29, '0') + "1");
+    EXPECT_EQ(config().get_cfgc_bit_switch(out, 1, true, "/m", "/k"), 1);
+    EXPECT_FALSE(out);
+}
+
 TEST_F(kzemm_config_value_test, gives_a_bit_its_default_when_the_read_fails) {
     for (const bool dflt : {true, false}) {
         fakes::clear_journal();
@@ -892,6 +903,15 @@ TEST_F(kzemm_config_cycle_test, is_taken_from_120_to_600_seconds) {
         EXPECT_THAT(log_lines(), ElementsAre(at(3, "get collect report cycle : " +
                                                        std::to_string(expected) + " succeed")));
     }
+}
+
+TEST_F(kzemm_config_cycle_test, is_cut_after_29_characters) {
+    fakes::config_set(base_collect, "/collect_act_time", std::string(26, '0') + "300");
+    EXPECT_EQ(config().set_report_cycle(), 0);
+    EXPECT_EQ(config().get_collect_report_cycle(), 300U);
+    fakes::config_set(base_collect, "/collect_act_time", std::string(27, '0') + "600");
+    EXPECT_EQ(config().set_report_cycle(), -1) << "read as 60";
+    EXPECT_EQ(config().get_collect_report_cycle(), 300U);
 }
 
 TEST_F(kzemm_config_cycle_test, is_refused_outside_and_the_last_good_value_stays) {

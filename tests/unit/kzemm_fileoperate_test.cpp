@@ -175,7 +175,7 @@ TEST_F(kzemm_fileoperate_test, gives_the_command_an_input_that_is_at_its_end_and
 }
 
 TEST_F(kzemm_fileoperate_test, gives_the_command_outputs_that_can_be_read_too) {
-    EXPECT_EQ(system_exec("test \"$(cat <&1)\" = ''"), 0);
+    EXPECT_EQ(system_exec("cat <&1"), 0);
     EXPECT_EQ(system_exec("cat <&2"), 0);
 }
 
