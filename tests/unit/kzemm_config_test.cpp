@@ -27,7 +27,7 @@ using inspector = kzemm_config_inspector;
 
 constexpr char settings_file[] = "config/kzemdlmgr.ini";
 constexpr char rule_file[] = "config/kzectmrule.ini";
-constexpr int last_switch_number = 31;  // that the enumeration can hold
+constexpr int last_switch_number = 300;  // that is looked at
 
 kzemm_config &config() {
     return kzemm_config::get_instance();

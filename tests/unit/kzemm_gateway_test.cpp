@@ -6,6 +6,8 @@
 #include <gmock/gmock.h>
 #include <zlib.h>
 
+#include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -40,13 +42,14 @@ struct type_case {
     bool valid;
 };
 
-// All numbers that the enumeration can hold around its range.
+// All valid numbers, and some on either side of them.
 const type_case types[] = {
-    {0, owner::engine, false},  {1, owner::engine, true},  {2, owner::engine, true},
-    {3, owner::engine, true},   {4, owner::engine, true},  {5, owner::heap, true},
-    {6, owner::engine, true},   {7, owner::engine, true},  {8, owner::engine, true},
-    {9, owner::engine, true},   {10, owner::caller, true}, {11, owner::engine, false},
-    {15, owner::engine, false},
+    {0, owner::engine, false},       {1, owner::engine, true},   {2, owner::engine, true},
+    {3, owner::engine, true},        {4, owner::engine, true},   {5, owner::heap, true},
+    {6, owner::engine, true},        {7, owner::engine, true},   {8, owner::engine, true},
+    {9, owner::engine, true},        {10, owner::caller, true},  {11, owner::engine, false},
+    {255, owner::engine, false},     {-1, owner::engine, false}, {INT_MIN, owner::engine, false},
+    {INT_MAX, owner::engine, false},
 };
 
 // What a test hands over, allocated as its type's rule of release asks. The leak checker of the
@@ -103,7 +106,11 @@ class kzemm_gateway_type_test : public kzemm_gateway_test,
                                 public testing::WithParamInterface<type_case> {};
 
 INSTANTIATE_TEST_SUITE_P(type, kzemm_gateway_type_test, testing::ValuesIn(types),
-                         [](const auto &each) { return "of_" + std::to_string(each.param.type); });
+                         [](const auto &each) {
+                             std::string name = std::to_string(each.param.type);
+                             std::replace(name.begin(), name.end(), '-', 'm');
+                             return "of_" + name;
+                         });
 
 TEST_P(kzemm_gateway_type_test, is_sent_as_it_is_and_released_by_its_rule) {
     const std::string text("a\0text", 6);

@@ -21,6 +21,7 @@ struct cfgc_value_st {
 
 namespace {
 
+constexpr int hole = HOLE;
 constexpr int result_missing = -2;
 
 const char *error_string(int) {
@@ -84,9 +85,13 @@ EXPORTED int DllNewObject(cfgc_operations **table_out) {
     table->FreeValue = free_value;
     table->ValueType = value_type;
     table->ValueAsString = value_as_string;
-    if (HOLE >= 0) {
-        memset(reinterpret_cast<char *>(table) + HOLE * sizeof(cfgc_entry), 0, sizeof(cfgc_entry));
+    memcpy(entries, table, sizeof(entries));
+    for (int position = 0; position < CFGC_TABLE_SIZE; ++position) {
+        if (position == hole) {
+            entries[position] = nullptr;
+        }
     }
+    memcpy(table, entries, sizeof(entries));
     stage::instance().count_config_objects(1);
     *table_out = table;
     return 0;
