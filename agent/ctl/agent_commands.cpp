@@ -162,9 +162,10 @@ bool wait_for_all(const std::vector<tree_process> &processes, const deadline &un
 
 /* Asks, and where nobody answers signals, the host to end. */
 void tell_host_to_stop() {
+    constexpr unsigned int stop_seconds = 2;
     bool answered = false;
     try {
-        answered = ask_if_running(host_endpoint, {{"op", "stop"}}).has_value();
+        answered = ask_if_running(host_endpoint, {{"op", "stop"}}, stop_seconds).has_value();
     } catch (const failure &) {
         answered = false; /* a host that can't be asked is ended all the same */
     }

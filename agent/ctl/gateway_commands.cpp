@@ -200,10 +200,8 @@ exit_status wait(const wait_options &options, const output &out) {
     const deadline until(options.timeout);
     std::int64_t after = options.after;
     for (;;) {
+        /* A journal that can't be read now may be replaced by the gateway in a moment. */
         const auto found = journal.list(after, type, batch);
-        if (!found && !journal.absent()) {
-            fail(journal);
-        }
         for (const journal_entry &entry : found.value_or(std::vector<journal_entry>())) {
             after = entry.id;
             if (has_text(journal, entry, options.contains)) {
@@ -216,7 +214,8 @@ exit_status wait(const wait_options &options, const output &out) {
             continue;
         }
         if (until.passed()) {
-            throw failure(exit_timed_out, "no such record reached the gateway in time");
+            throw failure(exit_timed_out, "no such record reached the gateway in time" +
+                                              (found ? std::string() : ": " + journal.problem()));
         }
         until.pause_ms(look_period_ms);
     }

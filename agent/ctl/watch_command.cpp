@@ -1,8 +1,13 @@
 /* kzectl watch: the plug-in's log and the gateway's records as one picture. */
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <ctime>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "agent/common/tree.h"
 #include "agent/ctl/command_line.h"
@@ -32,73 +37,115 @@ struct source {
     log_reader reader;
 };
 
+/* What one look finds, in the order of time. */
+struct event {
+    std::string time; /* local, as the logs write it: 2024-05-01 12:34:56.123456 */
+    std::string from;
+    look from_look = look::plain;
+    std::string text;
+    look text_look = look::plain;
+    json value;
+};
+
+std::string log_time(std::int64_t microseconds_since_epoch) {
+    const auto seconds = static_cast<time_t>(microseconds_since_epoch / 1000000);
+    struct tm parts {};
+    localtime_r(&seconds, &parts);
+    std::array<char, 40> text;
+    const std::size_t length = strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &parts);
+    std::snprintf(text.data() + length, text.size() - length, ".%06d",
+                  static_cast<int>(microseconds_since_epoch % 1000000));
+    return text.data();
+}
+
+event log_event(const source &from, const log_line &line, const std::string &time_before) {
+    event found;
+    found.from = from.name;
+    found.from_look = look::accent;
+    found.value = {{"from", from.name}, {"line", line.text}};
+    if (const auto record = parse_log_line(line.text)) {
+        found.time = record->time;
+        found.text = printable(record->text);
+        found.text_look = look_of_level(record->level);
+    } else {
+        found.time = time_before;
+        found.text = printable(line.text);
+    }
+    return found;
+}
+
+event record_event(const journal_entry &entry) {
+    const auto row = record_row(entry);
+    event found;
+    found.time = log_time(entry.accepted_us);
+    found.from = "gateway";
+    found.from_look = look::good;
+    found.text =
+        "record " + row[0].text + ": " + row[2].text + ", " + row[3].text + ", " + row[4].text;
+    found.text_look = look::strong;
+    found.value = record_json(entry);
+    found.value["from"] = "gateway";
+    return found;
+}
+
+void print(const event &found, const output &out) {
+    if (out.json()) {
+        out.json_line(found.value);
+        return;
+    }
+    /* The time of day in milliseconds. */
+    const std::string time = found.time.size() >= 23 ? found.time.substr(11, 12) : found.time;
+    const std::string from =
+        found.from + std::string(7 - std::min<std::size_t>(7, found.from.size()), ' ');
+    out.line(out.paint(look::faint, time) + "  " + out.paint(found.from_look, from) + "  " +
+             out.paint(found.text_look, found.text));
+}
+
 /* Follows the worker's log, the host's, in which the engine's callbacks log, and the journal. One
  * thread at a time. */
 class watcher {
   public:
-    watcher(const output &out, bool from_now)
-        : out_(out),
-          worker_("plug-in", "worker", from_now),
-          host_("host   ", "host", from_now),
+    explicit watcher(bool from_now)
+        : worker_("plug-in", "worker", from_now),
+          host_("host", "host", from_now),
           journal_(tree_path(GATEWAY_JOURNAL_PATH)) {
         if (const auto newest = journal_.newest(0, 1); from_now && newest && !newest->empty()) {
             last_ = newest->back().id;
         }
     }
 
-    void look() {
-        for (source *from : {&worker_, &host_}) {
-            while (const auto line = from->reader.next()) {
-                print(from->name, *line);
-            }
-        }
-        const auto found = journal_.list(last_, 0, batch);
-        if (!found && !journal_.absent()) {
-            throw failure(exit_failed, journal_.problem());
-        }
-        for (const journal_entry &entry : found.value_or(std::vector<journal_entry>())) {
-            last_ = entry.id;
-            print(entry);
+    void look_and_print(const output &out) {
+        std::vector<event> found;
+        read_log(worker_, found);
+        read_log(host_, found);
+        read_journal(found);
+        std::stable_sort(found.begin(), found.end(),
+                         [](const event &a, const event &b) { return a.time < b.time; });
+        for (const event &each : found) {
+            print(each, out);
         }
     }
 
   private:
-    void print(const char *from, const log_line &line) const {
-        if (out_.json()) {
-            out_.json_line(
-                {{"from", from == worker_.name ? "plug-in" : "host"}, {"line", line.text}});
-            return;
+    static void read_log(source &from, std::vector<event> &into) {
+        std::string time;
+        while (const auto line = from.reader.next()) {
+            into.push_back(log_event(from, *line, time));
+            time = into.back().time;
         }
-        const auto record = parse_log_line(line.text);
-        if (!record) {
-            out_.line(printable(line.text));
-            return;
-        }
-        /* The time of day, without the date and the microseconds. */
-        const std::string time = record->time.size() >= 23 ? record->time.substr(11, 12) : "";
-        print(time, look::accent, from, look_of_level(record->level), printable(record->text));
     }
 
-    void print(const journal_entry &entry) const {
-        if (out_.json()) {
-            json value = record_json(entry);
-            value["from"] = "gateway";
-            out_.json_line(value);
-            return;
+    void read_journal(std::vector<event> &into) {
+        const auto entries = journal_.list(last_, 0, batch);
+        if (!entries && !journal_.absent()) {
+            throw failure(exit_failed, journal_.problem());
         }
-        const auto row = record_row(entry);
-        print(
-            human_time(entry.accepted_us), look::good, "gateway", look::strong,
-            "record " + row[0].text + ": " + row[2].text + ", " + row[3].text + ", " + row[4].text);
+        for (const journal_entry &entry : entries.value_or(std::vector<journal_entry>())) {
+            last_ = entry.id;
+            into.push_back(record_event(entry));
+        }
     }
 
-    void print(const std::string &time, enum look from_look, const std::string &from,
-               enum look text_look, const std::string &text) const {
-        out_.line(out_.paint(look::faint, time) + "  " + out_.paint(from_look, from) + "  " +
-                  out_.paint(text_look, text));
-    }
-
-    const output &out_;
     source worker_;
     source host_;
     gateway::journal_reader journal_;
@@ -106,11 +153,11 @@ class watcher {
 };
 
 exit_status watch(bool from_now, const output &out) {
-    watcher eyes(out, from_now);
+    watcher eyes(from_now);
     for (int looks = 0;; ++looks) {
-        eyes.look();
+        eyes.look_and_print(out);
         if (looks % looks_between_host_checks == 0 && tree_processes("bin/kze_agent").empty()) {
-            eyes.look();
+            eyes.look_and_print(out);
             throw failure(exit_not_running, "the host isn't running");
         }
         deadline(1).pause_ms(look_period_ms);
