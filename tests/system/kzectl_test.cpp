@@ -1,0 +1,265 @@
+/* What scripts rely on: exit statuses, --json, --help, colours. */
+#include <algorithm>
+
+#include "tests/system/agent_tree.h"
+
+namespace kze_test {
+namespace {
+
+using nlohmann::json;
+
+class kzectl : public system_test {};
+
+using arguments = std::vector<std::string>;
+
+const std::vector<arguments> &all_commands() {
+    static const std::vector<arguments> commands = {
+        {"up"},
+        {"down"},
+        {"status"},
+        {"reload"},
+        {"log-level"},
+        {"watch"},
+        {"config", "get"},
+        {"config", "set"},
+        {"config", "unset"},
+        {"config", "list"},
+        {"engine", "status"},
+        {"engine", "answer"},
+        {"engine", "clear"},
+        {"engine", "push"},
+        {"engine", "origin-now"},
+        {"engine", "die"},
+        {"engine", "silent"},
+        {"engine", "version"},
+        {"engine", "start"},
+        {"engine", "stop"},
+        {"engine", "restart"},
+        {"gateway", "list"},
+        {"gateway", "show"},
+        {"gateway", "tail"},
+        {"gateway", "wait"},
+        {"gateway", "mark"},
+        {"log", "tail"},
+        {"log", "wait"},
+        {"log", "mark"},
+    };
+    return commands;
+}
+
+TEST_F(kzectl, every_command_has_help_with_an_example) {
+    for (arguments command : all_commands()) {
+        command.push_back("--help");
+        const command_result result = tree.ctl(command);
+        EXPECT_EQ(result.status, done) << command[0];
+        EXPECT_NE(result.out.find("Example:\n  "), std::string::npos) << result.out;
+        EXPECT_NE(result.out.find("kzectl " + command[0]), std::string::npos) << result.out;
+        EXPECT_EQ(result.err, "");
+    }
+}
+
+TEST_F(kzectl, the_help_lists_the_exit_statuses) {
+    const std::string help = tree.ctl({"--help"}).out;
+    for (const char *line : {"0  done", "1  failed", "2  the command line", "3  the host",
+                             "4  timed out", "5  no such"}) {
+        EXPECT_NE(help.find(line), std::string::npos) << line;
+    }
+}
+
+TEST_F(kzectl, a_wrong_command_line_gives_2_and_points_to_the_help) {
+    const std::vector<arguments> wrong = {
+        {},
+        {"nonsense"},
+        {"config"},
+        {"config", "get"},
+        {"config", "get", "no_slash"},
+        {"config", "get", "/only_a_module"},
+        {"config", "set", "/mgr/base_collect", "adv_threats", "true"},
+        {"engine", "silent", "forever"},
+        {"engine", "push", "alarm", "/there/is/no/such/file"},
+        {"gateway", "wait"},
+        {"gateway", "list", "--type", "nonsense"},
+        {"gateway", "list", "--type", "11"},
+        {"log-level", "5"},
+        {"log", "wait", "text", "--timeout", "-1"},
+        {"--tree", "/there/is/no/tree", "status"},
+        {"--color", "sometimes", "status"},
+    };
+    for (const arguments &command : wrong) {
+        const command_result result = tree.ctl(command);
+        EXPECT_EQ(result.status, usage) << ::testing::PrintToString(command) << result.err;
+        EXPECT_EQ(result.err.rfind("kzectl: ", 0), 0U) << result.err;
+        EXPECT_EQ(result.out, "");
+    }
+    EXPECT_NE(tree.ctl({"config", "get"}).err.find("See kzectl config get --help"),
+              std::string::npos);
+}
+
+TEST_F(kzectl, without_an_agent_its_commands_give_3_and_say_how_to_start_it) {
+    const std::vector<arguments> commands = {
+        {"reload"},
+        {"log-level"},
+        {"engine", "status"},
+        {"engine", "silent"},
+        {"engine", "die"},
+        {"engine", "origin-now"},
+        {"watch"},
+    };
+    for (const arguments &command : commands) {
+        const command_result result = tree.ctl(command);
+        EXPECT_EQ(result.status, not_running) << ::testing::PrintToString(command) << result.err;
+    }
+    EXPECT_NE(tree.ctl({"reload"}).err.find("kzectl up"), std::string::npos);
+    EXPECT_NE(tree.ctl({"engine", "status"}).err.find("kzectl engine start"), std::string::npos);
+}
+
+TEST_F(kzectl, what_is_not_there_gives_5) {
+    const std::vector<arguments> commands = {
+        {"config", "get", "/mgr/base_collect", "/adv_threats"},
+        {"gateway", "list"},
+        {"gateway", "show", "1"},
+        {"log", "tail", "no_such_log"},
+        {"log", "tail", "worker"},
+    };
+    for (const arguments &command : commands) {
+        const command_result result = tree.ctl(command);
+        EXPECT_EQ(result.status, not_there) << ::testing::PrintToString(command) << result.err;
+    }
+    tree.set("/mgr/base_collect", "/other", "1");
+    EXPECT_EQ(tree.ctl({"config", "get", "/mgr/base_collect", "/adv_threats"}).status, not_there);
+}
+
+TEST_F(kzectl, a_wait_for_what_does_not_come_gives_4) {
+    EXPECT_EQ(tree.ctl({"log", "wait", "what nobody says", "--timeout", "0.2"}).status, timed_out);
+    EXPECT_EQ(tree.ctl({"gateway", "wait", "--type", "alarm", "--timeout", "0.2"}).status,
+              timed_out);
+}
+
+TEST_F(kzectl, a_refusal_by_the_engine_gives_1_with_its_words) {
+    tree.must({"up"});
+    const command_result call = tree.ctl({"engine", "answer", "x_client_nonsense", "--code", "1"});
+    EXPECT_EQ(call.status, failed);
+    EXPECT_NE(call.err.find("x_client_nonsense"), std::string::npos) << call.err;
+    EXPECT_EQ(tree.ctl({"engine", "push", "nonsense", tree.path("bin/kzectl").string()}).status,
+              failed);
+    EXPECT_EQ(tree.ctl({"engine", "version", "nonsense", "1"}).status, failed);
+}
+
+TEST_F(kzectl, every_command_that_prints_prints_json_for_programs) {
+    tree.switch_on();
+    tree.must({"up"});
+    const std::int64_t id = tree.wait_record("origin", 0);
+    const std::string file = tree.path("bin/vrd_services").string();
+    const std::vector<arguments> commands = {
+        {"up"},
+        {"status"},
+        {"log-level"},
+        {"log-level", "3"},
+        {"config", "set", "/mgr/test", "/key", "a \"text\" with\nmore lines"},
+        {"config", "get", "/mgr/test/key"},
+        {"config", "list"},
+        {"config", "unset", "/mgr/test/key"},
+        {"engine", "status"},
+        {"engine", "answer", "x_client_engine_set_runlevel", "--code", "-3", "--delay-ms", "5"},
+        {"engine", "clear"},
+        {"engine", "version", "ioc", "2.0"},
+        {"engine", "push", "alarm", file},
+        {"engine", "origin-now"},
+        {"gateway", "list"},
+        {"gateway", "show", std::to_string(id)},
+        {"gateway", "wait", "--type", "origin"},
+        {"gateway", "mark"},
+        {"log", "wait", "x_client status 1"},
+        {"log", "mark"},
+        {"reload"},
+        {"engine", "restart"},
+        {"down"},
+    };
+    for (const arguments &command : commands) {
+        const json value = tree.ask(command);
+        EXPECT_TRUE(value.value("ok", false) || command[0] == "log")
+            << ::testing::PrintToString(command) << value.dump();
+    }
+}
+
+TEST_F(kzectl, failures_are_json_for_programs_too) {
+    const command_result result = tree.ctl({"--json", "engine", "status"});
+    EXPECT_EQ(result.status, not_running);
+    EXPECT_EQ(result.err, "");
+    const json value = json::parse(result.out, nullptr, false);
+    ASSERT_TRUE(value.is_object()) << result.out;
+    EXPECT_EQ(value["ok"], false);
+    EXPECT_EQ(value["status"], not_running);
+    EXPECT_NE(value.value("error", ""), "");
+}
+
+TEST_F(kzectl, nothing_is_coloured_unless_it_is_asked_for) {
+    tree.must({"up"});
+    const std::string escape = "\033[";
+    for (const arguments &command :
+         std::vector<arguments>{{"status"}, {"engine", "status"}, {"log", "tail"}}) {
+        EXPECT_EQ(tree.ctl(command).out.find(escape), std::string::npos);
+        arguments coloured = {"--color", "always"};
+        coloured.insert(coloured.end(), command.begin(), command.end());
+        EXPECT_NE(tree.ctl(coloured).out.find(escape), std::string::npos);
+    }
+}
+
+/* script(1) gives the command a terminal. */
+TEST_F(kzectl, a_terminal_gets_colours_unless_no_color_is_set) {
+    tree.must({"up"});
+    const std::string status = "'" + tree.path("bin/kzectl").string() + "' status";
+    const arguments on_terminal = {"/usr/bin/script", "-qec", status, "/dev/null"};
+    const std::string escape = "\033[";
+    const command_result coloured = run_program(on_terminal, {"TERM=xterm"});
+    const command_result plain = run_program(on_terminal, {"TERM=xterm", "NO_COLOR=1"});
+    const command_result dumb = run_program(on_terminal, {"TERM=dumb"});
+    EXPECT_NE(coloured.out.find(escape), std::string::npos) << coloured.out << coloured.err;
+    EXPECT_NE(plain.out.find("running"), std::string::npos) << plain.out << plain.err;
+    EXPECT_EQ(plain.out.find(escape), std::string::npos) << plain.out;
+    EXPECT_EQ(dumb.out.find(escape), std::string::npos) << dumb.out;
+}
+
+TEST_F(kzectl, configuration_is_set_read_listed_and_removed_under_both_forms_of_address) {
+    tree.must({"config", "set", "/mgr/base_collect/adv_threats", "true"});
+    EXPECT_EQ(tree.ctl({"config", "get", "/mgr/base_collect", "/adv_threats"}).out, "true\n");
+    tree.must({"config", "set", "/mgr/base_collect", "/adv_threats", "false"});
+    EXPECT_EQ(tree.ctl({"config", "get", "/mgr/base_collect/adv_threats"}).out, "false\n");
+    tree.must({"config", "set", "/mgr/anti_bfa", "/enable", ""});
+    EXPECT_EQ(tree.ctl({"config", "get", "/mgr/anti_bfa/enable"}).out, "\n");
+    EXPECT_EQ(tree.ask({"config", "list"})["values"].size(), 2U);
+    EXPECT_EQ(tree.ask({"config", "list", "/mgr/anti_bfa"})["values"].size(), 1U);
+    tree.must({"config", "unset", "/mgr/base_collect", "/adv_threats"});
+    EXPECT_EQ(tree.ctl({"config", "get", "/mgr/base_collect/adv_threats"}).status, not_there);
+    tree.must({"config", "unset", "/mgr/base_collect", "/adv_threats"});
+}
+
+TEST_F(kzectl, the_engines_answers_can_be_set_while_it_is_down) {
+    tree.must({"engine", "answer", "x_client_start", "--code", "-7", "--times", "1"});
+    tree.must({"engine", "version", "ioa", "42"});
+    tree.switch_on();
+    tree.must({"up"});
+    tree.see("qd start try_times: 1, interval: 2");
+    tree.see("x_client status 1");
+    EXPECT_EQ(tree.ask({"engine", "status"})["versions"]["ioa"], "42");
+}
+
+TEST_F(kzectl, a_logs_control_characters_do_not_reach_the_terminal) {
+    tree.write("var/log/odd/odd.log", "a line with \033[31m colour and \a bell\n");
+    const command_result result = tree.ctl({"log", "tail", "odd"});
+    EXPECT_EQ(result.status, done);
+    EXPECT_EQ(result.out, "a line with \\x1B[31m colour and \\x07 bell\n");
+}
+
+TEST_F(kzectl, a_log_that_was_rotated_since_the_mark_is_read_to_its_end) {
+    tree.write("var/log/odd/odd.log", "first\nsecond\n");
+    const std::int64_t from = tree.mark("odd");
+    tree.write("var/log/odd/odd.1.log", "first\nsecond\nthird\n");
+    tree.write("var/log/odd/odd.log", "new\n");
+    tree.see("third", from, "odd", 1);
+    tree.see("new", from, "odd", 1);
+    EXPECT_FALSE(tree.has_logged("second", from, "odd"));
+}
+
+}  // namespace
+}  // namespace kze_test

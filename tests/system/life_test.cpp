@@ -1,0 +1,177 @@
+/* Starting, stopping and looking at the whole agent. */
+#include <csignal>
+#include <regex>
+
+#include "tests/support/process_state.h"
+#include "tests/system/agent_tree.h"
+
+namespace kze_test {
+namespace {
+
+using nlohmann::json;
+
+class life : public system_test {};
+
+TEST_F(life, up_starts_host_and_engine_and_down_leaves_nothing) {
+    tree.must({"up", "--fresh"});
+    EXPECT_NE(tree.pid_of("bin/kze_agent"), 0);
+    EXPECT_NE(tree.pid_of("qd_agent/bin/qd_agent"), 0);
+    tree.must({"down"});
+    expect_nothing_left(tree);
+    EXPECT_TRUE(tree.has_logged("clean succeed"));
+    EXPECT_TRUE(tree.has_logged("kzemm_work stopped"));
+    EXPECT_TRUE(tree.has_logged("uninit plugin kzemdlmgr success", 0, "host"));
+}
+
+TEST_F(life, up_twice_starts_nothing_a_second_time) {
+    tree.must({"up"});
+    const pid_t host = tree.pid_of("bin/kze_agent");
+    const std::size_t processes = tree.processes().size();
+    const command_result again = tree.ctl({"up"});
+    EXPECT_EQ(again.status, done);
+    EXPECT_NE(again.out.find("already up"), std::string::npos) << again.out;
+    EXPECT_EQ(tree.pid_of("bin/kze_agent"), host);
+    EXPECT_EQ(tree.processes().size(), processes);
+}
+
+TEST_F(life, down_without_an_agent_is_done_and_says_so) {
+    const command_result result = tree.ctl({"down"});
+    EXPECT_EQ(result.status, done);
+    EXPECT_NE(result.out.find("was not up"), std::string::npos) << result.out;
+}
+
+TEST_F(life, fresh_is_refused_while_the_agent_runs) {
+    tree.must({"up"});
+    const command_result result = tree.ctl({"up", "--fresh"});
+    EXPECT_EQ(result.status, failed);
+    EXPECT_NE(result.err.find("kzectl down"), std::string::npos) << result.err;
+    EXPECT_NE(tree.pid_of("bin/kze_agent"), 0);
+}
+
+TEST_F(life, fresh_drops_logs_and_journal_and_keeps_the_configuration) {
+    tree.switch_on();
+    tree.must({"up"});
+    tree.wait_record("origin", 0);
+    tree.must({"down"});
+    tree.must({"up", "--fresh"});
+    EXPECT_FALSE(tree.has_logged("kzemm_work stopped"));
+    EXPECT_EQ(tree.ask({"config", "get", "/mgr/base_collect/adv_threats"}).value("value", ""),
+              "true");
+}
+
+TEST_F(life, status_tells_what_runs_and_its_exit_status_what_does_not) {
+    EXPECT_EQ(tree.ctl({"status"}).status, not_running);
+    tree.must({"up"});
+    tree.see("x_client status 1");
+    const json status = tree.ask({"status"});
+    EXPECT_EQ(status["host"]["pid"], tree.pid_of("bin/kze_agent"));
+    EXPECT_EQ(status["engine"]["pid"], tree.pid_of("qd_agent/bin/qd_agent"));
+    EXPECT_EQ(status["engine"]["clients"].size(), 1U);
+    EXPECT_EQ(status["tree"], std::filesystem::canonical(tree.path()).string());
+    const std::string text = tree.ctl({"status"}).out;
+    for (const char *word : {"Host", "running", "Plug-in", "initialised", "kzemdlmgr", "Engine",
+                             "Gateway", "Capabilities"}) {
+        EXPECT_NE(text.find(word), std::string::npos) << word << " is missing in\n" << text;
+    }
+    tree.must({"engine", "stop"});
+    EXPECT_EQ(tree.ctl({"status"}).status, not_running);
+    tree.must({"engine", "start"});
+    EXPECT_EQ(tree.ctl({"status"}).status, done);
+}
+
+TEST_F(life, a_log_level_change_is_seen_in_what_is_logged) {
+    tree.must({"up"});
+    tree.see("work loop start");
+    EXPECT_EQ(tree.ask({"log-level"}).value("level", -1), 3);
+    tree.must({"log-level", "1"});
+    EXPECT_EQ(tree.ask({"log-level"}).value("level", -1), 1);
+    const std::int64_t quiet = tree.mark("host");
+    tree.must({"engine", "push", "alarm", tree.path("bin/vrd_services").string()});
+    tree.wait_record("alarm", 0);
+    EXPECT_FALSE(tree.has_logged("get qd_alarm data", quiet, "host"));
+    tree.must({"log-level", "3"});
+    tree.must({"engine", "push", "alarm", tree.path("bin/vrd_services").string()});
+    tree.see("get qd_alarm data", quiet, "host");
+}
+
+TEST_F(life, reload_starts_a_new_worker_in_the_same_host) {
+    tree.must({"up"});
+    const std::int64_t from = tree.see("work loop start");
+    const pid_t host = tree.pid_of("bin/kze_agent");
+    tree.must({"reload"});
+    tree.see("kzemm_work stopped", from);
+    tree.see("work loop start", from);
+    EXPECT_EQ(tree.pid_of("bin/kze_agent"), host);
+}
+
+TEST_F(life, two_trees_run_side_by_side) {
+    agent_tree other;
+    for (const agent_tree *each : {&tree, &other}) {
+        each->switch_on();
+        each->must({"up"});
+        each->see("work loop start");
+    }
+    const std::string marker = "only for the other tree";
+    other.write("var/marker", marker);
+    other.must({"engine", "push", "alarm", other.path("var/marker").string()});
+    EXPECT_NE(other.wait_record("alarm", 0, marker), 0);
+    EXPECT_EQ(tree.ask({"gateway", "list", "--type", "alarm"})["records"].size(), 0U);
+
+    other.must({"down"});
+    expect_nothing_left(other);
+    EXPECT_EQ(tree.ctl({"status"}).status, done);
+}
+
+TEST_F(life, a_tree_deeper_than_a_socket_address_can_hold_works) {
+    agent_tree deep(std::string(60, 'a') + "/" + std::string(60, 'b') + "/tree");
+    ASSERT_GT(deep.path("run/agt_host.sock").string().size(), 108U);
+    deep.switch_on();
+    deep.must({"up"});
+    EXPECT_NE(deep.wait_record("origin", 0), 0);
+    deep.must({"down"});
+    expect_nothing_left(deep);
+}
+
+TEST_F(life, another_trees_kzectl_drives_this_one_with_the_tree_option) {
+    tree.must({"up"});
+    agent_tree other;
+    EXPECT_EQ(other.ctl({"status"}).status, not_running);
+    EXPECT_EQ(other.ctl({"--tree", tree.path().string(), "status"}).status, done);
+    EXPECT_EQ(other.ctl({"down", "--tree", tree.path().string()}).status, done);
+    expect_nothing_left(tree);
+}
+
+TEST_F(life, a_host_that_was_killed_is_told_from_one_that_runs_and_starts_again) {
+    tree.must({"up"});
+    const pid_t host = tree.pid_of("bin/kze_agent");
+    kill(host, SIGKILL);
+    ASSERT_TRUE(eventually([&] { return tree.pid_of("bin/kze_agent") == 0; }));
+    EXPECT_EQ(tree.ctl({"status"}).status, not_running);
+    const std::int64_t from = tree.mark();
+    tree.must({"up"});
+    tree.see("x_client status 1", from);
+}
+
+TEST_F(life, a_host_that_does_not_end_is_killed_within_the_time_limit) {
+    tree.must({"up"});
+    tree.see("work loop start");
+    kill(tree.pid_of("bin/kze_agent"), SIGSTOP);
+    const command_result result = tree.ctl({"down", "--timeout", "1"});
+    EXPECT_EQ(result.status, timed_out);
+    EXPECT_NE(result.err.find("bin/kze_agent"), std::string::npos) << result.err;
+    expect_nothing_left(tree);
+}
+
+TEST_F(life, up_says_where_the_log_is_when_the_host_does_not_start) {
+    tree.write("bin/kze_agent", "#!/bin/sh\necho no agent today\nexit 3\n");
+    std::filesystem::permissions(tree.path("bin/kze_agent"), std::filesystem::perms::owner_all);
+    const command_result result = tree.ctl({"up"});
+    EXPECT_EQ(result.status, failed);
+    EXPECT_NE(result.err.find("ended with status 3"), std::string::npos) << result.err;
+    EXPECT_NE(result.err.find(tree.path("var/log/kze_agent.out").string()), std::string::npos)
+        << result.err;
+    EXPECT_EQ(tree.read("var/log/kze_agent.out"), "no agent today\n");
+}
+
+}  // namespace
+}  // namespace kze_test
