@@ -51,6 +51,13 @@ control_later_handler answering_at_once(control_handler handler) {
     };
 }
 
+/* What a server sends itself. */
+constexpr unsigned int wake_command = 0;
+constexpr unsigned int wake_seconds = 1;
+
+void on_woken(int /* status */, unsigned int /* cmd */, const char * /* data */,
+              unsigned int /* len */, void * /* context */) {}
+
 /* One control_call: what goes in, what comes out, both owned by the thread that waits. */
 struct call {
     std::string endpoint;
@@ -192,12 +199,11 @@ void control_server::stop() {
     thread_.join();
 }
 
-/* The loop turns for whatever is sent, and a message to ourselves is something sent. */
+/* The loop turns to end a request, and each request ends: answered, in vain or too late. */
 void control_server::wake() {
     const addr_ptr addr = make_addr(endpoint_);
-    if (ipc_ != nullptr && addr != nullptr) {
-        vrd_ipc_send(ipc_, addr.get(), control_command, nullptr, 0);
-    }
+    vrd_ipc_make_request(ipc_, addr.get(), wake_command, nullptr, 0, on_woken, nullptr,
+                         wake_seconds);
 }
 
 void control_server::serve() {

@@ -22,11 +22,11 @@ class descriptor {
         number_ = -1;
         return released;
     }
-    void reset() {
+    void reset(int number = -1) {
         if (number_ >= 0) {
             close(number_);
-            number_ = -1;
         }
+        number_ = number;
     }
 
   private:

@@ -21,8 +21,10 @@ std::string position(std::string_view text, std::size_t byte) {
 
 std::optional<json> parse_json(std::string_view text, std::string &problem) {
     bool too_deep = false;
-    const auto bounded = [&too_deep](int depth, json::parse_event_t, const json &) {
-        too_deep = too_deep || depth > json_depth_bound;
+    const auto bounded = [&too_deep](int depth, json::parse_event_t event, const json &) {
+        const bool begins =
+            event == json::parse_event_t::array_start || event == json::parse_event_t::object_start;
+        too_deep = too_deep || (begins && depth >= json_depth_bound);
         return !too_deep;
     };
     try {

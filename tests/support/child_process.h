@@ -20,13 +20,16 @@ class child_process {
     explicit child_process(const std::vector<std::string> &command) {
         int to[2];
         int from[2];
-        if (pipe2(to, O_CLOEXEC) != 0 || pipe2(from, O_CLOEXEC) != 0) {
+        int errors[2];
+        if (pipe2(to, O_CLOEXEC) != 0 || pipe2(from, O_CLOEXEC) != 0 ||
+            pipe2(errors, O_CLOEXEC) != 0) {
             throw std::runtime_error("no pipe");
         }
         pid_ = fork();
         if (pid_ == 0) {
             dup2(to[0], STDIN_FILENO);
             dup2(from[1], STDOUT_FILENO);
+            dup2(errors[1], STDERR_FILENO);
             std::vector<char *> arguments;
             for (const std::string &word : command) {
                 arguments.push_back(const_cast<char *>(word.c_str()));
@@ -37,8 +40,10 @@ class child_process {
         }
         ::close(to[0]);
         ::close(from[1]);
+        ::close(errors[1]);
         input_ = fdopen(to[1], "w");
         output_ = fdopen(from[0], "r");
+        errors_ = fdopen(errors[0], "r");
     }
     ~child_process() {
         if (pid_ > 0) {
@@ -47,6 +52,7 @@ class child_process {
         }
         std::fclose(input_);
         std::fclose(output_);
+        std::fclose(errors_);
     }
     child_process(const child_process &) = delete;
     child_process &operator=(const child_process &) = delete;
@@ -60,6 +66,14 @@ class child_process {
             line.push_back(static_cast<char>(c));
         }
         return line;
+    }
+    /* All of its error output; for after its end. */
+    std::string read_errors() {
+        std::string text;
+        for (int c = std::getc(errors_); c != EOF; c = std::getc(errors_)) {
+            text.push_back(static_cast<char>(c));
+        }
+        return text;
     }
     void write_line(const std::string &text) {
         std::fprintf(input_, "%s\n", text.c_str());
@@ -78,6 +92,7 @@ class child_process {
     pid_t pid_ = 0;
     std::FILE *input_ = nullptr;
     std::FILE *output_ = nullptr;
+    std::FILE *errors_ = nullptr;
 };
 
 }  // namespace kze_test

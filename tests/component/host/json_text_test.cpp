@@ -1,0 +1,47 @@
+/* Parsing of JSON from outside. */
+#include "agent/common/json_text.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+std::string problem_of(const std::string &text) {
+    std::string problem;
+    EXPECT_FALSE(kze::parse_json(text, problem)) << text.substr(0, 100);
+    return problem;
+}
+
+TEST(json_text, a_good_text_is_parsed) {
+    std::string problem;
+    const auto parsed = kze::parse_json(R"({"a": [1, "b"]})", problem);
+    ASSERT_TRUE(parsed);
+    EXPECT_EQ((*parsed)["a"][1], "b");
+    EXPECT_EQ(problem, "");
+}
+
+TEST(json_text, a_bad_text_is_told_by_line_and_column) {
+    EXPECT_EQ(problem_of("{\n  \"a\": 1,\n  \"b\" 2\n}"), "line 3, column 7: not valid JSON");
+    EXPECT_EQ(problem_of("x"), "line 1, column 1: not valid JSON");
+    EXPECT_EQ(problem_of("{\"a\": 1"), "line 1, column 8: not valid JSON");
+    EXPECT_EQ(problem_of("\"\xff\""), "line 1, column 2: not valid JSON");
+    EXPECT_EQ(problem_of(""), "line 1, column 1: not valid JSON");
+}
+
+TEST(json_text, a_number_that_no_type_holds_is_told) {
+    EXPECT_NE(problem_of("1e999").find("1e999"), std::string::npos);
+}
+
+TEST(json_text, depth_counts_up_to_its_bound) {
+    const auto nested = [](int depth) {
+        return std::string(static_cast<std::size_t>(depth), '[') +
+               std::string(static_cast<std::size_t>(depth), ']');
+    };
+    std::string problem;
+    EXPECT_TRUE(kze::parse_json(nested(kze::json_depth_bound - 1), problem));
+    EXPECT_TRUE(kze::parse_json(nested(kze::json_depth_bound), problem));
+    EXPECT_EQ(problem_of(nested(kze::json_depth_bound + 1)),
+              "arrays and objects lie deeper than 64");
+    EXPECT_EQ(problem_of(nested(1000000)), "arrays and objects lie deeper than 64");
+}
+
+}  // namespace
