@@ -238,7 +238,7 @@ std::string write_all(int descriptor, const std::string &text) {
         }
         done += wrote > 0 ? static_cast<std::size_t>(wrote) : 0;
     }
-    return ::fsync(descriptor) == 0 ? std::string() : std::strerror(errno);
+    return {};
 }
 
 }  // namespace
@@ -373,7 +373,8 @@ void engine_settings::refresh() {
     content_ = parse(text, path_);
 }
 
-/* Writes the content beside the file and renames it into place. The caller holds both locks. */
+/* Writes the content beside the file and renames it into place: it outlives the process, and need
+ * not outlive the host. The caller holds both locks. */
 std::string engine_settings::save() {
     const std::string beside = path_ + ".new";
     {
