@@ -35,7 +35,7 @@ int copy_from(int from, const char *to) {
     if (!S_ISREG(status.st_mode))
         return S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
     Replacement copy;
-    int error = copy.open(to, status.st_mode);
+    int error = copy.open(to, 0600);
     copy.set_mode(status.st_mode);
     if (error == 0)
         error = copy_content(from, copy);

@@ -68,7 +68,7 @@ LogRegistry &registry() {
 // The directory in the one spelling that all threads compare. It is made here, if possible, since
 // only what exists has links to resolve.
 std::string one_spelling(const std::string &directory) {
-    kze_paths::make_directories(directory, 0700);
+    kze_paths::make_directories(directory, log_directory_mode);
     std::error_code error;
     const auto resolved = std::filesystem::canonical(directory, error);
     if (!error)

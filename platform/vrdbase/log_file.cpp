@@ -15,7 +15,6 @@
 namespace {
 
 constexpr size_t max_file_size = 10UL * 1024 * 1024;
-constexpr mode_t directory_mode = 0700;
 constexpr std::chrono::seconds retry_interval(1);
 const char *const pattern = "%Y-%m-%d %H:%M:%S.%f %l %t %v";
 
@@ -37,7 +36,7 @@ spdlog::details::log_msg message(int level, const std::string &text) {
 // Makes the directory and the file where missing, and ends the half line that a crash or a full
 // disk left in it.
 void prepare(const std::string &directory, const std::string &path) {
-    const int error = kze_paths::make_directories(directory, directory_mode);
+    const int error = kze_paths::make_directories(directory, log_directory_mode);
     if (error != 0)
         throw std::system_error(error, std::generic_category());
     const Descriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0600));

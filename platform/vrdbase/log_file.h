@@ -8,10 +8,15 @@
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <memory>
 #include <mutex>
 #include <string>
+
+// Log directories are for their owner only.
+inline constexpr mode_t log_directory_mode = 0700;
 
 // Safe from any thread: one lock guards everything that changes.
 class LogFile {

@@ -1,6 +1,7 @@
 // Mutexes, conditions and atomics.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <thread>
@@ -161,11 +162,14 @@ TEST(Atomic, set_stores) {
 }
 
 TEST(Atomic, adds_of_several_threads_are_all_counted) {
-    constexpr int rounds = 50000;
+    constexpr int rounds = 200000;
     volatile int value = 0;
+    std::atomic<int> ready{0};
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i)
         threads.emplace_back([&] {
+            for (++ready; ready < 4;)
+                std::this_thread::yield();
             for (int round = 0; round < rounds; ++round)
                 kze_atomic32_add_and_fetch(&value, 1);
         });

@@ -107,6 +107,22 @@ TEST_F(Thread, cant_join_itself) {
     EXPECT_EQ(error, EDEADLK);
 }
 
+TEST_F(Thread, that_the_system_refuses_leaves_the_handle_untouched) {
+    pthread_attr_t attributes;
+    pthread_getattr_default_np(&attributes);
+    size_t usual = 0;
+    pthread_attr_getstacksize(&attributes, &usual);
+    // More stack than there are addresses.
+    ASSERT_EQ(pthread_attr_setstacksize(&attributes, size_t{1} << 60U), 0);
+    ASSERT_EQ(pthread_setattr_default_np(&attributes), 0);
+    kze_thread_t thread = 5;
+    EXPECT_EQ(kze_thread_start(&thread, increment, nullptr), EAGAIN);
+    EXPECT_EQ(thread, 5UL);
+    pthread_attr_setstacksize(&attributes, usual);
+    pthread_setattr_default_np(&attributes);
+    pthread_attr_destroy(&attributes);
+}
+
 TEST_F(Thread, functions_refuse_null) {
     kze_thread_t thread = 5;
     EXPECT_EQ(kze_thread_start(nullptr, increment, nullptr), EINVAL);

@@ -18,6 +18,7 @@ namespace {
 std::vector<std::string> calls;
 int fsync_error = 0;
 int rename_error = 0;
+mode_t mode_at_rename = 0;
 
 std::string base_name(const std::string &path) {
     return std::filesystem::path(path).filename().string();
@@ -62,6 +63,9 @@ extern "C" __attribute__((visibility("default"))) int fsync(int fd) {
 
 extern "C" __attribute__((visibility("default"))) int rename(const char *from, const char *to) {
     calls.push_back("rename " + base_name(from) + " " + base_name(to));
+    struct stat status {};
+    if (stat(from, &status) == 0)
+        mode_at_rename = status.st_mode;
     errno = rename_error;
     return rename_error == 0 ? static_cast<int>(syscall(SYS_rename, from, to)) : -1;
 }
@@ -75,6 +79,15 @@ TEST_F(Durability,
 TEST_F(Durability, of_a_copy_comes_in_the_same_way) {
     EXPECT_EQ(kze_file_copy(path("d/from").c_str(), to().c_str()), 0);
     EXPECT_THAT(calls, ElementsAre("sync .to.new", "rename .to.new to", "sync d"));
+}
+
+TEST_F(Durability, of_a_read_only_file_leaves_its_owner_able_to_save_after_a_crash) {
+    chmod(path("d/from").c_str(), 0444);
+    EXPECT_EQ(kze_file_copy(path("d/from").c_str(), to().c_str()), 0);
+    EXPECT_EQ(mode_at_rename & 07777U, 0644U);
+    struct stat status {};
+    ASSERT_EQ(stat(to().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0444U);
 }
 
 TEST_F(Durability, that_cant_be_had_fails_the_save_and_the_copy_and_changes_nothing) {

@@ -95,6 +95,20 @@ TEST_F(Library, without_the_wanted_symbol_is_reported_with_path_and_symbol) {
     EXPECT_EQ(kze_dll_close(handle), 0);
 }
 
+TEST_F(Library, with_a_symbol_of_no_address_is_not_blamed_with_an_older_error) {
+    void *handle = nullptr;
+    ASSERT_EQ(kze_dll_open(GOOD_LIBRARY, &handle), 0);
+    const auto log = log_of([handle] {
+        ASSERT_EQ(dlopen("/no/such/library.so", RTLD_NOW), nullptr);
+        int local = 0;
+        void *address = &local;
+        EXPECT_EQ(kze_dll_get_addr(handle, "library_null", &address), ENOENT);
+        EXPECT_EQ(address, nullptr);
+    });
+    EXPECT_THAT(log, ElementsAre(AllOf(HasSubstr("library_null"), HasSubstr("no reason given"))));
+    EXPECT_EQ(kze_dll_close(handle), 0);
+}
+
 TEST_F(Library, that_isnt_open_any_more_cant_be_closed) {
     // One that the program itself needs stays mapped, so that its closed handle can be looked at.
     void *handle = nullptr;

@@ -103,25 +103,41 @@ void limit_files_to(rlim_t bytes) {
     setrlimit(RLIMIT_FSIZE, &limit);
 }
 
-// Writes past a limit, as past the end of a disk, then lifts it and writes until the file takes
-// records again.
-int fill_the_disk() {
-    signal(SIGXFSZ, SIG_IGN);
-    const std::string directory = std::string(getenv("KZE_AGENT_HOME")) + "/../var/log/full";
-    autolog_init(directory.c_str(), 2);
-    constexpr rlim_t limit = 1000;
+// Writes past the file's size, as past the end of a disk, then lifts the limit and writes until the
+// file takes records again.
+bool fill_the_disk_and_make_room(const std::string &file) {
+    const auto limit =
+        std::filesystem::exists(file) ? std::filesystem::file_size(file) + 500 : 1000;
     limit_files_to(limit);
     for (int i = 0; i < 100; ++i)
         kze_log(1, "while full %d", i);
     limit_files_to(RLIM_INFINITY);
     const auto end = std::chrono::steady_clock::now() + deadline;
-    while (std::filesystem::file_size(directory + "/full.log") <= limit) {
+    while (std::filesystem::file_size(file) <= limit) {
         if (std::chrono::steady_clock::now() > end)
-            return 1;
+            return false;
         kze_log(1, "trying");
         std::this_thread::yield();
     }
     kze_log(1, "room again");
+    return true;
+}
+
+int fill_the_disk_twice() {
+    signal(SIGXFSZ, SIG_IGN);
+    const std::string directory = std::string(getenv("KZE_AGENT_HOME")) + "/../var/log/full";
+    autolog_init(directory.c_str(), 2);
+    const std::string file = directory + "/full.log";
+    return fill_the_disk_and_make_room(file) && fill_the_disk_and_make_room(file) ? 0 : 1;
+}
+
+int go_back_to_the_host() {
+    autolog_init("@/../var/log/other", 2);
+    autolog_init(nullptr, 2);
+    kze_log(1, "after null");
+    autolog_init("@/../var/log/other", 2);
+    autolog_init("", 2);
+    kze_log(1, "after empty");
     return 0;
 }
 
@@ -138,6 +154,8 @@ int main(int argc, char **argv) {
     if (what == "fork")
         return fork_while_threads_log();
     if (what == "full")
-        return fill_the_disk();
+        return fill_the_disk_twice();
+    if (what == "back")
+        return go_back_to_the_host();
     return 2;
 }

@@ -1,6 +1,11 @@
 // The number of this host.
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <thread>
 #include <vector>
 
@@ -63,7 +68,7 @@ TEST_F(HostIdentity, takes_a_machine_identifier_that_isnt_set_up_for_a_missing_o
 }
 
 TEST_F(HostIdentity, is_made_anew_when_the_kept_one_is_damaged) {
-    write_content(own_file(), "a crash left th");
+    write_content(own_file(), "a crash left" + std::string(100, ' '));
     const unsigned int first = identity();
     EXPECT_EQ(identity(), first);
     EXPECT_EQ(content_of(own_file()).size(), 33U);
@@ -77,6 +82,29 @@ TEST_F(HostIdentity, is_the_same_for_all_that_make_it_at_once) {
     for (auto &thread : threads)
         thread.join();
     EXPECT_EQ(numbers, std::vector<unsigned int>(8, identity()));
+}
+
+TEST_F(HostIdentity, is_read_after_whoever_is_just_making_it) {
+    std::filesystem::create_directories(path("var/lib"));
+    const int fd = open(own_file().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_EQ(flock(fd, LOCK_EX), 0);
+    std::atomic<bool> done{false};
+    unsigned int number = 0;
+    std::thread other([&] {
+        number = identity();
+        done = true;
+    });
+    // Until the other waits for the lock: the system lists who does with an arrow.
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!done && content_of("/proc/locks").find("-> FLOCK") == std::string::npos &&
+           std::chrono::steady_clock::now() < end)
+        std::this_thread::yield();
+    EXPECT_EQ(write(fd, other_id, 33), 33);
+    close(fd);
+    other.join();
+
+    write_content(machine_file(), other_id);
+    EXPECT_EQ(number, identity());
 }
 
 TEST_F(HostIdentity, that_cant_be_kept_is_still_stable) {

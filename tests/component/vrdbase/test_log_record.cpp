@@ -84,6 +84,10 @@ TEST_F(LogRecord, escapes_c1_controls_in_utf8_and_as_single_bytes) {
               "\\xc2\\x9b31m \\x9b31m \\xc2\\x85");
 }
 
+TEST_F(LogRecord, escapes_the_first_and_the_last_c1_control) {
+    EXPECT_EQ(escaped("\xc2\x80 \xc2\x9f"), "\\xc2\\x80 \\xc2\\x9f");
+}
+
 TEST_F(LogRecord, escapes_the_line_and_paragraph_separators_of_unicode) {
     EXPECT_EQ(escaped("a\xe2\x80\xa8 b\xe2\x80\xa9"), "a\\xe2\\x80\\xa8 b\\xe2\\x80\\xa9");
 }
