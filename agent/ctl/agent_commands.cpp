@@ -16,6 +16,7 @@
 #include "agent/ctl/host_status.h"
 #include "agent/ctl/log_files.h"
 #include "agent/ctl/processes.h"
+#include "agent/ctl/worker_start.h"
 #include "kzautil.h"
 
 namespace kze::ctl {
@@ -106,17 +107,17 @@ host_status wait_for_host(pid_t child, const deadline &until) {
 }
 
 /* A host that runs without one of its plug-ins is up, but that's not what was asked for. */
-exit_status tell_host(const host_status &status, const std::string &what, const output &out) {
-    const std::string failed = failed_plugins(status);
+void must_be_complete(const host_status &host) {
+    const std::string failed = failed_plugins(host);
     if (!failed.empty()) {
-        throw failure(exit_failed, "the host runs, process " + std::to_string(status.pid) +
+        throw failure(exit_failed, "the host runs, process " + std::to_string(host.pid) +
                                        ", but without " + failed + "; see " + log_path("host"));
     }
-    out.done(what + ", process " + std::to_string(status.pid) + ", " +
-                 std::to_string(status.plugins.size()) + " plug-in" +
-                 (status.plugins.size() == 1 ? "" : "s") + " initialised",
-             {{"pid", status.pid}});
-    return exit_done;
+}
+
+std::string host_text(const host_status &host) {
+    return ", process " + std::to_string(host.pid) + ", " + std::to_string(host.plugins.size()) +
+           " plug-in" + (host.plugins.size() == 1 ? "" : "s") + " initialised";
 }
 
 exit_status up(const up_options &options, const output &out) {
@@ -129,10 +130,19 @@ exit_status up(const up_options &options, const output &out) {
         start_engine();
     }
     if (const auto answer = ask_if_running(host_endpoint, {{"op", "status"}})) {
-        return tell_host(read_host_status(*answer), "The agent is already up", out);
+        const host_status running = read_host_status(*answer);
+        must_be_complete(running);
+        out.done("The agent is already up" + host_text(running), {{"pid", running.pid}});
+        return exit_done;
     }
-    const pid_t host = start_daemon({tree_path("@/kze_agent")}, log_path("output"));
-    return tell_host(wait_for_host(host, until), "The agent is up", out);
+    const off_t mark = mark_worker_start();
+    const pid_t child = start_daemon({tree_path("@/kze_agent")}, log_path("output"));
+    const host_status host = wait_for_host(child, until);
+    must_be_complete(host);
+    const worker_state worker = wait_for_worker(host, mark);
+    out.done("The agent is up" + host_text(host) + worker_note(worker),
+             {{"pid", host.pid}, {"worker", worker_state_name(worker)}});
+    return exit_done;
 }
 
 /* ---- down ---- */
@@ -228,13 +238,13 @@ exit_status down(double timeout, const output &out) {
 /* ---- reload, log-level ---- */
 
 exit_status reload(double timeout, const output &out) {
-    const json answer = ask(host_endpoint, {{"op", "reload"}}, static_cast<unsigned int>(timeout));
-    const std::string failed = failed_plugins(read_host_status(answer));
-    if (!failed.empty()) {
-        throw failure(exit_failed,
-                      "the host runs, but without " + failed + "; see " + log_path("host"));
-    }
-    out.done("The plug-ins are stopped and started again", answer);
+    const off_t mark = mark_worker_start();
+    const host_status host = read_host_status(
+        ask(host_endpoint, {{"op", "reload"}}, static_cast<unsigned int>(timeout)));
+    must_be_complete(host);
+    const worker_state worker = wait_for_worker(host, mark);
+    out.done("The plug-ins are stopped and started again" + worker_note(worker),
+             {{"pid", host.pid}, {"worker", worker_state_name(worker)}});
     return exit_done;
 }
 

@@ -77,7 +77,9 @@ TEST_F(broken_tree, a_host_without_the_plug_ins_library_goes_on) {
 
 TEST_F(broken_tree, without_the_configuration_client_the_worker_ends_and_the_host_survives) {
     tree.remove("lib/libkzacfgc.so");
-    tree.must({"up"});
+    const command_result result = tree.ctl({"up"});
+    EXPECT_EQ(result.status, failed) << result.out;
+    EXPECT_NE(result.err.find("worker has ended"), std::string::npos) << result.err;
     tree.see("failed to initialize cfgc");
     tree.see("kzemm_config init failed");
     tree.see("init cfgc failed");

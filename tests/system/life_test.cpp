@@ -104,6 +104,17 @@ TEST_F(life, reload_starts_a_new_worker_in_the_same_host) {
     EXPECT_EQ(tree.pid_of("bin/kze_agent"), host);
 }
 
+/* A worker that is told to stop during its start doesn't notice; up and reload wait for its end. */
+TEST_F(life, down_right_behind_up_or_reload_is_clean) {
+    for (int round = 0; round < 5; ++round) {
+        EXPECT_EQ(tree.ask({"up"}).value("worker", ""), "working");
+        tree.must({"down"});
+        tree.must({"up"});
+        EXPECT_EQ(tree.ask({"reload"}).value("worker", ""), "working");
+        tree.must({"down"});
+    }
+}
+
 TEST_F(life, two_trees_run_side_by_side) {
     agent_tree other;
     for (const agent_tree *each : {&tree, &other}) {
@@ -115,6 +126,7 @@ TEST_F(life, two_trees_run_side_by_side) {
     other.write("var/marker", marker);
     other.must({"engine", "push", "alarm", other.path("var/marker").string()});
     EXPECT_NE(other.wait_record("alarm", 0, marker), 0);
+    tree.wait_record("origin", 0);
     EXPECT_EQ(tree.ask({"gateway", "list", "--type", "alarm"})["records"].size(), 0U);
 
     other.must({"down"});

@@ -87,7 +87,7 @@ TEST_F(outage, a_stopped_engine_is_missed_until_it_is_started) {
 
 TEST_F(outage, an_engine_that_is_not_there_at_the_start_is_waited_for) {
     tree.switch_on();
-    tree.must({"up", "--no-engine"});
+    EXPECT_EQ(tree.ask({"up", "--no-engine"}).value("worker", ""), "waiting");
     EXPECT_EQ(tree.ctl({"status"}).status, not_running);
     std::int64_t from = tree.see("qd start try_times: 1, interval: 2");
     EXPECT_FALSE(tree.has_logged("kzemm_work start succeed"));
