@@ -28,14 +28,17 @@ enum gateway_result {
 /* The journal's PRAGMA user_version. */
 #define GATEWAY_JOURNAL_VERSION 1
 
-/* Rows of the journal's table "counters"; all but the last only ever grow. */
-#define GATEWAY_COUNT_ACCEPTED "accepted" /* records written */
-#define GATEWAY_COUNT_REFUSED_INVALID                                                      \
-    "refused_invalid"                             /* GATEWAY_NULL_DATA to GATEWAY_TOO_LONG \
-                                                   */
-#define GATEWAY_COUNT_REFUSED_FULL "refused_full" /* the other refusals */
-#define GATEWAY_COUNT_LOST "lost"                 /* accepted, but never written */
-#define GATEWAY_COUNT_EXPIRED "expired"           /* deleted again to keep the size bound */
-#define GATEWAY_COUNT_STORED_BYTES "stored_bytes" /* sum of the sizes of what is there */
+/*
+ * Rows of the journal's table "counters". All but the last only ever grow. Refused as invalid is
+ * what got GATEWAY_NULL_DATA to GATEWAY_TOO_LONG, as full GATEWAY_QUEUE_FULL and GATEWAY_NO_MEMORY;
+ * lost is what was accepted and never written, expired what was deleted to keep the journal's
+ * bound.
+ */
+#define GATEWAY_COUNT_ACCEPTED "accepted"
+#define GATEWAY_COUNT_REFUSED_INVALID "refused_invalid"
+#define GATEWAY_COUNT_REFUSED_FULL "refused_full"
+#define GATEWAY_COUNT_LOST "lost"
+#define GATEWAY_COUNT_EXPIRED "expired"
+#define GATEWAY_COUNT_STORED_BYTES "stored_bytes" /* the sum of the sizes of what is there */
 
 #endif

@@ -107,15 +107,18 @@ TEST_F(journal, gives_the_counters_by_name) {
 TEST_F(journal, a_journal_that_does_not_exist_yet_is_told_and_not_made) {
     EXPECT_FALSE(reader_.list(0, 0, 1));
     EXPECT_THAT(reader_.problem(), HasSubstr("nothing has been handed to the gateway yet"));
+    EXPECT_TRUE(reader_.absent());
     EXPECT_FALSE(std::filesystem::exists(path_));
     fill();
     EXPECT_EQ(reader_.list(0, 0, 100)->size(), 6U);
+    EXPECT_FALSE(reader_.absent());
 }
 
 TEST_F(journal, a_file_that_is_none_is_told) {
     tree_.write("var/gateway.db", std::string(8192, 'g'));
     EXPECT_FALSE(reader_.list(0, 0, 1));
     EXPECT_THAT(reader_.problem(), HasSubstr("file is not a database"));
+    EXPECT_FALSE(reader_.absent());
 }
 
 TEST_F(journal, a_version_it_does_not_know_is_told) {
