@@ -144,6 +144,17 @@ TEST(frame, bytes_behind_the_stream_are_told) {
     EXPECT_EQ(decoded.content, "hello");
 }
 
+TEST(frame, the_documented_example_is_read_as_the_documentation_says) {
+    constexpr unsigned char bytes[] = {0x33, 0x32, 0x30, 0x30, 0x00, 0x00, 0x02, 0x00, 0x02,
+                                       0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x05, 0x00,
+                                       0x00, 0x00, 0x78, 0x9c, 0xcb, 0x48, 0xcd, 0xc9, 0xc9,
+                                       0x07, 0x00, 0x06, 0x2c, 0x02, 0x15};
+    const frame decoded = decode_frame({reinterpret_cast<const char *>(bytes), sizeof(bytes)});
+    EXPECT_EQ(decoded.problem, "");
+    EXPECT_EQ(decoded.proto_type, 2U);
+    EXPECT_EQ(decoded.content, "hello");
+}
+
 TEST(frame, a_header_is_read_from_a_records_beginning_and_size) {
     const std::string made = make_frame(0, 2, 1000, std::string(1000, 'x'));
     const frame decoded = decode_header(std::string_view(made).substr(0, 20), made.size());
