@@ -1,6 +1,9 @@
 #include "tests/component/plugin/plugin_test.h"
 
 #include <dlfcn.h>
+#if SANITIZED
+#include <sanitizer/common_interface_defs.h>
+#endif
 
 #include <algorithm>
 #include <filesystem>
@@ -19,6 +22,15 @@ void let_event_library_open_its_own() {
     const auto nothing = [](void *) -> void * { return nullptr; };
     ASSERT_EQ(cl_ev_create_isolated_thread(&thread, nullptr, nothing, nullptr), 0);
     ASSERT_EQ(pthread_join(thread, nullptr), 0);
+}
+
+// A sanitizer starts a process that finds names for it when it first needs one, and keeps two pipes
+// to it.
+void let_sanitizer_open_its_own() {
+#if SANITIZED
+    char name[256] = {};
+    __sanitizer_symbolize_pc(__builtin_return_address(0), "%f", name, sizeof(name));
+#endif
 }
 
 }  // namespace
@@ -100,6 +112,7 @@ void plugin_test::SetUp() {
         std::make_unique<log_reader>(tree.path("var/log/agent/kzemdlmgr/kzemdlmgr.log").string());
 
     let_event_library_open_its_own();
+    let_sanitizer_open_its_own();
     descriptors_before = open_descriptors();
     threads_before = kze_test::thread_count();
     plugin = dlopen(PLUGIN_FILE, RTLD_NOW | RTLD_LOCAL);
