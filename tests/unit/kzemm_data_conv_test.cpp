@@ -440,6 +440,18 @@ TEST_F(kzemm_data_conv_test, leaves_the_template_as_it_was) {
     EXPECT_EQ(memcmp(&header, "abcdefghijklmnopqrst", sizeof(header)), 0);
 }
 
+TEST_F(kzemm_data_conv_test, reads_a_template_at_any_address) {
+    for (size_t offset = 0; offset < 4; ++offset) {
+        const std::string shifted = std::string(offset, 'x') + "abcdefghijklmnopqrst";
+        uint32_t out_len = 0;
+        const frame_ptr frame(string_data_add_module_head(
+            "", reinterpret_cast<const _module_header *>(shifted.data() + offset), out_len,
+            big_endian));
+        ASSERT_NE(frame, nullptr);
+        EXPECT_EQ(std::string(frame.get(), 8), "abcdefgh");
+    }
+}
+
 TEST_F(kzemm_data_conv_test, sets_the_length_before_the_allocation_fails) {
     const _module_header header = template_header();
     uint32_t out_len = 0;
