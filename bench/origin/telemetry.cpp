@@ -11,7 +11,7 @@ namespace {
 
 // One executable has one MD5, on all of its lines.
 uint64_t digest(const char *program) {
-    return std::mt19937_64(std::hash<std::string_view>{}(program))();
+    return std::hash<std::string_view>{}(program);
 }
 
 }  // namespace
@@ -38,8 +38,9 @@ std::string make_telemetry(size_t size, unsigned int seed) {
             "\n",
             static_cast<unsigned int>(bits >> 16 & 0x3fffff),
             static_cast<unsigned int>(bits >> 40 & 0xffff), static_cast<unsigned long long>(start),
-            users[(bits >> 8) % users.size()], program, static_cast<unsigned long long>(random()),
-            static_cast<unsigned long long>(random()), program,
+            users[(bits >> 8) % users.size()], program,
+            static_cast<unsigned long long>(digest(program)),
+            static_cast<unsigned long long>(~digest(program) * 31), program,
             static_cast<unsigned long long>(random() >> 24), static_cast<unsigned int>(bits >> 48));
         text.append(line, static_cast<size_t>(length));
     }
