@@ -28,12 +28,11 @@ using kze::engine::text_of_bytes;
 
 TEST(EngineRecord, has_the_bytes_that_the_format_page_shows) {
     record from;
-    from.what = 6;
+    from.what = static_cast<std::uint32_t>(kze::engine::engine_call::coordinate);
     from.client = 0x01020304;
-    from.first = ENGINE_COLLECT;
-    from.second = ENGINE_SWITCH_ON;
+    from.first = QD_TRACE_HUNTING;
     from.payload = "ab";
-    const std::string bytes("\x01\0\0\0\x06\0\0\0\x04\x03\x02\x01\x06\0\0\0\x02\0\0\0\x02\0\0\0ab",
+    const std::string bytes("\x01\0\0\0\x0b\0\0\0\x04\x03\x02\x01\x03\0\0\0\0\0\0\0\x02\0\0\0ab",
                             26);
     EXPECT_EQ(kze::engine::encode_record(from), bytes);
 }
