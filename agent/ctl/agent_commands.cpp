@@ -13,6 +13,7 @@
 #include "agent/common/tree.h"
 #include "agent/ctl/ask.h"
 #include "agent/ctl/command_line.h"
+#include "agent/ctl/engine_service.h"
 #include "agent/ctl/host_status.h"
 #include "agent/ctl/log_files.h"
 #include "agent/ctl/processes.h"
@@ -74,14 +75,6 @@ void make_directories() {
     }
 }
 
-void start_engine() {
-    const finished_command done = run_command({tree_path("@/vrd_services"), "start", "10qd_agent"});
-    if (done.status != 0) {
-        throw failure(exit_failed, "the engine doesn't start: " + printable(done.output) +
-                                       "\nIts log: " + log_path("engine"));
-    }
-}
-
 /* Waits until the host answers and has called the plug-ins' init. */
 host_status wait_for_host(pid_t child, const deadline &until) {
     for (;;) {
@@ -127,7 +120,7 @@ exit_status up(const up_options &options, const output &out) {
     make_directories();
     const deadline until(options.timeout);
     if (!options.no_engine) {
-        start_engine();
+        order_engine_service("start");
     }
     if (const auto answer = ask_if_running(host_endpoint, {{"op", "status"}})) {
         const host_status running = read_host_status(*answer);
@@ -198,6 +191,14 @@ std::string kill_processes(const std::vector<tree_process> &processes) {
     return running_programs(processes);
 }
 
+void stop_engine() {
+    try {
+        order_engine_service("stop");
+    } catch (const failure &) {
+        /* What is left is killed by the caller. */
+    }
+}
+
 /* Those of programs that died; nobody is left who listens. */
 void remove_sockets() {
     std::error_code ignored;
@@ -219,7 +220,7 @@ exit_status down(double timeout, const output &out) {
         }
     }
     if (!tree_processes().empty()) {
-        run_command({tree_path("@/vrd_services"), "stop", "10qd_agent"});
+        stop_engine();
     }
     if (const std::vector<tree_process> left = tree_processes(); !left.empty()) {
         forced += (forced.empty() ? "" : ", ") + kill_processes(left);

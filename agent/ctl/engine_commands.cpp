@@ -10,8 +10,8 @@
 #include "agent/common/tree.h"
 #include "agent/ctl/ask.h"
 #include "agent/ctl/command_line.h"
+#include "agent/ctl/engine_service.h"
 #include "agent/ctl/engine_view.h"
-#include "agent/ctl/log_files.h"
 #include "agent/ctl/processes.h"
 #include "agent/engine/engine_settings.h"
 
@@ -19,8 +19,6 @@ namespace kze::ctl {
 namespace {
 
 using nlohmann::json;
-
-constexpr char engine_service[] = "10qd_agent";
 
 /* Answers outlive the engine's process: without one they go into its settings file. */
 void change_settings(const json &request) {
@@ -31,29 +29,6 @@ void change_settings(const json &request) {
     const json answer = settings.apply(request);
     if (!answer.value("ok", false)) {
         throw failure(exit_failed, "refused: " + answer.value("error", std::string()));
-    }
-}
-
-void run_service_command(const std::string &verb) {
-    const finished_command done = run_command({tree_path("@/vrd_services"), verb, engine_service});
-    if (done.status != 0) {
-        throw failure(exit_failed, done.output.empty()
-                                       ? "vrd_services " + verb + " failed"
-                                       : printable(done.output.substr(
-                                             0, done.output.find_last_not_of('\n') + 1)));
-    }
-}
-
-/* The service tool returns once the program is started; it answers a little later. */
-void wait_for_engine() {
-    constexpr int look_period_ms = 20;
-    const deadline until(ask_seconds);
-    while (!ask_if_running(engine_endpoint, {{"op", "status"}})) {
-        if (until.passed()) {
-            throw failure(exit_timed_out,
-                          "the engine is started but doesn't answer; see " + log_path("engine"));
-        }
-        until.pause_ms(look_period_ms);
     }
 }
 
@@ -239,10 +214,7 @@ void add_service(CLI::App &to, command_line &line, const std::string &verb, cons
                  const std::string &did) {
     CLI::App *command = add_command(to, verb, help, "kzectl engine " + verb);
     on_chosen(command, line, [&line, verb, did] {
-        run_service_command(verb);
-        if (verb != "stop") {
-            wait_for_engine();
-        }
+        order_engine_service(verb);
         line.out.done("The engine's service " + did);
         return exit_done;
     });

@@ -240,7 +240,7 @@ TEST_F(kzectl, the_engines_answers_can_be_set_while_it_is_down) {
     tree.switch_on();
     tree.must({"up"});
     tree.see("qd start try_times: 1, interval: 2");
-    tree.see("x_client status 1");
+    tree.see("work loop start");
     EXPECT_EQ(tree.ask({"engine", "status"})["versions"]["ioa"], "42");
 }
 

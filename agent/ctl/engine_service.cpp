@@ -1,0 +1,45 @@
+#include "agent/ctl/engine_service.h"
+
+#include "agent/common/tree.h"
+#include "agent/ctl/ask.h"
+#include "agent/ctl/deadline.h"
+#include "agent/ctl/failure.h"
+#include "agent/ctl/log_files.h"
+#include "agent/ctl/output.h"
+#include "agent/ctl/processes.h"
+
+namespace kze::ctl {
+namespace {
+
+constexpr char engine_service[] = "10qd_agent";
+constexpr int look_period_ms = 20;
+
+std::string words_of(const std::string &verb, const finished_command &done) {
+    const std::string words = done.output.substr(0, done.output.find_last_not_of('\n') + 1);
+    return words.empty() ? "vrd_services " + verb + " failed" : printable(words);
+}
+
+void wait_for_engine() {
+    const deadline until(ask_seconds);
+    while (!ask_if_running(engine_endpoint, {{"op", "status"}})) {
+        if (until.passed()) {
+            throw failure(exit_timed_out, "the engine is started but doesn't answer; see " +
+                                              log_path("engine") + " and " + log_path("services"));
+        }
+        until.pause_ms(look_period_ms);
+    }
+}
+
+}  // namespace
+
+void order_engine_service(const std::string &verb) {
+    const finished_command done = run_command({tree_path("@/vrd_services"), verb, engine_service});
+    if (done.status != 0) {
+        throw failure(exit_failed, words_of(verb, done));
+    }
+    if (verb != "stop") {
+        wait_for_engine();
+    }
+}
+
+}  // namespace kze::ctl
