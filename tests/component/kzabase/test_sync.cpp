@@ -162,7 +162,7 @@ TEST(Atomic, set_stores) {
 }
 
 TEST(Atomic, adds_of_several_threads_are_all_counted) {
-    constexpr int rounds = 200000;
+    constexpr int rounds = 1000000;
     volatile int value = 0;
     std::atomic<int> ready{0};
     std::vector<std::thread> threads;

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <map>
 #include <vector>
@@ -221,6 +222,19 @@ TEST_F(LogFileTest, that_cant_be_made_is_replaced_by_standard_error_and_tried_on
     EXPECT_THAT(lines_of(file()), ElementsAre(EndsWith(" -:0 " + std::to_string(tried + 2) +
                                                        " records went to standard error"),
                                               EndsWith(" trying")));
+}
+
+TEST_F(LogFileTest, that_cant_be_made_leaves_errno_as_it_was) {
+    write_content(path("var"), "a file in the way");
+    const StandardErrorTo capture(path("stderr"));
+    std::thread([this] {
+        errno = ENOTTY;
+        autolog_init(directory().c_str(), 5);
+        EXPECT_EQ(errno, ENOTTY);
+        kze_log(1, "x");
+        EXPECT_EQ(errno, ENOTTY);
+    }).join();
+    EXPECT_THAT(lines_of(path("stderr")), ElementsAre(EndsWith(" x")));
 }
 
 TEST_F(LogFileTest, on_a_full_disk_loses_nothing_but_the_place_and_recovers) {
