@@ -99,10 +99,10 @@ VRDIPC_API vrd_ipc_st *vrd_ipc_create(const char *name, int flags);
 VRDIPC_API vrd_ipc_st *vrd_ipc_create_temp(const char *name, int flags);
 
 /*
- * Closes an endpoint. Its pending requests, and those made meanwhile, are completed with
- * VRD_IPC_E_CLOSED on the calling thread before it returns; when these callbacks make new requests
- * again and again, the 64th such round is the last, and vrd_ipc_make_request() refuses. What waits
- * for slow peers is dropped. Afterwards no callback of the endpoint runs, except one that
+ * Closes an endpoint. Its pending requests, and those made meanwhile (by these callbacks or by
+ * other threads), are completed with VRD_IPC_E_CLOSED on the calling thread before it returns. Of
+ * those made meanwhile 65,536 are taken; then vrd_ipc_make_request() refuses, so that it ends. What
+ * waits for slow peers is dropped. Afterwards no callback of the endpoint runs, except one that
  * destroys its own endpoint. Another thread waits for a callback that is just running, so it must
  * not hold what that callback waits for. Null and destroyed handles are ignored.
  */
@@ -132,8 +132,7 @@ VRDIPC_API int vrd_ipc_msg_recv(vrd_ipc_st *ipc, vrd_ipc_recv_cb callback, void 
 
 /*
  * Answers the request `request_id` of `addr`, once. 0 when the answer is on its way, or a negative
- * code. After VRD_IPC_E_TOO_LARGE, VRD_IPC_E_QUEUE_FULL and VRD_IPC_E_NO_MEMORY the request is
- * still to be answered.
+ * code. After VRD_IPC_E_TOO_LARGE and VRD_IPC_E_QUEUE_FULL the request is still to be answered.
  */
 VRDIPC_API int vrd_ipc_response(vrd_ipc_st *ipc, const vrd_addr_st *addr, unsigned int request_id,
                                 unsigned int cmd, const char *data, unsigned int size);

@@ -168,7 +168,8 @@ int endpoint::request(const address &to, std::uint32_t cmd, const char *data, st
     std::uint32_t id;
     {
         std::lock_guard<std::mutex> guard(lock_);
-        if (state_ == state::closed || refusing_) {
+        if (state_ == state::closed ||
+            (state_ == state::closing && taken_while_closing_++ >= max_while_closing)) {
             return VRD_IPC_E_CLOSED;
         }
         id = pending_.add(stored);
@@ -259,8 +260,7 @@ void endpoint::close() {
     if (!loop_->is_current()) {
         changed_.wait(guard, [this] { return !in_callback_; });
     }
-    for (int round = 1; !pending_.empty(); ++round) {
-        refusing_ = round >= max_closing_rounds;
+    while (!pending_.empty()) {
         for (const std::uint32_t id : pending_.ids_where([](const auto &) { return true; })) {
             pending_request done;
             pending_.take(id, &done);

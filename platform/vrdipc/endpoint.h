@@ -25,16 +25,16 @@ namespace kze_ipc {
 //
 // How it stops. Whoever closes it, a caller of vrd_ipc_destroy() or the ending loop, first sets
 // `closing`: from then on no callback begins on the loop's thread, and new requests are only
-// stored. It waits for a callback that is running, completes the requests until none is left, sets
-// `closed`, gives the name back and shuts the sockets down. Everything that libuv knows of goes
-// last, on the loop's thread, by release(), posted to it if need be. Until that the loop keeps the
-// endpoint alive, so that an event that was already on its way finds it.
+// stored, up to a limit. It waits for a callback that is running, completes the requests until none
+// is left, sets `closed`, gives the name back and shuts the sockets down. Everything that libuv
+// knows of goes last, on the loop's thread, by release(), posted to it if need be. Until that the
+// loop keeps the endpoint alive, so that an event that was already on its way finds it.
 class endpoint : public kze_ev::loop_user,
                  public connection_owner,
                  public std::enable_shared_from_this<endpoint> {
   public:
     static constexpr std::size_t max_accepted = 256;
-    static constexpr int max_closing_rounds = 64;
+    static constexpr unsigned int max_while_closing = 65536;  // requests
 
     // Null, with a line in the log, when it can't be made. *handle_out is then untouched.
     static std::shared_ptr<endpoint> create(const std::string &name, bool temporary, int flags,
@@ -110,7 +110,7 @@ class endpoint : public kze_ev::loop_user,
     std::mutex lock_;                  // guards what follows
     std::condition_variable changed_;  // state_ or in_callback_
     state state_ = state::open;
-    bool refusing_ = false;  // the last round of completions has begun
+    unsigned int taken_while_closing_ = 0;  // requests
     bool in_callback_ = false;
     std::thread::id closer_;
     handlers handlers_;

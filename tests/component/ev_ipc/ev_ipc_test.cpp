@@ -1,6 +1,8 @@
 #include "tests/component/ev_ipc/ev_ipc_test.h"
 
 #include <memory>
+#include <stdexcept>
+#include <thread>
 #include <utility>
 
 #include "tests/support/process_state.h"
@@ -34,6 +36,13 @@ void *run_body(void *body) {
 }
 
 }  // namespace
+
+void be_busy(std::chrono::milliseconds time) {
+    const auto end = std::chrono::steady_clock::now() + time;
+    while (std::chrono::steady_clock::now() < end) {
+        std::this_thread::yield();
+    }
+}
 
 void run_isolated(const std::function<void()> &body) {
     pthread_t id{};

@@ -43,6 +43,9 @@ class counter {
     int value_ = 0;
 };
 
+// Keeps the calling thread busy for a while, like a blocking callback does.
+void be_busy(std::chrono::milliseconds time);
+
 // Runs `body` on a new isolated thread and waits for its end.
 void run_isolated(const std::function<void()> &body);
 
