@@ -83,7 +83,11 @@ int usage_error(const CLI::App &app, const CLI::ParseError &error, command_line 
         named = named->get_subcommands().front();
         command += " " + named->get_name();
     }
-    report(line, exit_usage, std::string(error.what()) + "\nSee " + command + " --help.");
+    std::string text = error.what();
+    if (const auto unknown = app.remaining(true); !unknown.empty()) {
+        text = "\"" + printable(unknown.front()) + "\" is nothing that " + command + " knows here";
+    }
+    report(line, exit_usage, text + "\nSee " + command + " --help.");
     return exit_usage;
 }
 

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <optional>
 #include <sstream>
+#include <string_view>
 
 #include "agent/gateway/frame.h"
 #include "engine/qd_client.h"
@@ -37,12 +38,43 @@ bool is_framed(int type) {
            type == KZEMM_DATA_CTMIOA_HELLO || type == KZEMM_DATA_CREDIBLE;
 }
 
+bool is_text(std::string_view bytes) {
+    const bool controls = std::any_of(bytes.begin(), bytes.end(), [](char c) {
+        const auto byte = static_cast<unsigned char>(c);
+        return byte == 0x7FU || (byte < 0x20U && c != '\n' && c != '\t' && c != '\r');
+    });
+    return !controls && is_utf8(bytes);
+}
+
+std::string hex_of(std::string_view bytes) {
+    std::string text;
+    std::array<char, 8> digits;
+    for (const char c : bytes) {
+        std::snprintf(digits.data(), digits.size(), " %02x", static_cast<unsigned char>(c));
+        text += digits.data();
+    }
+    return text.empty() ? text : text.substr(1);
+}
+
+/* As text where it is some; a character may be cut at its end. */
+std::string quoted_beginning(const journal_entry &entry) {
+    const std::string more =
+        static_cast<std::size_t>(entry.size) > entry.beginning.size() ? " ..." : "";
+    std::string_view text = entry.beginning;
+    for (int cut = 0; cut < 4 && !text.empty(); ++cut) {
+        if (is_text(text)) {
+            return "\"" + printable(text) + "\"" + more;
+        }
+        text.remove_suffix(1);
+    }
+    return hex_of(entry.beginning) + more;
+}
+
 std::string brief(const journal_entry &entry) {
     const auto size = static_cast<std::size_t>(entry.size);
     const frame head = gateway::decode_header(entry.beginning, size);
     if (!is_framed(entry.type) || !head.has_header) {
-        return "\"" + printable(entry.beginning) +
-               (size > entry.beginning.size() ? "\" ..." : "\"");
+        return quoted_beginning(entry);
     }
     if (head.compress_flag == zlib_compressed) {
         return human_size(head.msg_len) + " raw, compressed to " +
@@ -59,14 +91,6 @@ json frame_json(const frame &decoded) {
             {"payload_size", decoded.payload_size},
             {"content_size", decoded.content.size()},
             {"problem", decoded.problem}};
-}
-
-bool is_text(const std::string &bytes) {
-    const bool controls = std::any_of(bytes.begin(), bytes.end(), [](char c) {
-        const auto byte = static_cast<unsigned char>(c);
-        return byte == 0x7FU || (byte < 0x20U && c != '\n' && c != '\t' && c != '\r');
-    });
-    return !controls && is_utf8(bytes);
 }
 
 std::string hex_line(const std::string &bytes, std::size_t from) {
@@ -226,12 +250,8 @@ json whole_record_json(const journal_record &record) {
     } else if (is_text(content)) {
         value["text"] = content;
     } else {
-        std::string hex;
-        std::array<char, 4> digits;
-        for (const char c : content) {
-            std::snprintf(digits.data(), digits.size(), "%02x", static_cast<unsigned char>(c));
-            hex += digits.data();
-        }
+        std::string hex = hex_of(content);
+        hex.erase(std::remove(hex.begin(), hex.end(), ' '), hex.end());
         value["hex"] = hex;
     }
     return value;

@@ -91,6 +91,7 @@ TEST_F(kzectl, a_wrong_command_line_gives_2_and_points_to_the_help) {
         EXPECT_EQ(result.err.rfind("kzectl: ", 0), 0U) << result.err;
         EXPECT_EQ(result.out, "");
     }
+    EXPECT_NE(tree.ctl({"nonsense"}).err.find("\"nonsense\""), std::string::npos);
     EXPECT_NE(tree.ctl({"config", "get"}).err.find("See kzectl config get --help"),
               std::string::npos);
 }
