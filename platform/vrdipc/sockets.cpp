@@ -70,21 +70,22 @@ int try_connect(int fd, const socket_address &address) {
     return result == 0 ? 0 : errno;
 }
 
-// Opens the directory of the sockets, which belongs to us alone. Null descriptor with errno set.
+// Opens the directory of the sockets and makes it ours alone. It may be new and without any
+// permission, by the umask, so it is opened for reading last. Not open, with errno set, on failure.
 unique_fd open_run_directory(const std::string &path) {
     const int made = kze_dirutils_mkdir(path.c_str(), S_IRWXU);
-    unique_fd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const unique_fd found(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     struct stat status {};
-    if (!directory.is_open() || fstat(directory.get(), &status) != 0) {
+    if (!found.is_open() || fstat(found.get(), &status) != 0) {
         errno = made != 0 ? made : errno;
         return unique_fd();
     }
-    const bool is_ours = status.st_uid == geteuid();
-    if (is_ours && (status.st_mode & ALLPERMS) != S_IRWXU &&
-        fchmod(directory.get(), S_IRWXU) != 0) {
+    const std::string itself = "/proc/self/fd/" + std::to_string(found.get());
+    if (status.st_uid == geteuid() && (status.st_mode & ALLPERMS) != S_IRWXU &&
+        chmod(itself.c_str(), S_IRWXU) != 0) {
         return unique_fd();
     }
-    return directory;
+    return unique_fd(::openat(found.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
 // Keeps other processes, and other threads, from binding in this directory at the same time. The
