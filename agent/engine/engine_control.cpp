@@ -100,6 +100,7 @@ json engine_server::control_status() {
     status["silent"] = silent();
     status["clients"] = clients_.describe();
     status["pushes"] = pushes_;
+    status["snapshots_ordered"] = snapshots_ordered_;
     calls_.describe(status);
     return status;
 }
@@ -150,7 +151,7 @@ json engine_server::control_origin_now() {
     if (clients.empty()) {
         return control_error("no client has subscribed to origin data, start the agent first");
     }
-    collector_.order(clients);
+    order_snapshot(clients);
     return {{"ok", true}, {"clients", clients.size()}};
 }
 

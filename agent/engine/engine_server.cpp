@@ -25,7 +25,7 @@ engine_server::engine_server(vrd_ipc_st *ipc, const std::string &settings_path)
       settings_(settings_path),
       clients_(ipc),
       calls_(settings_, clients_,
-             [this](const std::vector<std::uint32_t> &clients) { collector_.order(clients); }),
+             [this](const std::vector<std::uint32_t> &clients) { order_snapshot(clients); }),
       collector_([this](std::string snapshot, const std::vector<std::uint32_t> &clients) {
           deliver_origin(std::move(snapshot), clients);
       }) {
@@ -150,6 +150,13 @@ void engine_server::respond(const vrd_addr_st *addr, unsigned int request_id, un
     }
 }
 
+void engine_server::order_snapshot(const std::vector<std::uint32_t> &clients) {
+    if (!clients.empty()) {
+        ++snapshots_ordered_;
+        collector_.order(clients);
+    }
+}
+
 /* Runs on the collector's thread. */
 void engine_server::deliver_origin(std::string snapshot,
                                    const std::vector<std::uint32_t> &clients) {
@@ -177,7 +184,7 @@ void engine_server::on_tick(cl_timerplus *timer) {
     server->clients_.tick(now);
     const std::vector<std::uint32_t> due = server->clients_.take_due_origin(now);
     if (!due.empty() && server->calls_.collecting()) {
-        server->collector_.order(due);
+        server->order_snapshot(due);
     }
 }
 

@@ -52,6 +52,7 @@ class engine_server {
     void handle_next(const vrd_addr_st *addr, unsigned int request_id, const record &request);
     void respond(const vrd_addr_st *addr, unsigned int request_id, unsigned int cmd,
                  const record &answer);
+    void order_snapshot(const std::vector<std::uint32_t> &clients);
     void deliver_origin(std::string snapshot, const std::vector<std::uint32_t> &clients);
     /* Runs it on the loop when the time has passed. */
     void later(unsigned int ms, std::function<void()> what);
@@ -75,6 +76,7 @@ class engine_server {
     cl_timerplus *tick_ = nullptr;
     clock::time_point silent_until_; /* in the past: not silent */
     std::list<later_task> tasks_;
+    std::uint64_t snapshots_ordered_ = 0;
     std::map<std::string, std::uint64_t> pushes_; /* sent by control requests, by kind */
 };
 

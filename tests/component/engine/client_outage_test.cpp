@@ -214,6 +214,37 @@ TEST_F(EngineOutage, stop_waits_for_a_callback_that_runs) {
     EXPECT_TRUE(left);
 }
 
+TEST_F(EngineOutage, stop_drops_what_waits_behind_a_callback_that_runs) {
+    start_both();
+    std::atomic<bool> stopping{false};
+    data.react_with([&] {
+        /* Until the stop has begun: from then on calls fail. */
+        ASSERT_TRUE(kze_test::eventually([&] {
+            return stopping &&
+                   library->x_client_engine_control(ENGINE_IOC, ENGINE_SWITCH_ON) == offline;
+        }));
+    });
+    ASSERT_EQ(library->x_client_engine_subscribe_alarm(on_data, &data), 0);
+    for (int number = 0; number < 10; ++number) {
+        ASSERT_TRUE(tree.push("alarm", "bytes").at("ok"));
+    }
+    ASSERT_TRUE(kze_test::eventually(
+        [this] { return status().at("clients").at(0).at("events_sent") == 10; }));
+    stopping = true;
+    EXPECT_EQ(library->x_client_stop(), 0);
+    EXPECT_EQ(data.count(), 1U);
+}
+
+TEST_F(EngineOutage, report_leaves_time_to_note_the_success_of_a_start) {
+    tree.start_engine();
+    const double seconds = seconds_of([this] {
+        ASSERT_EQ(start(), 0);
+        tree.kill_engine(SIGKILL);
+        ASSERT_TRUE(outages.wait_for(1));
+    });
+    EXPECT_GE(seconds, 0.25);
+}
+
 TEST_F(EngineOutage, stop_and_start_work_from_within_a_callback) {
     start_both();
     std::atomic<int> stopped{-1};
