@@ -152,13 +152,21 @@ class watcher {
     std::int64_t last_ = 0;
 };
 
+pid_t host_process() {
+    const std::vector<tree_process> hosts = tree_processes("bin/kze_agent");
+    return hosts.empty() ? 0 : hosts.front().pid;
+}
+
 exit_status watch(bool from_now, const output &out) {
+    const pid_t host = host_process();
     watcher eyes(from_now);
     for (int looks = 0;; ++looks) {
         eyes.look_and_print(out);
-        if (looks % looks_between_host_checks == 0 && tree_processes("bin/kze_agent").empty()) {
+        if (looks % looks_between_host_checks == 0 && (host == 0 || host_process() != host)) {
             eyes.look_and_print(out);
-            throw failure(exit_not_running, "the host isn't running");
+            throw failure(exit_not_running, host == 0 ? "the host isn't running; start it with "
+                                                        "\"kzectl up\""
+                                                      : "the host has ended");
         }
         deadline(1).pause_ms(look_period_ms);
     }

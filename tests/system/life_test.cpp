@@ -1,7 +1,7 @@
 /* Starting, stopping and looking at the whole agent. */
 #include <csignal>
-#include <regex>
 
+#include "tests/support/child_process.h"
 #include "tests/support/process_state.h"
 #include "tests/system/agent_tree.h"
 
@@ -102,6 +102,25 @@ TEST_F(life, reload_starts_a_new_worker_in_the_same_host) {
     tree.see("kzemm_work stopped", from);
     tree.see("work loop start", from);
     EXPECT_EQ(tree.pid_of("bin/kze_agent"), host);
+}
+
+TEST_F(life, watch_shows_log_and_records_until_the_hosts_end) {
+    tree.switch_on();
+    tree.must({"up"});
+    child_process watching({tree.path("bin/kzectl").string(), "watch"});
+    bool log = false;
+    bool record = false;
+    for (std::string line = watching.read_line(); !(log && record) && !line.empty();
+         line = watching.read_line()) {
+        log = log || line.find("plug-in  work loop start") != std::string::npos;
+        record = record || line.find("gateway  record 1: 5 origin") != std::string::npos;
+    }
+    EXPECT_TRUE(log);
+    EXPECT_TRUE(record);
+    tree.must({"down"});
+    const int status = watching.wait();
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), not_running);
 }
 
 /* A worker that is told to stop during its start doesn't notice; up and reload wait for its end. */
