@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "tests/component/engine/client_fixture.h"
+#include "vrdbase.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define KZE_TEST_SANITIZED 1
@@ -355,6 +356,7 @@ TEST_F(EngineOutage, failed_starts_leave_nothing) {
 }
 
 TEST_F(EngineOutage, library_is_unloaded_with_a_live_client_and_leaves_no_thread) {
+    kze_log(3, "opens the log, which stays open behind the library");
     const std::size_t threads = kze_test::thread_count();
     const std::size_t descriptors = kze_test::descriptor_count();
     start_both();
