@@ -145,8 +145,11 @@ int kzemm_config::set_ctmioa_rule_id(const std::string &id) {
         kze_log(0, "ini file load failed");
         return -1;
     }
-    kze_ini_file_set(ini.get(), "ioa", "ruleid", id.c_str());
-    const int result = kze_ini_file_save(ini.get(), path, 0);
+    // An identifier that a file can't hold is refused here, and must not go ahead of it either.
+    int result = kze_ini_file_set(ini.get(), "ioa", "ruleid", id.c_str());
+    if (result == 0) {
+        result = kze_ini_file_save(ini.get(), path, 0);
+    }
     if (result == 0) {
         kze_log(3, "update ruleid success");
         ctmioa_rule_id = id;

@@ -544,6 +544,15 @@ TEST_F(kzemm_config_test, keeps_the_old_identifier_here_and_in_the_file_when_sav
     EXPECT_THAT(log_lines(), ElementsAre(at(1, "save file err")));
 }
 
+TEST_F(kzemm_config_test, refuses_an_identifier_that_the_file_can_not_hold) {
+    write_file(rule_file, "[ioa]\nruleid = 7\n");
+    ASSERT_EQ(config().load_ctm_cfg_rule(), 0);
+    EXPECT_NE(config().set_ctmioa_rule_id("8\n9"), 0);
+    EXPECT_EQ(inspector::ctmioa_rule_id(), "7");
+    EXPECT_EQ(stored_rule_id(), "7");
+    EXPECT_THAT(log_lines(), ElementsAre(at(1, "save file err")));
+}
+
 // No question is asked before level 0, whatever the log answers to the other levels.
 TEST_F(kzemm_config_test, logs_level_0_without_asking_whether_it_is_written) {
     std::filesystem::create_directory(in_tree(rule_file));
