@@ -131,7 +131,7 @@ int create_isolated_thread(pthread_t *id_out, const pthread_attr_t *attributes,
         return result;
     }
     *id_out = id;
-    start.release();
+    static_cast<void>(start.release());
     return 0;
 }
 
