@@ -47,8 +47,9 @@ ssize_t send_now(int fd, struct iovec *pieces, std::size_t count) {
 
 }  // namespace
 
-connection::connection(std::shared_ptr<connection_owner> owner, std::shared_ptr<kze_ev::loop> where,
-                       unique_fd fd, origin made_by, std::string label, std::string peer)
+connection::connection(const std::shared_ptr<connection_owner> &owner,
+                       std::shared_ptr<kze_ev::loop> where, unique_fd fd, origin made_by,
+                       std::string label, std::string peer)
     : owner_(owner),
       owner_key_(owner.get()),
       loop_(std::move(where)),
@@ -91,6 +92,7 @@ int connection::transmit(const frame_header &header, const char *body) {
     std::array<struct iovec, 2> pieces{{{head, sizeof head}, {const_cast<char *>(body), size}}};
     const ssize_t result = send_now(fd_.get(), pieces.data(), size == 0 ? 1 : 2);
     if (result < 0) {
+        end_both_directions();
         return VRD_IPC_E_PEER_GONE;
     }
     const auto sent = static_cast<std::size_t>(result);
@@ -123,7 +125,7 @@ int connection::queue_rest(const unsigned char *header, std::size_t header_size,
         }
     } catch (const std::bad_alloc &) {
         // Half a frame may be queued: nothing sensible can follow it.
-        ::shutdown(fd_.get(), SHUT_RDWR);
+        end_both_directions();
         return VRD_IPC_E_NO_MEMORY;
     }
     return VRD_IPC_OK;
@@ -132,8 +134,14 @@ int connection::queue_rest(const unsigned char *header, std::size_t header_size,
 void connection::shut_down() {
     std::lock_guard<std::mutex> guard(lock_);
     if (!closed_) {
-        ::shutdown(fd_.get(), SHUT_RDWR);
+        end_both_directions();
     }
+}
+
+// With lock_ held. Receiving then finds what has arrived, and the end after it. A peer that only
+// ceases to read would otherwise keep the connection for as long as it likes.
+void connection::end_both_directions() {
+    ::shutdown(fd_.get(), SHUT_RDWR);
 }
 
 void connection::report_dropped() {
@@ -238,7 +246,9 @@ void connection::send_queued() {
         std::array<struct iovec, pieces_in_turn> pieces;
         const std::size_t count = queue_.front(pieces.data(), pieces.size());
         const ssize_t sent = count == 0 ? 0 : send_now(fd_.get(), pieces.data(), count);
-        if (sent > 0) {
+        if (sent < 0) {
+            end_both_directions();
+        } else {
             queue_.consume(static_cast<std::size_t>(sent));
         }
         drained = queue_.empty();

@@ -41,7 +41,7 @@ class connection : public std::enable_shared_from_this<connection>, private fram
     enum class origin { accepted, dialled, dialling };
 
     // `label` names the two ends in the log, `peer` is the name of a dialled endpoint.
-    connection(std::shared_ptr<connection_owner> owner, std::shared_ptr<kze_ev::loop> where,
+    connection(const std::shared_ptr<connection_owner> &owner, std::shared_ptr<kze_ev::loop> where,
                unique_fd fd, origin made_by, std::string label, std::string peer);
 
     bool was_accepted() const { return accepted_; }
@@ -82,6 +82,7 @@ class connection : public std::enable_shared_from_this<connection>, private fram
     int transmit(const frame_header &header, const char *body);
     int queue_rest(const unsigned char *header, std::size_t header_size, const char *body,
                    std::size_t body_size);
+    void end_both_directions();
     void report_dropped();
 
     // Constant.

@@ -1,5 +1,7 @@
 // Peers that misbehave, are slow or die. They speak for themselves, without the library.
+#include <poll.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 
 #include <atomic>
 #include <memory>
@@ -217,6 +219,53 @@ TEST_F(peers, that_never_read_their_answers_fill_their_own_queue_only) {
     EXPECT_TRUE(logs("16 messages dropped in all"));
     peer.send(frame_bytes(frame_request, 11, 100, "again"));
     EXPECT_EQ(peer.receive_frame(&header), "again");
+}
+
+// The other end has let go of the connection in both directions.
+bool is_hung_up(const raw_socket &peer) {
+    struct pollfd wait {};
+    wait.fd = peer.fd();
+    return poll(&wait, 1, 0) == 1 && (wait.revents & POLLHUP) != 0;
+}
+
+TEST_F(peers, that_shut_down_their_reading_side_are_disconnected_at_the_next_answer) {
+    std::atomic<int> result{0};
+    test_endpoint service(loop, "service", [&](const incoming &request) {
+        if (request.cmd == 11) {
+            echo(request);
+            return;
+        }
+        result = vrd_ipc_response(request.ipc, request.from, request.id, 1, "x", 1);
+    });
+    const raw_socket peer = connect();
+    ASSERT_EQ(shutdown(peer.fd(), SHUT_RD), 0);
+    EXPECT_TRUE(peer.send(frame_bytes(frame_request, 1, 1, "")));
+    EXPECT_TRUE(eventually([&] { return is_hung_up(peer); }));
+    EXPECT_EQ(result, VRD_IPC_E_PEER_GONE);
+    expect_served();
+}
+
+TEST_F(peers, that_shut_down_their_reading_side_are_disconnected_while_an_answer_is_queued) {
+    const std::string answer(1 << 20, 'a');
+    counter answered;
+    test_endpoint service(loop, "service", [&](const incoming &request) {
+        if (request.cmd == 11) {
+            echo(request);
+            return;
+        }
+        EXPECT_EQ(
+            vrd_ipc_response(request.ipc, request.from, request.id, 1, answer.data(), 1 << 20),
+            VRD_IPC_OK);
+        answered.add();
+    });
+    const raw_socket peer = connect();
+    EXPECT_TRUE(peer.send(frame_bytes(frame_request, 1, 1, "")));
+    ASSERT_TRUE(answered.reaches(1));
+    ASSERT_EQ(shutdown(peer.fd(), SHUT_RD), 0);
+    // What the socket held already makes room for more when it is read.
+    EXPECT_LT(peer.receive(answer.size()).size(), answer.size());
+    EXPECT_TRUE(eventually([&] { return is_hung_up(peer); }));
+    expect_served();
 }
 
 TEST_F(peers, that_never_read_make_sends_fail_with_a_code_of_its_own) {
