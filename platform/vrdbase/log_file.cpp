@@ -1,10 +1,15 @@
 #include "log_file.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <csignal>
 #include <exception>
 #include <system_error>
 #include <utility>
@@ -49,6 +54,52 @@ void prepare(const std::string &directory, const std::string &path) {
         throw std::system_error(errno, std::generic_category());
 }
 
+// Keeps SIGPIPE from the calling thread during a write, whatever the program does with it. One that
+// waited already stays.
+class WithoutBrokenPipe {
+  public:
+    WithoutBrokenPipe() {
+        sigset_t waiting;
+        sigemptyset(&signal_);
+        sigaddset(&signal_, SIGPIPE);
+        sigpending(&waiting);
+        waited_ = sigismember(&waiting, SIGPIPE) == 1;
+        pthread_sigmask(SIG_BLOCK, &signal_, &before_);
+    }
+    ~WithoutBrokenPipe() {
+        const struct timespec at_once {};
+        while (!waited_ && sigtimedwait(&signal_, nullptr, &at_once) < 0 && errno == EINTR) {
+        }
+        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    }
+    WithoutBrokenPipe(const WithoutBrokenPipe &) = delete;
+    WithoutBrokenPipe &operator=(const WithoutBrokenPipe &) = delete;
+
+  private:
+    sigset_t signal_{};
+    sigset_t before_{};
+    bool waited_;
+};
+
+// Gives up what can't be written at once: the reader may be gone, or have stopped reading. A pipe
+// that is ready takes PIPE_BUF bytes without waiting. False when not all was written.
+bool write_to_standard_error(const char *line, size_t size) {
+    const WithoutBrokenPipe guard;
+    while (size > 0) {
+        struct pollfd ready {};
+        ready.fd = STDERR_FILENO;
+        ready.events = POLLOUT;
+        if (poll(&ready, 1, 0) != 1 || (ready.revents & POLLOUT) == 0)
+            return false;
+        const ssize_t written = ::write(STDERR_FILENO, line, std::min<size_t>(size, PIPE_BUF));
+        if (written <= 0)
+            return false;
+        line += written;
+        size -= static_cast<size_t>(written);
+    }
+    return true;
+}
+
 }  // namespace
 
 LogFile::LogFile(std::string directory, int files)
@@ -89,8 +140,10 @@ void LogFile::open() {
     sink->set_pattern(pattern);
     sink_ = std::move(sink);
     if (missed_ != 0) {
-        put(2, "-:0 " + std::to_string(missed_) + " records went to standard error");
+        put(2, "-:0 " + std::to_string(missed_) + " records went to standard error" +
+                   (lost_ == 0 ? "" : ", " + std::to_string(lost_) + " of them are lost"));
         missed_ = 0;
+        lost_ = 0;
     }
 }
 
@@ -104,9 +157,10 @@ void LogFile::put_to_standard_error(int level, const std::string &text) {
     try {
         spdlog::memory_buf_t line;
         formatter_.format(message(level, text), line);
-        // Nothing is left to try when this fails too.
-        [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, line.data(), line.size());
+        if (write_to_standard_error(line.data(), line.size()))
+            return;
     } catch (const std::exception &) {
-        // No memory for the line: it is lost, and counted.
+        // No memory for the line: it is lost as well.
     }
+    ++lost_;
 }

@@ -26,7 +26,7 @@ class LogFile {
     LogFile(std::string directory, int files);
 
     // Writes one line; `text` holds "file:line text", escaped. To standard error while the file
-    // can't be written. Never throws.
+    // can't be written, as far as that takes it at once. Never throws.
     void write(int level, const std::string &text) noexcept;
 
     // For fork only: held across it, so that the child finds the lock free and no half-written
@@ -51,6 +51,7 @@ class LogFile {
     // to open once must not be used again.
     std::unique_ptr<spdlog::sinks::rotating_file_sink_st> sink_;
     std::chrono::steady_clock::time_point next_try_;
-    unsigned long long missed_ = 0;
+    unsigned long long missed_ = 0;  // records that the file didn't get, since it last told
+    unsigned long long lost_ = 0;    // those of them that standard error didn't take either
     spdlog::pattern_formatter formatter_;
 };

@@ -1,5 +1,6 @@
 // A program that logs, for what a test can only see from outside of a process. Its argument names
 // what it does; its exit status is 0 when that went well.
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -117,7 +118,8 @@ bool fill_the_disk_and_make_room(const std::string &file) {
         if (std::chrono::steady_clock::now() > end)
             return false;
         kze_log(1, "trying");
-        std::this_thread::yield();
+        // No more than the reader of standard error takes: what it can't take is lost.
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     kze_log(1, "room again");
     return true;
@@ -129,6 +131,25 @@ int fill_the_disk_twice() {
     autolog_init(directory.c_str(), 2);
     const std::string file = directory + "/full.log";
     return fill_the_disk_and_make_room(file) && fill_the_disk_and_make_room(file) ? 0 : 1;
+}
+
+// Standard error becomes a pipe that nobody reads from, or whose reader has gone, while the log
+// can't be written.
+int write_to_a_dead_pipe(bool reader_gone) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0)
+        return 1;
+    signal(SIGPIPE, SIG_DFL);
+    dup2(ends[1], STDERR_FILENO);
+    close(ends[1]);
+    if (reader_gone)
+        close(ends[0]);
+    const std::string text(1000, 'x');
+    for (int i = 0; i < 200; ++i)
+        kze_log(1, "%s", text.c_str());
+    sigset_t waiting;
+    sigpending(&waiting);
+    return sigismember(&waiting, SIGPIPE);
 }
 
 int go_back_to_the_host() {
@@ -155,6 +176,8 @@ int main(int argc, char **argv) {
         return fork_while_threads_log();
     if (what == "full")
         return fill_the_disk_twice();
+    if (what == "reader_gone" || what == "reader_stalled")
+        return write_to_a_dead_pipe(what == "reader_gone");
     if (what == "back")
         return go_back_to_the_host();
     return 2;

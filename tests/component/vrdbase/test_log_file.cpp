@@ -139,6 +139,42 @@ TEST_F(LogFileTest, that_cant_be_made_for_the_host_is_replaced_by_standard_error
     EXPECT_EQ(content_of(path("var")), "a file in the way");
 }
 
+TEST_F(LogFileTest, that_cant_be_made_does_no_harm_when_the_reader_of_standard_error_is_gone) {
+    write_content(path("var"), "a file in the way");
+    EXPECT_EQ(run_program(LOG_PROGRAM, "reader_gone").status, 0);
+}
+
+TEST_F(LogFileTest, that_cant_be_made_keeps_nobody_waiting_for_the_reader_of_standard_error) {
+    write_content(path("var"), "a file in the way");
+    EXPECT_EQ(run_program(LOG_PROGRAM, "reader_stalled").status, 0);
+}
+
+TEST_F(LogFileTest, that_cant_be_made_counts_what_standard_error_doesnt_take) {
+    write_content(path("var"), "a file in the way");
+    const auto end = std::chrono::steady_clock::now() + deadline;
+    int gone[2];
+    ASSERT_EQ(pipe2(gone, O_CLOEXEC), 0);
+    close(gone[0]);
+    {
+        const StandardErrorTo capture("/proc/self/fd/" + std::to_string(gone[1]));
+        log([] { kze_log(1, "lost"); });
+        std::filesystem::remove(path("var"));
+        log([this, end] {
+            std::filesystem::remove_all(path("var"));
+            while (!std::filesystem::exists(file()) && std::chrono::steady_clock::now() < end)
+                kze_log(1, "lost too");
+        });
+    }
+    close(gone[1]);
+    ASSERT_FALSE(lines_of(file()).empty());
+    const std::string told = lines_of(file()).front();
+    const size_t number = told.find("-:0 ") + 4;
+    const std::string count = told.substr(number, told.find(' ', number) - number);
+    EXPECT_THAT(told, EndsWith(" -:0 " + count + " records went to standard error, " + count +
+                               " of them are lost"));
+    EXPECT_GE(std::stol(count), 2);
+}
+
 TEST_F(LogFileTest, is_continued_by_the_next_process) {
     run_program(LOG_PROGRAM, "one");
     run_program(LOG_PROGRAM, "one");
