@@ -15,6 +15,7 @@ enum gateway_result {
     GATEWAY_QUEUE_FULL = -5, /* by bytes or by records; a later call may succeed */
     GATEWAY_NO_MEMORY = -6,  /* a later call may succeed */
     GATEWAY_NO_WRITER = -7,  /* the journal's thread can't be started, or the library is closing */
+    GATEWAY_JOURNAL_FULL = -8, /* no room left in the setting journal_bytes */
 };
 
 /* Paths by "@". */
@@ -30,15 +31,13 @@ enum gateway_result {
 
 /*
  * Rows of the journal's table "counters". All but the last only ever grow. Refused as invalid is
- * what got GATEWAY_NULL_DATA to GATEWAY_TOO_LONG, as full GATEWAY_QUEUE_FULL and GATEWAY_NO_MEMORY;
- * lost is what was accepted and never written, expired what was deleted to keep the journal's
- * bound.
+ * what got GATEWAY_NULL_DATA to GATEWAY_TOO_LONG, as full GATEWAY_QUEUE_FULL, GATEWAY_NO_MEMORY and
+ * GATEWAY_JOURNAL_FULL; lost is what was accepted and never written.
  */
 #define GATEWAY_COUNT_ACCEPTED "accepted"
 #define GATEWAY_COUNT_REFUSED_INVALID "refused_invalid"
 #define GATEWAY_COUNT_REFUSED_FULL "refused_full"
 #define GATEWAY_COUNT_LOST "lost"
-#define GATEWAY_COUNT_EXPIRED "expired"
 #define GATEWAY_COUNT_STORED_BYTES "stored_bytes" /* the sum of the sizes of what is there */
 
 #endif

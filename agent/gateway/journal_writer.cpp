@@ -43,13 +43,11 @@ std::string parent_of(const std::string &path) {
 
 }  // namespace
 
-journal_writer::journal_writer(const settings &limits)
-    : limits_(limits),
-      path_(tree_path(GATEWAY_JOURNAL_PATH)),
+journal_writer::journal_writer()
+    : path_(tree_path(GATEWAY_JOURNAL_PATH)),
       db_(nullptr, &sqlite3_close),
       insert_(nullptr, &sqlite3_finalize),
-      count_(nullptr, &sqlite3_finalize),
-      expire_(nullptr, &sqlite3_finalize) {}
+      count_(nullptr, &sqlite3_finalize) {}
 
 std::size_t journal_writer::write(const std::vector<record> &records, std::size_t first,
                                   count_deltas &deltas) {
@@ -66,7 +64,7 @@ std::size_t journal_writer::write(const std::vector<record> &records, std::size_
         bytes += records[next].size;
         ++next;
     }
-    if (!expire() || !add_counts(deltas, next - first) || !commit()) {
+    if (!add_counts(deltas, next - first) || !commit()) {
         return 0;
     }
     deltas = {};
@@ -99,7 +97,7 @@ bool journal_writer::is_in_place() {
 /* SQLite's own files take the permissions of the first one: what is in it is nobody else's. */
 bool journal_writer::create_file() const {
     kze_dirutils_mkdir(parent_of(path_).c_str(), 0700);
-    const int descriptor = open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600);
+    const int descriptor = ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600);
     if (descriptor < 0) {
         return false;
     }
@@ -138,8 +136,6 @@ bool journal_writer::set_up() {
                "INSERT INTO counters(name, value) VALUES(?1, ?2)"
                " ON CONFLICT(name) DO UPDATE SET value = value + excluded.value",
                count_) &&
-           prepare("DELETE FROM records WHERE id = (SELECT min(id) FROM records) RETURNING size",
-                   expire_) &&
            read_number(
                "SELECT coalesce((SELECT value FROM counters WHERE name = "
                "'" GATEWAY_COUNT_STORED_BYTES "'), 0)",
@@ -201,27 +197,6 @@ bool journal_writer::add_counts(const count_deltas &deltas, std::uint64_t accept
            add_count(GATEWAY_COUNT_REFUSED_FULL, static_cast<std::int64_t>(deltas.refused_full)) &&
            add_count(GATEWAY_COUNT_LOST, static_cast<std::int64_t>(deltas.lost)) &&
            add_count(GATEWAY_COUNT_STORED_BYTES, stored_bytes_ - stored_before_);
-}
-
-/* Deletes the oldest records until the journal is within its bound again. */
-bool journal_writer::expire() {
-    std::int64_t expired = 0;
-    const auto bound = static_cast<std::int64_t>(limits_.journal_bytes);
-    while (stored_bytes_ > bound) {
-        const int code = sqlite3_step(expire_.get());
-        const std::int64_t size = code == SQLITE_ROW ? sqlite3_column_int64(expire_.get(), 0) : 0;
-        const int end = sqlite3_reset(expire_.get());
-        if (code == SQLITE_DONE) {
-            stored_bytes_ = 0;
-            break;
-        }
-        if (code != SQLITE_ROW || end != SQLITE_OK) {
-            return fail("expire");
-        }
-        stored_bytes_ -= size;
-        ++expired;
-    }
-    return add_count(GATEWAY_COUNT_EXPIRED, expired);
 }
 
 bool journal_writer::commit() {
@@ -287,7 +262,6 @@ void journal_writer::put_aside(const std::string &reason) {
 void journal_writer::close() {
     insert_.reset();
     count_.reset();
-    expire_.reset();
     db_.reset();
 }
 

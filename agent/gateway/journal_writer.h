@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "agent/gateway/record_queue.h"
-#include "agent/gateway/settings.h"
 
 namespace kze::gateway {
 
@@ -29,7 +28,7 @@ struct count_deltas {
  */
 class journal_writer {
   public:
-    explicit journal_writer(const settings &limits);
+    journal_writer();
 
     /*
      * Writes records from position first on, in one transaction of up to 8 MiB (one record at
@@ -39,6 +38,10 @@ class journal_writer {
     std::size_t write(const std::vector<record> &records, std::size_t first, count_deltas &deltas);
     /* Writes the deltas alone. Returns whether they are on the disk. */
     bool write_counts(count_deltas &deltas);
+    /* Opens the file now instead of with the first write. */
+    bool open() { return ensure_open(); }
+    /* Bytes of all records that are in the journal, as far as it could be opened. */
+    std::uint64_t stored_bytes() const { return static_cast<std::uint64_t>(stored_before_); }
     const std::string &problem() const { return problem_; }
 
   private:
@@ -54,7 +57,6 @@ class journal_writer {
     bool insert(const record &added);
     bool add_count(const char *name, std::int64_t delta);
     bool add_counts(const count_deltas &deltas, std::uint64_t accepted);
-    bool expire();
     bool commit();
     bool run(const char *sql);
     bool prepare(const char *sql, statement &out);
@@ -63,13 +65,11 @@ class journal_writer {
     void put_aside(const std::string &reason);
     void close();
 
-    const settings limits_;
     const std::string path_;
     std::unique_ptr<sqlite3, int (*)(sqlite3 *)> db_;
     /* Prepared while the file is open; they go before it. */
     statement insert_;
     statement count_;
-    statement expire_;
     std::int64_t stored_bytes_ = 0;  /* as the transaction in hand will leave it */
     std::int64_t stored_before_ = 0; /* as the last commit left it */
     std::string problem_;

@@ -19,16 +19,22 @@ std::int64_t now_us() {
 record_queue::record_queue(const settings &limits) : limits_(limits) {}
 
 /* The room is reserved before the copy is made: what is refused costs no copy, and copies that
- * threads make at the same time are within the bound as well. */
-bool record_queue::reserve(unsigned int size) {
+ * threads make at the same time are within the bounds as well. What waits has its room in the
+ * journal too: nothing is accepted that would have to be thrown away for want of it. */
+gateway_result record_queue::reserve(unsigned int size) {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (closing_ || used_records_ >= limits_.queue_records ||
         size > limits_.queue_bytes - used_bytes_) {
-        return false;
+        return GATEWAY_QUEUE_FULL;
+    }
+    if (journal_bytes_ + used_bytes_ + size > limits_.journal_bytes) {
+        journal_refused_ = true;
+        changed_.notify_one();
+        return GATEWAY_JOURNAL_FULL;
     }
     used_bytes_ += size;
     ++used_records_;
-    return true;
+    return GATEWAY_ACCEPTED;
 }
 
 bool record_queue::filling_up() const {
@@ -36,8 +42,8 @@ bool record_queue::filling_up() const {
 }
 
 int record_queue::add(int type, const char *data, unsigned int size) {
-    if (!reserve(size)) {
-        return GATEWAY_QUEUE_FULL;
+    if (const gateway_result refused = reserve(size)) {
+        return refused;
     }
     record added;
     added.type = type;
@@ -66,7 +72,11 @@ int record_queue::add(int type, const char *data, unsigned int size) {
 
 void record_queue::take(std::vector<record> &batch) {
     std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [this] { return closing_ || !records_.empty(); });
+    changed_.wait(lock, [this] { return closing_ || journal_refused_ || !records_.empty(); });
+    journal_refused_ = false;
+    if (records_.empty()) {
+        return;
+    }
     changed_.wait_for(lock, std::chrono::milliseconds(limits_.commit_ms),
                       [this] { return closing_ || filling_up(); });
     batch.swap(records_);
@@ -79,6 +89,17 @@ void record_queue::pause(std::chrono::milliseconds time) {
 
 void record_queue::give_back(const record *first, const record *last) {
     const std::lock_guard<std::mutex> lock(mutex_);
+    release(first, last);
+}
+
+void record_queue::stored(const record *first, const record *last, std::uint64_t journal_bytes) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    release(first, last);
+    journal_bytes_ = journal_bytes;
+}
+
+/* With the lock held. */
+void record_queue::release(const record *first, const record *last) {
     for (; first != last; ++first) {
         used_bytes_ -= first->size;
         --used_records_;

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <vector>
 
+#include "agent/gateway/gateway.h"
 #include "agent/gateway/settings.h"
 
 namespace kze::gateway {
@@ -31,27 +32,32 @@ class record_queue {
   public:
     explicit record_queue(const settings &limits);
 
-    /* Copies the data and appends it. Returns a gateway_result: accepted, full or no memory. */
+    /* Copies the data and appends it. Returns a gateway_result: accepted, queue or
+     * journal full, or no memory. */
     int add(int type, const char *data, unsigned int size);
 
     /*
-     * Waits for records, then up to commit_ms for others to join them (not while the queue fills
-     * up), and moves all of them into the batch, which is empty. Comes back with an empty batch
-     * only when the queue is closed and empty.
+     * Waits for records or for a refusal because of a full journal, then up to commit_ms for others
+     * to join them (not while the queue fills up), and moves all of them into the batch, which is
+     * empty. Comes back with an empty batch after such a refusal, and when the queue is closed and
+     * empty.
      */
     void take(std::vector<record> &batch);
     /* Waits for that long, or until the queue is closed. */
     void pause(std::chrono::milliseconds time);
     /* Makes room again for the records from first up to last. */
     void give_back(const record *first, const record *last);
+    /* The same for records that are in the journal now, which then holds so many bytes. */
+    void stored(const record *first, const record *last, std::uint64_t journal_bytes);
 
     /* Refuses what comes from now on and wakes the writer. */
     void close();
     bool closing() const;
 
   private:
-    bool reserve(unsigned int size);
+    gateway_result reserve(unsigned int size);
     bool filling_up() const;
+    void release(const record *first, const record *last);
 
     const settings limits_;
     mutable std::mutex mutex_;
@@ -60,6 +66,8 @@ class record_queue {
     std::vector<record> records_;
     std::uint64_t used_bytes_ = 0;
     std::uint64_t used_records_ = 0;
+    std::uint64_t journal_bytes_ = 0; /* in the journal, as the writer said last */
+    bool journal_refused_ = false;    /* since the writer looked last */
     bool closing_ = false;
 };
 

@@ -55,7 +55,7 @@ std::uint64_t summed_events::rest() {
 }
 
 writer_thread::writer_thread(const settings &chosen, record_queue &queue, refusal_counts &refusals)
-    : settings_(chosen), queue_(queue), refusals_(refusals), journal_(chosen) {}
+    : settings_(chosen), queue_(queue), refusals_(refusals) {}
 
 writer_thread::~writer_thread() {
     stop();
@@ -91,6 +91,7 @@ void writer_thread::run(std::promise<void> &running) {
     pthread_setname_np(pthread_self(), "kze_gateway");
     autolog_init(GATEWAY_LOG_PATH, 5);
     kze_log(3, "gateway journal thread started");
+    look_at_journal();  // before the first record is let in: it may be full already
     running.set_value();
     for (;;) {
         if (next_ == batch_.size()) {
@@ -99,7 +100,11 @@ void writer_thread::run(std::promise<void> &running) {
             queue_.take(batch_);
         }
         if (batch_.empty()) {
-            break;
+            if (queue_.closing()) {
+                break;
+            }
+            note_refusals();
+            continue;
         }
         write_batch();
         if (failed_attempts_ != 0) {
@@ -111,6 +116,20 @@ void writer_thread::run(std::promise<void> &running) {
         }
     }
     last_words();
+}
+
+void writer_thread::look_at_journal() {
+    if (journal_.open()) {
+        queue_.stored(nullptr, nullptr, journal_.stored_bytes());
+    }
+}
+
+/* With nothing to write and a journal that refuses: says so, and sees whether it was emptied. */
+void writer_thread::note_refusals() {
+    collect_refusals();
+    journal_.write_counts(deltas_);
+    look_at_journal();
+    queue_.pause(std::chrono::milliseconds(settings_.retry_ms));
 }
 
 /* Until the library closes, at the longest; from then on in small steps. */
@@ -137,7 +156,7 @@ void writer_thread::write_batch() {
 
 void writer_thread::written(std::size_t count) {
     const record *first = &batch_[next_];
-    queue_.give_back(first, first + count);
+    queue_.stored(first, first + count, journal_.stored_bytes());
     for (std::size_t i = 0; i < count; ++i) {
         batch_[next_ + i].data.reset();
     }
@@ -188,14 +207,14 @@ void writer_thread::collect_refusals() {
     deltas_.refused_full += full;
     full_.add(full);
     if (const std::uint64_t count = full_.due()) {
-        kze_log(2, "gateway refused %llu records: the queue is full", number(count));
+        kze_log(2, "gateway refused %llu records: the queue or the journal is full", number(count));
     }
 }
 
 void writer_thread::last_words() {
     collect_refusals();
     if (const std::uint64_t count = full_.rest()) {
-        kze_log(2, "gateway refused %llu records: the queue is full", number(count));
+        kze_log(2, "gateway refused %llu records: the queue or the journal is full", number(count));
     }
     const bool anything = deltas_.refused_invalid + deltas_.refused_full + deltas_.lost != 0;
     if (anything && !journal_.write_counts(deltas_)) {

@@ -62,6 +62,8 @@ class writer_thread {
     void written(std::size_t count);
     void not_written();
     void wait_to_retry();
+    void look_at_journal();
+    void note_refusals();
     bool out_of_time();
     void drop_rest();
     void collect_refusals();

@@ -319,30 +319,42 @@ TEST_F(gateway, begins_a_new_journal_when_the_file_is_deleted_under_it) {
     EXPECT_EQ(data_of(1), "second");
 }
 
-TEST_F(gateway, deletes_the_oldest_records_past_the_journals_bound_and_counts_them) {
-    set("journal_bytes = 1024\n");
+TEST_F(gateway, refuses_past_the_journals_bound_and_keeps_what_it_took) {
+    set("journal_bytes = 1024\nretry_ms = 10\n");
     const gateway_library library;
-    for (int i = 0; i < 10; ++i) {
+    for (int i = 0; i < 4; ++i) {
         ASSERT_EQ(library.send(KZEMM_DATA_ALARM, std::string(256, static_cast<char>('a' + i))),
                   GATEWAY_ACCEPTED);
     }
-    ASSERT_TRUE(eventually([&] { return counter(GATEWAY_COUNT_ACCEPTED) == 10; }));
-    const auto left = entries();
-    ASSERT_EQ(left.size(), 4U);
-    EXPECT_EQ(left.front().id, 7);
-    EXPECT_EQ(data_of(10), std::string(256, 'j'));
-    EXPECT_EQ(counter(GATEWAY_COUNT_EXPIRED), 6);
+    EXPECT_EQ(library.send(KZEMM_DATA_ALARM, "x"), GATEWAY_JOURNAL_FULL);
+    ASSERT_TRUE(eventually_holds(4));
+    EXPECT_EQ(library.send(KZEMM_DATA_ALARM, "x"), GATEWAY_JOURNAL_FULL);
+    EXPECT_EQ(data_of(1), std::string(256, 'a'));
     EXPECT_EQ(counter(GATEWAY_COUNT_STORED_BYTES), 1024);
+    EXPECT_TRUE(eventually([&] { return counter(GATEWAY_COUNT_REFUSED_FULL) == 2; }));
 }
 
-TEST_F(gateway, never_gives_an_id_twice_even_when_all_records_expire) {
+TEST_F(gateway, knows_from_the_start_how_full_the_journal_is) {
     set("journal_bytes = 1024\n");
+    {
+        const gateway_library library;
+        ASSERT_EQ(library.send(KZEMM_DATA_ALARM, std::string(1023, 'x')), GATEWAY_ACCEPTED);
+    }
     const gateway_library library;
-    ASSERT_EQ(library.send(KZEMM_DATA_ALARM, std::string(2000, 'x')), GATEWAY_ACCEPTED);
-    ASSERT_TRUE(eventually([&] { return counter(GATEWAY_COUNT_EXPIRED) == 1; }));
-    ASSERT_EQ(library.send(KZEMM_DATA_ALARM, "small"), GATEWAY_ACCEPTED);
+    EXPECT_EQ(library.send(KZEMM_DATA_ALARM, "xx"), GATEWAY_JOURNAL_FULL);
+    EXPECT_EQ(library.send(KZEMM_DATA_ALARM, "x"), GATEWAY_ACCEPTED);
+}
+
+TEST_F(gateway, accepts_again_when_a_full_journal_was_moved_away) {
+    set("journal_bytes = 1024\nretry_ms = 10\n");
+    const gateway_library library;
+    ASSERT_EQ(library.send(KZEMM_DATA_ALARM, std::string(1024, 'x')), GATEWAY_ACCEPTED);
     ASSERT_TRUE(eventually_holds(1));
-    EXPECT_EQ(entries()[0].id, 2);
+    for (const char *suffix : {"", "-wal", "-shm"}) {
+        std::filesystem::remove(journal_path() + suffix);
+    }
+    EXPECT_TRUE(
+        eventually([&] { return library.send(KZEMM_DATA_ALARM, "small") == GATEWAY_ACCEPTED; }));
 }
 
 TEST_F(gateway, ignores_settings_out_of_their_range_and_says_so) {
