@@ -19,18 +19,18 @@ begun=$SECONDS
 # Whatever happens: nothing is left running, no file is left behind.
 finish() {
     local status=$?
-    trap '' INT TERM HUP
+    trap '' INT TERM HUP PIPE # nobody may be left to read
     trap - EXIT
     [ -z "$waiting_pid" ] || kill "$waiting_pid" 2>/dev/null || true
     "$kzectl" down --timeout 10 >"$work/down" 2>&1 || status=1
+    rm -rf "$work"
     if [ $status -eq 0 ]; then
         printf '\n%sAll held:%s %d steps, %d checks, %d s. Logs and journal: %s/var\n' \
-            "$good" "$plain" "$steps" "$checks" $((SECONDS - begun)) "$tree"
+            "$good" "$plain" "$steps" "$checks" $((SECONDS - begun)) "$tree" || true
     else
         printf '\n%sThe tour did not hold%s in step %d after %d checks. Logs and journal: %s/var\n' \
-            "$bad" "$plain" "$steps" "$checks" "$tree"
+            "$bad" "$plain" "$steps" "$checks" "$tree" || true
     fi
-    rm -rf "$work"
     exit $status
 }
 trap finish EXIT
