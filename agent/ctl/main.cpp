@@ -1,10 +1,14 @@
 /* kzectl: drives and watches the agent whose tree it lies in. */
 
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
+#include <filesystem>
 
+#include "agent/common/tree.h"
 #include "agent/ctl/command_line.h"
 #include "vrdbase.h"
 
@@ -48,12 +52,19 @@ struct global_options {
     std::string tree;
 };
 
+/* Everything else trusts that this is a tree: it removes files and ends processes in it. */
+void must_be_tree(const std::string &home, const std::string &shown) {
+    std::error_code ignored;
+    if (!std::filesystem::is_regular_file(home + "/kze_agent", ignored)) {
+        throw failure(exit_usage, shown + " is no agent's tree: it has no bin/kze_agent");
+    }
+}
+
 void set_tree(const std::string &tree) {
+    must_be_tree(tree + "/bin", tree);
     char resolved[PATH_MAX] = "";
     if (realpath((tree + "/bin").c_str(), resolved) == nullptr) {
-        throw failure(exit_usage, "--tree " + tree +
-                                      ": there is no bin/ in it; give the directory that holds "
-                                      "bin/, lib/ and config/");
+        throw failure(exit_usage, tree + ": " + std::strerror(errno));
     }
     setenv("KZE_AGENT_HOME", resolved, 1);
 }
@@ -128,6 +139,8 @@ int run(int argc, char **argv) {
     try {
         if (!options.tree.empty()) {
             set_tree(options.tree);
+        } else {
+            must_be_tree(tree_path("@"), tree_path("@/.."));
         }
         return line.chosen();
     } catch (const failure &failed) {

@@ -23,6 +23,10 @@
 namespace kze::ctl {
 namespace {
 
+/* What the agent consists of. Whatever else runs from below the tree is none of our business. */
+constexpr std::array<const char *, 3> agent_programs = {"bin/kze_agent", "bin/vrd_services",
+                                                        "qd_agent/bin/qd_agent"};
+
 class descriptor {
   public:
     explicit descriptor(int number) : number_(number) {}
@@ -151,9 +155,11 @@ std::vector<tree_process> tree_processes() {
         if (pid <= 0) {
             continue;
         }
-        const std::string program = program_of(pid);
-        if (program.compare(0, prefix.size(), prefix) == 0 && program != prefix + "bin/kzectl") {
-            found.push_back({pid, program.substr(prefix.size())});
+        const std::string path = program_of(pid);
+        for (const char *program : agent_programs) {
+            if (path == prefix + program) {
+                found.push_back({pid, program});
+            }
         }
     }
     std::sort(found.begin(), found.end(),

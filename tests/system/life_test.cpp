@@ -162,6 +162,38 @@ TEST_F(life, a_tree_deeper_than_a_socket_address_can_hold_works) {
     expect_nothing_left(deep);
 }
 
+TEST_F(life, a_directory_that_is_no_tree_is_refused_and_nothing_in_it_is_touched) {
+    agent_tree stranger;
+    stranger.write("var/kept", "theirs");
+    stranger.write("run/kept", "theirs");
+    stranger.remove("bin/kze_agent");
+    const std::string directory = stranger.path().string();
+    for (const std::vector<std::string> &command :
+         {std::vector<std::string>{"up", "--fresh"}, {"down"}, {"status"}}) {
+        std::vector<std::string> by_option = command;
+        by_option.insert(by_option.end(), {"--tree", directory});
+        for (const command_result &result :
+             {tree.ctl(by_option), tree.ctl(command, {"KZE_AGENT_HOME=" + directory + "/bin"})}) {
+            EXPECT_EQ(result.status, usage) << result.out << result.err;
+            EXPECT_NE(result.err.find("it has no bin/kze_agent"), std::string::npos) << result.err;
+        }
+    }
+    EXPECT_EQ(stranger.read("var/kept"), "theirs");
+    EXPECT_EQ(stranger.read("run/kept"), "theirs");
+}
+
+TEST_F(life, a_strangers_program_below_the_tree_is_left_alone) {
+    std::filesystem::create_directories(tree.path("elsewhere"));
+    std::filesystem::copy_file("/bin/cat", tree.path("elsewhere/cat"));
+    child_process stranger({tree.path("elsewhere/cat").string()});
+    stranger.write_line("here");
+    ASSERT_EQ(stranger.read_line(), "here");
+    tree.must({"up", "--fresh"});
+    tree.must({"down"});
+    stranger.write_line("still here");
+    EXPECT_EQ(stranger.read_line(), "still here");
+}
+
 TEST_F(life, another_trees_kzectl_drives_this_one_with_the_tree_option) {
     tree.must({"up"});
     agent_tree other;
