@@ -17,6 +17,7 @@
 #include "agent/ctl/host_status.h"
 #include "agent/ctl/log_files.h"
 #include "agent/ctl/processes.h"
+#include "agent/ctl/tree_lock.h"
 #include "agent/ctl/worker_start.h"
 #include "kzautil.h"
 
@@ -114,11 +115,12 @@ std::string host_text(const host_status &host) {
 }
 
 exit_status up(const up_options &options, const output &out) {
+    const deadline until(options.timeout);
+    const tree_lock lock(until);
     if (options.fresh) {
         make_fresh();
     }
     make_directories();
-    const deadline until(options.timeout);
     if (!options.no_engine) {
         order_engine_service("start");
     }
@@ -210,6 +212,7 @@ void remove_sockets() {
 }
 
 exit_status down(double timeout, const output &out) {
+    const tree_lock lock{deadline(timeout)};
     std::string forced;
     const bool anything = !tree_processes().empty();
     const std::vector<tree_process> hosts = tree_processes(host_program);
@@ -239,6 +242,7 @@ exit_status down(double timeout, const output &out) {
 /* ---- reload, log-level ---- */
 
 exit_status reload(double timeout, const output &out) {
+    const tree_lock lock{deadline(timeout)};
     const off_t mark = mark_worker_start();
     const host_status host = read_host_status(
         ask(host_endpoint, {{"op", "reload"}}, static_cast<unsigned int>(timeout)));

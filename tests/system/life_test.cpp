@@ -1,4 +1,9 @@
 /* Starting, stopping and looking at the whole agent. */
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <csignal>
 
 #include "tests/support/child_process.h"
@@ -32,6 +37,36 @@ TEST_F(life, up_twice_starts_nothing_a_second_time) {
     EXPECT_NE(again.out.find("already up"), std::string::npos) << again.out;
     EXPECT_EQ(tree.pid_of("bin/kze_agent"), host);
     EXPECT_EQ(tree.processes().size(), processes);
+}
+
+TEST_F(life, of_two_ups_at_once_one_starts_the_agent_and_the_other_finds_it_up) {
+    const std::string kzectl = tree.path("bin/kzectl").string();
+    for (int round = 0; round < 3; ++round) {
+        child_process first({kzectl, "up"});
+        child_process second({kzectl, "up"});
+        std::vector<std::string> said = {first.read_line(), second.read_line()};
+        for (child_process *each : {&first, &second}) {
+            const int status = each->wait();
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == done) << each->read_errors();
+        }
+        std::sort(said.begin(), said.end());
+        EXPECT_EQ(said[0].rfind("The agent is already up", 0), 0U) << said[0];
+        EXPECT_EQ(said[1].rfind("The agent is up", 0), 0U) << said[1];
+        tree.must({"down"});
+        expect_nothing_left(tree);
+    }
+}
+
+TEST_F(life, up_down_and_reload_wait_no_longer_than_their_time_for_one_another) {
+    const int directory = open(tree.path("bin").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(flock(directory, LOCK_EX), 0);
+    for (const char *command : {"up", "down", "reload"}) {
+        const command_result result = tree.ctl({command, "--timeout", "0.2"});
+        EXPECT_EQ(result.status, timed_out) << command;
+        EXPECT_NE(result.err.find("another kzectl"), std::string::npos) << result.err;
+    }
+    EXPECT_TRUE(tree.processes().empty());
+    close(directory);
 }
 
 TEST_F(life, down_without_an_agent_is_done_and_says_so) {
