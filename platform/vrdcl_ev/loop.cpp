@@ -24,8 +24,10 @@ offered_loops &offered() {
     return *loops;
 }
 
-void on_wake_time(uv_timer_t *) {
-    // Nothing: the end of the wait is all that is wanted.
+// libuv looks at its timers before it waits, too. One that falls due just then is gone when the
+// wait begins, so the wait has to be called off.
+void on_wake_time(uv_timer_t *timer) {
+    uv_stop(timer->loop);
 }
 
 }  // namespace

@@ -35,6 +35,41 @@ TEST_F(loops, a_turn_waits_until_something_is_due) {
     });
 }
 
+// The clock that the wait is measured with counts in milliseconds. A timer that falls due as one of
+// them ends, between the loop's look at its timers and its wait, must not be waited for.
+TEST_F(loops, a_turn_doesnt_miss_a_timer_that_falls_due_as_it_begins_to_wait) {
+    using clock_type = std::chrono::steady_clock;
+    const auto spin_until = [](clock_type::time_point time) {
+        while (clock_type::now() < time) {
+        }
+    };
+    counter done;
+    counter ready;
+    std::thread rescuer([&] {
+        EXPECT_TRUE(ready.reaches(1));
+        if (!done.reaches(1)) {
+            ADD_FAILURE() << "the loop waits for ever";
+            static int ignored;
+            cl_timerplus_close(cl_timerplus_start(0, 0, 0, count_in_user, &ignored));
+        }
+    });
+    run_isolated([&] {
+        ready.add();
+        for (int i = 0; i < 150; ++i) {
+            const auto millisecond = std::chrono::time_point_cast<milliseconds>(clock_type::now());
+            spin_until(millisecond + milliseconds(1) - std::chrono::nanoseconds(300));
+            int fired = 0;
+            const auto armed = clock_type::now();
+            cl_timerplus *const timer = cl_timerplus_start(1, 0, 0, count_in_user, &fired);
+            spin_until(armed + milliseconds(1) - std::chrono::nanoseconds(500 + 10 * i));
+            EXPECT_EQ(cl_event_loop_once(), 0);
+            cl_timerplus_close(timer);
+        }
+        done.add();
+    });
+    rescuer.join();
+}
+
 TEST_F(loops, a_turn_of_a_loop_that_doesnt_wait_returns_with_nothing_done) {
     run_isolated([] {
         int fired = 0;
