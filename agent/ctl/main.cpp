@@ -8,6 +8,7 @@
 #include <exception>
 #include <filesystem>
 
+#include "agent/common/standard_descriptors.h"
 #include "agent/common/tree.h"
 #include "agent/ctl/command_line.h"
 #include "vrdbase.h"
@@ -156,6 +157,9 @@ int run(int argc, char **argv) {
 }  // namespace kze::ctl
 
 int main(int argc, char **argv) {
+    if (!kze::fill_standard_descriptors()) {
+        return kze::ctl::exit_failed;
+    }
     /* The libraries' log is the host's. What goes wrong here is said on standard error. */
     error_output_set_level(0);
     return kze::ctl::run(argc, argv);

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "agent/common/standard_descriptors.h"
 #include "agent/common/tree.h"
 #include "agent/engine/engine_server.h"
 #include "agent/engine/engine_settings.h"
@@ -62,6 +63,9 @@ void find_tree() {
 }  // namespace
 
 int main() {
+    if (!kze::fill_standard_descriptors()) {
+        return 1;
+    }
     find_tree();
     autolog_init(log_directory, log_files);
     sigset_t stop;

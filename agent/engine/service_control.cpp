@@ -44,7 +44,8 @@ void leave_caller(int report_to) {
         ::_exit(127);
     }
     ::umask(077);
-    const int null = ::open("/dev/null", O_RDWR);
+    /* Above the numbers that are filled below, which may be free. */
+    const int null = ::fcntl(::open("/dev/null", O_RDWR), F_DUPFD, 10);
     if (null < 0 || ::dup2(report_to, report_descriptor) < 0) {
         ::_exit(127);
     }

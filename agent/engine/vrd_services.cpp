@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "agent/common/standard_descriptors.h"
 #include "agent/engine/service_control.h"
 #include "agent/engine/supervisor.h"
 #include "vrdbase.h"
@@ -107,6 +108,9 @@ int run(int count, char **arguments) {
 }  // namespace
 
 int main(int count, char **arguments) {
+    if (!kze::fill_standard_descriptors()) {
+        return exit_failed;
+    }
     try {
         return run(count, arguments);
     } catch (const std::exception &error) {

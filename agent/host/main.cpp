@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <exception>
 
+#include "agent/common/standard_descriptors.h"
 #include "agent/host/host.h"
 #include "agent/host/instance_lock.h"
 #include "agent/host/malloc_policy.h"
@@ -64,6 +65,9 @@ int run() {
 }  // namespace
 
 int main(int argc, char **argv) {
+    if (!kze::fill_standard_descriptors()) {
+        return EXIT_NOT_STARTED;
+    }
     kze::keep_freed_memory();
     if (!kze::host::host::block_signals()) {
         std::fprintf(stderr, "kze_agent: the signals can't be blocked\n");

@@ -69,6 +69,28 @@ TEST_F(life, up_down_and_reload_wait_no_longer_than_their_time_for_one_another) 
     close(directory);
 }
 
+TEST_F(life, every_program_works_with_its_standard_descriptors_closed) {
+    const std::string bin = tree.path("bin/").string();
+    const std::string engine = tree.path("qd_agent/bin/qd_agent").string();
+    const auto closed = [](const std::string &command) {
+        return run_program({"/bin/sh", "-c", command + " <&- >&- 2>&-"}).status;
+    };
+    EXPECT_EQ(closed(bin + "vrd_services start 10qd_agent"), done);
+    EXPECT_EQ(closed(bin + "vrd_services restart 10qd_agent"), done);
+    child_process host({"/bin/sh", "-c", "exec " + bin + "kze_agent <&- >&- 2>&-"});
+    tree.see("work loop start");
+    EXPECT_EQ(closed(bin + "kzectl status"), done);
+    tree.must({"down"});
+    EXPECT_EQ(host.wait(), 0);
+    EXPECT_EQ(closed(bin + "kzectl up"), done);
+    tree.must({"down"});
+
+    child_process alone({"/bin/sh", "-c", "exec " + engine + " <&- >&- 2>&-"});
+    EXPECT_TRUE(eventually([this] { return tree.ctl({"engine", "status"}).status == done; }));
+    alone.signal(SIGTERM);
+    EXPECT_EQ(alone.wait(), 0);
+}
+
 TEST_F(life, down_without_an_agent_is_done_and_says_so) {
     const command_result result = tree.ctl({"down"});
     EXPECT_EQ(result.status, done);
