@@ -84,7 +84,8 @@ host_status wait_for_host(pid_t child, const deadline &until) {
             throw failure(exit_failed, "the host " + ended + "; see " + log_path("host") + " and " +
                                            log_path("output"));
         }
-        if (const auto answer = ask_if_running(host_endpoint, {{"op", "status"}})) {
+        if (const auto answer = ask_if_running(host_endpoint, {{"op", "status"}},
+                                               until.left_seconds(ask_seconds))) {
             const host_status status = read_host_status(*answer);
             if (status.ready) {
                 return status;
@@ -122,9 +123,10 @@ exit_status up(const up_options &options, const output &out) {
     }
     make_directories();
     if (!options.no_engine) {
-        order_engine_service("start");
+        order_engine_service("start", until);
     }
-    if (const auto answer = ask_if_running(host_endpoint, {{"op", "status"}})) {
+    if (const auto answer =
+            ask_if_running(host_endpoint, {{"op", "status"}}, until.left_seconds(ask_seconds))) {
         const host_status running = read_host_status(*answer);
         must_be_complete(running);
         out.done("The agent is already up" + host_text(running), {{"pid", running.pid}});
@@ -195,7 +197,7 @@ std::string kill_processes(const std::vector<tree_process> &processes) {
 
 void stop_engine() {
     try {
-        order_engine_service("stop");
+        order_engine_service("stop", deadline(ask_seconds));
     } catch (const failure &) {
         /* What is left is killed by the caller. */
     }
@@ -242,10 +244,11 @@ exit_status down(double timeout, const output &out) {
 /* ---- reload, log-level ---- */
 
 exit_status reload(double timeout, const output &out) {
-    const tree_lock lock{deadline(timeout)};
+    const deadline until(timeout);
+    const tree_lock lock(until);
     const off_t mark = mark_worker_start();
-    const host_status host = read_host_status(
-        ask(host_endpoint, {{"op", "reload"}}, static_cast<unsigned int>(timeout)));
+    const host_status host =
+        read_host_status(ask(host_endpoint, {{"op", "reload"}}, until.left_seconds(day_seconds)));
     must_be_complete(host);
     const worker_state worker = wait_for_worker(host, mark);
     out.done("The plug-ins are stopped and started again" + worker_note(worker),

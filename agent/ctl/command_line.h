@@ -22,7 +22,9 @@ struct command_line {
 CLI::App *add_command(CLI::App &to, const std::string &name, const std::string &help,
                       const std::string &example, const std::string &details = "");
 
-/* Adds an option that takes seconds, shown with its default. */
+constexpr unsigned int day_seconds = 86400;
+
+/* Adds an option that takes seconds, a day at most, shown with its default. */
 void add_seconds(CLI::App *command, const std::string &name, double &seconds,
                  const std::string &help);
 

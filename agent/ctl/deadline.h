@@ -29,6 +29,11 @@ class deadline {
                               .count();
         return static_cast<int>(std::clamp<long long>(left, 0, at_most));
     }
+    /* Whole seconds left, rounded up, at least 1 and at most the given number. */
+    unsigned int left_seconds(unsigned int at_most) const {
+        const int left = left_ms(static_cast<int>(at_most) * 1000);
+        return std::max(1U, (static_cast<unsigned int>(left) + 999) / 1000);
+    }
     /* The pause between two looks at something that can't be waited for. */
     void pause_ms(int milliseconds) const {
         std::this_thread::sleep_for(std::chrono::milliseconds(std::max(1, left_ms(milliseconds))));

@@ -214,7 +214,7 @@ void add_service(CLI::App &to, command_line &line, const std::string &verb, cons
                  const std::string &did) {
     CLI::App *command = add_command(to, verb, help, "kzectl engine " + verb);
     on_chosen(command, line, [&line, verb, did] {
-        order_engine_service(verb);
+        order_engine_service(verb, deadline(ask_seconds));
         line.out.done("The engine's service " + did);
         return exit_done;
     });

@@ -2,7 +2,6 @@
 
 #include "agent/common/tree.h"
 #include "agent/ctl/ask.h"
-#include "agent/ctl/deadline.h"
 #include "agent/ctl/failure.h"
 #include "agent/ctl/log_files.h"
 #include "agent/ctl/output.h"
@@ -19,9 +18,8 @@ std::string words_of(const std::string &verb, const finished_command &done) {
     return words.empty() ? "vrd_services " + verb + " failed" : printable(words);
 }
 
-void wait_for_engine() {
-    const deadline until(ask_seconds);
-    while (!ask_if_running(engine_endpoint, {{"op", "status"}})) {
+void wait_for_engine(const deadline &until) {
+    while (!ask_if_running(engine_endpoint, {{"op", "status"}}, until.left_seconds(ask_seconds))) {
         if (until.passed()) {
             throw failure(exit_timed_out, "the engine is started but doesn't answer; see " +
                                               log_path("engine") + " and " + log_path("services"));
@@ -32,13 +30,13 @@ void wait_for_engine() {
 
 }  // namespace
 
-void order_engine_service(const std::string &verb) {
+void order_engine_service(const std::string &verb, const deadline &until) {
     const finished_command done = run_command({tree_path("@/vrd_services"), verb, engine_service});
     if (done.status != 0) {
         throw failure(exit_failed, words_of(verb, done));
     }
     if (verb != "stop") {
-        wait_for_engine();
+        wait_for_engine(until);
     }
 }
 

@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "agent/ctl/deadline.h"
+
 namespace kze::ctl {
 
 /*
@@ -11,7 +13,7 @@ namespace kze::ctl {
  * started; this waits until it answers as well. Throws failure with the tool's words, or when the
  * engine doesn't answer in time.
  */
-void order_engine_service(const std::string &verb);
+void order_engine_service(const std::string &verb, const deadline &until);
 
 }  // namespace kze::ctl
 

@@ -23,13 +23,26 @@ CLI::App *add_command(CLI::App &to, const std::string &name, const std::string &
     return command;
 }
 
+namespace {
+
+/* What speaks against the text; a value that is not a number compares to no limit. */
+std::string seconds_problem(const std::string &text) {
+    char *end = nullptr;
+    const double seconds = std::strtod(text.c_str(), &end);
+    const bool is_whole = !text.empty() && *end == '\0';
+    return is_whole && seconds >= 0 && seconds <= day_seconds
+               ? std::string()
+               : "\"" + printable(text) + "\" is no number of seconds from 0 to 86400";
+}
+
+}  // namespace
+
 void add_seconds(CLI::App *command, const std::string &name, double &seconds,
                  const std::string &help) {
-    constexpr double day = 86400;
     command->add_option(name, seconds, help)
         ->capture_default_str()
         ->type_name("SECONDS")
-        ->check(CLI::Range(0.0, day).description(""));
+        ->check(seconds_problem);
 }
 
 void on_chosen(CLI::App *command, command_line &line, std::function<exit_status()> run) {

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 
 #include "tests/support/child_process.h"
@@ -89,6 +90,25 @@ TEST_F(life, every_program_works_with_its_standard_descriptors_closed) {
     EXPECT_TRUE(eventually([this] { return tree.ctl({"engine", "status"}).status == done; }));
     alone.signal(SIGTERM);
     EXPECT_EQ(alone.wait(), 0);
+}
+
+TEST_F(life, up_and_reload_end_in_their_time_when_a_program_does_not_answer) {
+    tree.must({"up"});
+    for (const char *program : {"bin/kze_agent", "qd_agent/bin/qd_agent"}) {
+        const pid_t stopped = tree.pid_of(program);
+        kill(stopped, SIGSTOP);
+        const auto began = std::chrono::steady_clock::now();
+        EXPECT_EQ(tree.ctl({"up", "--timeout", "0.5"}).status, timed_out) << program;
+        EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(5)) << program;
+        kill(stopped, SIGCONT);
+    }
+    const pid_t host = tree.pid_of("bin/kze_agent");
+    kill(host, SIGSTOP);
+    const std::int64_t mark = tree.mark();
+    EXPECT_EQ(tree.ctl({"reload", "--timeout", "0.5"}).status, timed_out);
+    kill(host, SIGCONT);
+    tree.see("work loop start", mark); /* the order stands: the host carries it out late */
+    EXPECT_EQ(tree.ctl({"reload", "--timeout", "nan"}).status, usage);
 }
 
 TEST_F(life, down_without_an_agent_is_done_and_says_so) {
