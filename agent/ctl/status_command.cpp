@@ -24,15 +24,18 @@ constexpr unsigned int status_seconds = 3;
 struct program_state {
     std::optional<json> answer;
     std::string problem;
+    exit_status status = exit_done; /* of a status command that is about this program alone */
 };
 
 program_state look_at(const std::string &endpoint) {
     try {
         std::optional<json> answer = ask_if_running(endpoint, {{"op", "status"}}, status_seconds);
-        const std::string problem = answer ? "" : "not running";
-        return {std::move(answer), problem};
+        if (!answer) {
+            return {std::nullopt, "not running", exit_not_running};
+        }
+        return {std::move(answer), "", exit_done};
     } catch (const failure &failed) {
-        return {std::nullopt, failed.what()};
+        return {std::nullopt, failed.what(), failed.status()};
     }
 }
 
@@ -134,7 +137,7 @@ exit_status show_status(const output &out) {
     const program_state host = look_at(host_endpoint);
     const program_state engine = look_at(engine_endpoint);
     const gateway_state gateway = look_at_gateway();
-    const exit_status status = host.answer && engine.answer ? exit_done : exit_not_running;
+    const exit_status status = host.status != exit_done ? host.status : engine.status;
     if (out.json()) {
         out.json_line({{"ok", status == exit_done},
                        {"tree", tree_root()},
@@ -165,7 +168,9 @@ exit_status show_status(const output &out) {
 void add_status_command(CLI::App &app, command_line &line) {
     CLI::App *command = add_command(
         app, "status", "Shows host, plug-ins, engine, capabilities and gateway", "kzectl status",
-        "The exit status is 3 when the host or the engine isn't running.");
+        "The exit status is 3 when the host or the engine isn't running, 4 when it runs but "
+        "doesn't "
+        "answer; the host's counts first.");
     on_chosen(command, line, [&line] { return show_status(line.out); });
 }
 

@@ -111,6 +111,17 @@ TEST_F(life, up_and_reload_end_in_their_time_when_a_program_does_not_answer) {
     EXPECT_EQ(tree.ctl({"reload", "--timeout", "nan"}).status, usage);
 }
 
+TEST_F(life, status_tells_a_program_that_does_not_answer_from_one_that_is_not_there) {
+    tree.must({"up"});
+    for (const char *program : {"bin/kze_agent", "qd_agent/bin/qd_agent"}) {
+        const pid_t stopped = tree.pid_of(program);
+        kill(stopped, SIGSTOP);
+        EXPECT_EQ(tree.ctl({"status"}).status, timed_out) << program;
+        kill(stopped, SIGCONT);
+    }
+    EXPECT_EQ(tree.ctl({"status"}).status, done);
+}
+
 TEST_F(life, down_without_an_agent_is_done_and_says_so) {
     const command_result result = tree.ctl({"down"});
     EXPECT_EQ(result.status, done);
