@@ -175,5 +175,10 @@ int main(int argc, char **argv) {
     }
     /* The libraries' log is the host's. What goes wrong here is said on standard error. */
     error_output_set_level(0);
-    return kze::ctl::run(argc, argv);
+    const int status = kze::ctl::run(argc, argv);
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+        std::fprintf(stderr, "kzectl: what it prints could not be written\n");
+        return status == kze::ctl::exit_done ? kze::ctl::exit_failed : status;
+    }
+    return status;
 }

@@ -122,6 +122,16 @@ TEST_F(life, status_tells_a_program_that_does_not_answer_from_one_that_is_not_th
     EXPECT_EQ(tree.ctl({"status"}).status, done);
 }
 
+TEST_F(life, output_that_can_not_be_written_is_a_failure) {
+    const std::string kzectl = tree.path("bin/kzectl").string();
+    for (const char *command : {" --help", " gateway mark", " --json gateway mark"}) {
+        const command_result result =
+            run_program({"/bin/sh", "-c", kzectl + command + " >/dev/full"});
+        EXPECT_EQ(result.status, failed) << command;
+        EXPECT_NE(result.err.find("could not be written"), std::string::npos) << result.err;
+    }
+}
+
 TEST_F(life, down_without_an_agent_is_done_and_says_so) {
     const command_result result = tree.ctl({"down"});
     EXPECT_EQ(result.status, done);
