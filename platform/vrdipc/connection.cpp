@@ -66,14 +66,13 @@ int connection::send(const frame_header &header, const char *body) {
 
 int connection::answer(const frame_header &header, const char *body) {
     std::lock_guard<std::mutex> guard(lock_);
-    const auto at = std::find(open_requests_.rbegin(), open_requests_.rend(), header.request_id);
-    if (at == open_requests_.rend()) {
+    const auto at = open_requests_.find(header.request_id);
+    if (at == open_requests_.end()) {
         return closed_ ? VRD_IPC_E_PEER_GONE : VRD_IPC_E_NO_REQUEST;
     }
     const int result = transmit(header, body);
     if (result == VRD_IPC_OK) {
-        *at = open_requests_.back();
-        open_requests_.pop_back();
+        open_requests_.erase(at);
     }
     return result;
 }
@@ -308,12 +307,12 @@ bool connection::feed(const char *data, std::size_t size) {
 // False when the peer has used the id already.
 bool connection::add_open_request(std::uint32_t id, bool *full_out) {
     std::lock_guard<std::mutex> guard(lock_);
-    if (std::find(open_requests_.begin(), open_requests_.end(), id) != open_requests_.end()) {
+    if (open_requests_.count(id) != 0) {
         return false;
     }
     *full_out = open_requests_.size() == max_open_requests;
     if (!*full_out) {
-        open_requests_.push_back(id);
+        open_requests_.insert(id);
     }
     return true;
 }

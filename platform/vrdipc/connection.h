@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
-#include <vector>
 
 #include "platform/vrdcl_ev/loop.h"
 #include "platform/vrdipc/fd_watch.h"
@@ -109,7 +109,7 @@ class connection : public std::enable_shared_from_this<connection>, private fram
     bool write_wanted_ = false;  // the watch waits, or is going to wait, until fd_ takes more
     send_queue queue_;
     std::uint64_t dropped_ = 0;  // messages that found the queue full, since the last report
-    std::vector<std::uint32_t> open_requests_;
+    std::set<std::uint32_t> open_requests_;  // no hash: the peer chooses the ids
 };
 
 }  // namespace kze_ipc
