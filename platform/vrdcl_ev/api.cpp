@@ -47,9 +47,9 @@ class timer_table {
         if (at == entries_.end()) {
             return removed;
         }
+        closed_.push_back(at->second.item);
         removed = std::move(at->second);
         entries_.erase(at);
-        closed_.push_back(removed.item);
         if (closed_.size() > kept_closed) {
             released = std::move(closed_.front());
             closed_.pop_front();

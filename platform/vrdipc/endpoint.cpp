@@ -103,9 +103,16 @@ std::shared_ptr<connection> endpoint::dial(const std::string &name, int *code_ou
         shared_from_this(), loop_, std::move(fd),
         result == connect_state::done ? connection::origin::dialled : connection::origin::dialling,
         std::move(label), name);
-    connections_.insert(made);
-    dialled_[name] = made;
-    loop_->post([made] { made->start(); });
+    // A connection that never starts must not stay.
+    try {
+        connections_.insert(made);
+        dialled_[name] = made;
+        loop_->post([made] { made->start(); });
+    } catch (const std::bad_alloc &) {
+        connections_.erase(made);
+        dialled_.erase(name);
+        throw;
+    }
     return made;
 }
 
@@ -223,19 +230,20 @@ void endpoint::set_deadline_timer(std::uint64_t deadline_ns) {
     if (timer_due_ns_ <= deadline_ns) {
         return;
     }
-    if (deadline_timer_ != nullptr) {
-        loop_->disarm(deadline_timer_.get(), false);
-    }
-    timer_due_ns_ = deadline_ns;
-    deadline_timer_ = std::make_shared<kze_ev::timer>();
-    deadline_timer_->callback = [weak = weak_from_this()](cl_timerplus *) {
+    auto made = std::make_shared<kze_ev::timer>();
+    made->callback = [weak = weak_from_this()](cl_timerplus *) {
         if (const std::shared_ptr<endpoint> self = weak.lock()) {
             self->on_deadline();
         }
     };
     const std::uint64_t now = kze_ev::now_ns();
     const std::uint64_t wait_ns = deadline_ns > now ? deadline_ns - now : 0;
-    loop_->arm(deadline_timer_, (wait_ns + ns_per_ms - 1) / ns_per_ms);
+    loop_->arm(made, (wait_ns + ns_per_ms - 1) / ns_per_ms);
+    if (deadline_timer_ != nullptr) {
+        loop_->disarm(deadline_timer_.get(), false);
+    }
+    deadline_timer_ = std::move(made);
+    timer_due_ns_ = deadline_ns;
 }
 
 void endpoint::close_sockets() {

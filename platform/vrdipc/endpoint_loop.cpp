@@ -86,7 +86,7 @@ void endpoint::pause_listening() {
 }
 
 // False when no callback may begin any more. Otherwise *out is a copy of the handlers, and
-// end_callback() must follow.
+// end_callback() must follow: nothing between them throws.
 bool endpoint::begin_callback(handlers *out) {
     std::lock_guard<std::mutex> guard(lock_);
     if (state_ != state::open) {
@@ -125,13 +125,14 @@ bool endpoint::on_frame(connection &from, const frame_header &header, const char
 }
 
 bool endpoint::on_request(connection &from, const frame_header &header, const char *body) {
+    vrd_addr_st *const peer = from.peer_address();
     handlers to;
     if (!begin_callback(&to)) {
         return false;
     }
     if (to.on_request != nullptr) {
-        to.on_request(handle_, from.peer_address(), header.request_id, header.cmd, body,
-                      header.length, to.request_context);
+        to.on_request(handle_, peer, header.request_id, header.cmd, body, header.length,
+                      to.request_context);
     } else {
         from.answer({frame_type::refusal, header.cmd, header.request_id,
                      static_cast<std::uint32_t>(refusal_reason::no_handler)},
@@ -142,13 +143,13 @@ bool endpoint::on_request(connection &from, const frame_header &header, const ch
 }
 
 bool endpoint::on_message(connection &from, const frame_header &header, const char *body) {
+    vrd_addr_st *const peer = from.peer_address();
     handlers to;
     if (!begin_callback(&to)) {
         return false;
     }
     if (to.on_message != nullptr) {
-        to.on_message(handle_, from.peer_address(), header.cmd, body, header.length,
-                      to.message_context);
+        to.on_message(handle_, peer, header.cmd, body, header.length, to.message_context);
     }
     end_callback();
     return true;
