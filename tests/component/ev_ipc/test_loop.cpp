@@ -55,13 +55,15 @@ TEST_F(loops, a_turn_doesnt_miss_a_timer_that_falls_due_as_it_begins_to_wait) {
     });
     run_isolated([&] {
         ready.add();
-        for (int i = 0; i < 150; ++i) {
+        for (int i = 0; i < 240; ++i) {  // all pairs of two small distances
+            const std::chrono::nanoseconds before_millisecond(100 * (1 + i % 12));
+            const std::chrono::nanoseconds before_due(100 * (1 + i / 12));
             const auto millisecond = std::chrono::time_point_cast<milliseconds>(clock_type::now());
-            spin_until(millisecond + milliseconds(1) - std::chrono::nanoseconds(300));
+            spin_until(millisecond + milliseconds(1) - before_millisecond);
             int fired = 0;
             const auto armed = clock_type::now();
             cl_timerplus *const timer = cl_timerplus_start(1, 0, 0, count_in_user, &fired);
-            spin_until(armed + milliseconds(1) - std::chrono::nanoseconds(500 + 10 * i));
+            spin_until(armed + milliseconds(1) - before_due);
             EXPECT_EQ(cl_event_loop_once(), 0);
             cl_timerplus_close(timer);
         }
