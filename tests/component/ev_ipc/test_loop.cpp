@@ -1,4 +1,6 @@
+#include <dlfcn.h>
 #include <malloc.h>
+#include <uv.h>
 
 #include <atomic>
 #include <cerrno>
@@ -13,6 +15,9 @@ namespace {
 
 using std::chrono::milliseconds;
 
+// What keeps the calling thread between the library's look at its timers and the look of libuv.
+thread_local milliseconds busy_before_uv_run{0};
+
 void *nothing(void *) {
     return nullptr;
 }
@@ -20,6 +25,17 @@ void *nothing(void *) {
 void count_in_user(cl_timerplus *timer) {
     ++*static_cast<int *>(timer->user);
 }
+
+}  // namespace
+
+// Takes the place of libuv's function for the library, and calls it.
+extern "C" __attribute__((visibility("default"))) int uv_run(uv_loop_t *loop, uv_run_mode mode) {
+    static const auto real = reinterpret_cast<decltype(&uv_run)>(dlsym(RTLD_NEXT, "uv_run"));
+    be_busy(busy_before_uv_run);
+    return real(loop, mode);
+}
+
+namespace {
 
 class loops : public ev_ipc {};
 
@@ -35,39 +51,27 @@ TEST_F(loops, a_turn_waits_until_something_is_due) {
     });
 }
 
-// The clock that the wait is measured with counts in milliseconds. A timer that falls due as one of
-// them ends, between the loop's look at its timers and its wait, must not be waited for.
 TEST_F(loops, a_turn_doesnt_miss_a_timer_that_falls_due_as_it_begins_to_wait) {
-    using clock_type = std::chrono::steady_clock;
-    const auto spin_until = [](clock_type::time_point time) {
-        while (clock_type::now() < time) {
-        }
-    };
     counter done;
     counter ready;
     std::thread rescuer([&] {
         EXPECT_TRUE(ready.reaches(1));
         if (!done.reaches(1)) {
             ADD_FAILURE() << "the loop waits for ever";
-            static int ignored;
-            cl_timerplus_close(cl_timerplus_start(0, 0, 0, count_in_user, &ignored));
+            cl_timerplus_close(cl_timerplus_start(
+                0, 0, 0, [](cl_timerplus *) {}, nullptr));
         }
     });
     run_isolated([&] {
         ready.add();
-        for (int i = 0; i < 240; ++i) {  // all pairs of two small distances
-            const std::chrono::nanoseconds before_millisecond(100 * (1 + i % 12));
-            const std::chrono::nanoseconds before_due(100 * (1 + i / 12));
-            const auto millisecond = std::chrono::time_point_cast<milliseconds>(clock_type::now());
-            spin_until(millisecond + milliseconds(1) - before_millisecond);
-            int fired = 0;
-            const auto armed = clock_type::now();
-            cl_timerplus *const timer = cl_timerplus_start(1, 0, 0, count_in_user, &fired);
-            spin_until(armed + milliseconds(1) - before_due);
-            EXPECT_EQ(cl_event_loop_once(), 0);
-            cl_timerplus_close(timer);
-        }
+        int fired = 0;
+        cl_timerplus *const timer = cl_timerplus_start(20, 0, 0, count_in_user, &fired);
+        busy_before_uv_run = milliseconds(40);
+        EXPECT_EQ(cl_event_loop_once(), 0);
+        busy_before_uv_run = milliseconds(0);
         done.add();
+        EXPECT_EQ(fired, 1);
+        cl_timerplus_close(timer);
     });
     rescuer.join();
 }
