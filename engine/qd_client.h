@@ -26,6 +26,7 @@ QD_CLIENT_ENUM(_engine_type){
     ENGINE_MD = 3,
     ENGINE_BRUTEFORCE_GLOBAL = 4, /* gates ENGINE_BRUTEFORCE_SSH; never sent by itself */
     ENGINE_COLLECT = 6,
+    ENGINE_CUSTOM_IOA = 7, /* rules by data only; never switched */
     ENGINE_ABNORMAL_SCAN = 8,
     ENGINE_BRUTEFORCE_SSH = 12,
     ENGINE_ABNORMAL_IP_LOGIN = 13,
@@ -51,9 +52,9 @@ enum qd_trace_type {
 typedef int _x_error;
 
 /* What x_client_set_drive_switch changes. */
-enum qd_drive_target {
-    QD_DRIVE_TARGET_DRIVE = 0,
-    QD_DRIVE_TARGET_COLLECT = 1,
+enum qd_drive_switch {
+    DRIVE_SWITCH_DRIVE = 0,
+    DRIVE_SWITCH_COLLECT = 1,
 };
 
 /*
@@ -119,7 +120,7 @@ typedef int (*x_client_engine_subscribe_credible_fn)(qd_data_cb callback, void *
 /* Orders a linkage analysis; the request is copied before it returns. */
 typedef int (*x_client_coordinate_dispose_trc_fn)(const char *request, unsigned int len,
                                                   qd_dispose_trc_cb callback, void *context);
-/* Changes a drive switch (a qd_drive_target); *result_out takes a further result code. */
+/* Changes a drive switch (a qd_drive_switch); *result_out takes a further result code. */
 typedef int (*x_client_set_drive_switch_fn)(int target, int value, int *result_out);
 typedef int (*x_client_get_drive_state_fn)(int *state_out);
 typedef int (*x_client_get_collect_state_fn)(int *state_out);

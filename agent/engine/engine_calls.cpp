@@ -137,8 +137,8 @@ call_result engine_calls::effect(engine_call call, const record &request) {
         case engine_call::get_drive_state:
         case engine_call::get_collect_state: {
             call_result result;
-            result.second = drive_[call == engine_call::get_drive_state ? QD_DRIVE_TARGET_DRIVE
-                                                                        : QD_DRIVE_TARGET_COLLECT];
+            result.second = drive_[call == engine_call::get_drive_state ? DRIVE_SWITCH_DRIVE
+                                                                        : DRIVE_SWITCH_COLLECT];
             return result;
         }
     }
@@ -263,8 +263,7 @@ call_result engine_calls::dispose_trace(const record &request) {
 }
 
 call_result engine_calls::set_drive(const record &request) {
-    const bool known =
-        request.first == QD_DRIVE_TARGET_DRIVE || request.first == QD_DRIVE_TARGET_COLLECT;
+    const bool known = request.first == DRIVE_SWITCH_DRIVE || request.first == DRIVE_SWITCH_COLLECT;
     if (!known || request.second < 0 || request.second > 1) {
         return refused(client_invalid);
     }
@@ -282,8 +281,8 @@ void engine_calls::describe(json &into) const {
         into["capabilities"][capability_name(number)] = on;
     }
     into["run_level"] = run_level_;
-    into["drive"] = {{"drive", drive_[QD_DRIVE_TARGET_DRIVE]},
-                     {"collect", drive_[QD_DRIVE_TARGET_COLLECT]}};
+    into["drive"] = {{"drive", drive_[DRIVE_SWITCH_DRIVE]},
+                     {"collect", drive_[DRIVE_SWITCH_COLLECT]}};
     into["orders"] = json::object();
     for (const auto &[kind, order] : orders_) {
         into["orders"][kind] = {{"count", order.count}, {"bytes", order.bytes}};

@@ -77,7 +77,7 @@ class engine_calls {
     std::map<int, bool> capabilities_;
     std::atomic<bool> collecting_{false};
     int run_level_ = 0;
-    int drive_[2] = {0, 0};                     /* by qd_drive_target */
+    int drive_[2] = {0, 0};                     /* by qd_drive_switch */
     std::map<std::string, order_count> orders_; /* by kind of order */
     std::map<int, std::string> updates_;        /* the path that came last, by type */
     std::map<int, std::string> rule_texts_;     /* the text that came last, by type */

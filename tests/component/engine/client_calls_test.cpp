@@ -256,18 +256,18 @@ TEST_F(EngineClient, drive_switches_keep_what_they_were_set_to) {
     start_both();
     int result = 99;
     int state = 99;
-    EXPECT_EQ(library->x_client_set_drive_switch(QD_DRIVE_TARGET_DRIVE, 1, &result), 0);
+    EXPECT_EQ(library->x_client_set_drive_switch(DRIVE_SWITCH_DRIVE, 1, &result), 0);
     EXPECT_EQ(result, 0);
     EXPECT_EQ(library->x_client_get_drive_state(&state), 0);
     EXPECT_EQ(state, 1);
     EXPECT_EQ(library->x_client_get_collect_state(&state), 0);
     EXPECT_EQ(state, 0);
-    EXPECT_EQ(library->x_client_set_drive_switch(QD_DRIVE_TARGET_COLLECT, 1, &result), 0);
+    EXPECT_EQ(library->x_client_set_drive_switch(DRIVE_SWITCH_COLLECT, 1, &result), 0);
     EXPECT_EQ(library->x_client_get_collect_state(&state), 0);
     EXPECT_EQ(state, 1);
     EXPECT_EQ(library->x_client_set_drive_switch(2, 1, &result), invalid);
-    EXPECT_EQ(library->x_client_set_drive_switch(QD_DRIVE_TARGET_DRIVE, 2, &result), invalid);
-    EXPECT_EQ(library->x_client_set_drive_switch(QD_DRIVE_TARGET_DRIVE, 0, nullptr), invalid);
+    EXPECT_EQ(library->x_client_set_drive_switch(DRIVE_SWITCH_DRIVE, 2, &result), invalid);
+    EXPECT_EQ(library->x_client_set_drive_switch(DRIVE_SWITCH_DRIVE, 0, nullptr), invalid);
     EXPECT_EQ(library->x_client_get_drive_state(nullptr), invalid);
     EXPECT_EQ(library->x_client_get_collect_state(nullptr), invalid);
 }
@@ -278,7 +278,7 @@ TEST_F(EngineClient, drive_switch_told_to_try_again_gives_that_result_and_stays)
         tree.order({{"op", "answer"}, {"call", "x_client_set_drive_switch"}, {"value", -2}}));
     int result = 99;
     int state = 99;
-    EXPECT_EQ(library->x_client_set_drive_switch(QD_DRIVE_TARGET_DRIVE, 1, &result), 0);
+    EXPECT_EQ(library->x_client_set_drive_switch(DRIVE_SWITCH_DRIVE, 1, &result), 0);
     EXPECT_EQ(result, -2);
     EXPECT_EQ(library->x_client_get_drive_state(&state), 0);
     EXPECT_EQ(state, 0);
