@@ -41,8 +41,9 @@ struct kzemm_upgrade_state {
  * Threads: made, initialized, uninitialized and destroyed on the worker thread; everything else
  * runs on the upgrade thread that init makes, but for on_md_engine_update_cb. No lock.
  *
- * Where memory runs out, a pass ends with -1 and a line at level 1, and is made anew on the next
- * tick; the operations that fill a list throw std::bad_alloc to the pass they serve.
+ * Where memory runs out, upgrade_ioc_handle and upgrade_eng_handle end with -1 and a line at level
+ * 1, and the next tick begins anew. What they call to fill lists and to note the MD paths throws
+ * std::bad_alloc.
  */
 class CUpgradeRelay {
   public:
@@ -145,6 +146,12 @@ class CUpgradeRelay {
 
   private:
     friend struct kzemm_upgrade_inspector;  // tests look at the fields through it
+
+    // Brings one IOC pack to the engine, or throws it away. 0 to go on with the next one, or the
+    // value that ends the pass.
+    int upgrade_ioc_pack(const ioc_st &entry, const char *rules, const char *full_flag);
+    // Whether the IOC engine's version became the target's.
+    bool wait_for_ioc_version(const ioc_st *target);
 
     ioc_st ev;                              // the version that the IOC engine reported last
     cl_timerplus *upgrade_timer = nullptr;  // the tick, null while it isn't armed
