@@ -30,6 +30,8 @@ enum EMM_SWITCH_TYPE : unsigned int {
     EMM_SWITCH_DISPOSE_PHISHING = 20,
 };
 
+class kzemm_work;
+
 /*
  * Threads: init, uninit and the evaluations run on the worker thread, set_ctmioa_rule_id on a
  * thread of the engine client; the getters are plain reads from any thread. Deliberately unlocked:
@@ -109,6 +111,7 @@ class kzemm_config {
 
   private:
     friend struct kzemm_config_inspector;  // tests look at the fields through it
+    friend class kzemm_work;               // its hello copies ctmioa_rule_id, which has no getter
 
     // Opens the client library and its table. 0, or -1 with what was opened left open.
     int open_cfgc_library();

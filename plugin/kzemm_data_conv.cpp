@@ -8,7 +8,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <new>
 
 #include "kzautil.h"
@@ -16,7 +15,6 @@
 
 namespace {
 
-constexpr char message_version[4] = {'3', '2', '0', '0'};
 constexpr uint16_t proto_type_request = 1;
 constexpr uint16_t proto_type_compressed = 2;
 constexpr uint16_t compress_flag_zlib = 2;
@@ -27,11 +25,6 @@ constexpr uint32_t header_size = sizeof(_module_header);
 constexpr uint32_t cmd_custom_ioa = 102;
 constexpr uint32_t cmd_hunting = 1002;
 constexpr uint32_t cmd_credible = 10001;
-
-struct free_deleter {
-    void operator()(char *data) const { free(data); }
-};
-using malloc_ptr = std::unique_ptr<char, free_deleter>;
 
 // From this size on, new memory usually comes fresh from the kernel.
 constexpr size_t fresh_memory_size = 128 * 1024;

@@ -10,7 +10,18 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
+#include <memory>
 #include <string>
+
+// Owns a frame or a text that goes back with free.
+struct free_deleter {
+    void operator()(char *data) const { free(data); }
+};
+using malloc_ptr = std::unique_ptr<char, free_deleter>;
+
+// What every message begins with.
+constexpr char message_version[4] = {'3', '2', '0', '0'};
 
 /*
  * The header of every module message. proto_type and msg_len are big-endian or in host order,

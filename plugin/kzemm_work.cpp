@@ -2,7 +2,10 @@
 
 #include <unistd.h>
 
+#include <new>
+
 #include "config/kzemm_config.h"
+#include "upgrade/kzemm_upgrade.h"
 #include "vrdbase.h"
 
 namespace {
@@ -24,8 +27,25 @@ int kzemm_work::start() {
         kze_log(1, "start qd client failed");
         return -1;
     }
+    if (init_ipc() != 0) {
+        kze_log(1, "init ipc failed");
+        return -1;
+    }
+    if (init_kzemm_task() != 0) {
+        kze_log(1, "init task failed");
+        return -1;
+    }
     set_qd_swicth();
     qd_client_subscribe();
+    if (register_ipc_cb() != 0) {
+        kze_log(1, "register ipc callback failed");
+        return -1;
+    }
+    if (init_upgrade() != 0) {
+        kze_log(1, "init upgrade failed");
+        return -1;
+    }
+    request_cfg();
     running = true;
     kze_log(3, "kzemm_work start succeed");
     return 0;
@@ -33,6 +53,7 @@ int kzemm_work::start() {
 
 int kzemm_work::run() {
     start_qd_timer();
+    send_ctm_helloinfo();
     kze_log(3, "work loop start");
     cl_ev_loop_nowait(1);
     while (running) {
@@ -52,6 +73,9 @@ void kzemm_work::clean() {
     stop_cfg_timer();
     stop_switch_timer();
     stop_qd_timer();
+    uninit_upgrade();
+    uninit_ipc();
+    uninit_kzemm_task();
     qd_client_stop();
     uninit_kzemm_config();
     kze_log(3, "clean succeed");
@@ -70,4 +94,47 @@ int kzemm_work::init_kzemm_config() {
 void kzemm_work::uninit_kzemm_config() {
     kze_log(3, "uninit kzemm_config");
     kzemm_config::get_instance().uninit();
+}
+
+int kzemm_work::init_kzemm_task() {
+    kze_log(3, "init kzemm_task");
+    task = new (std::nothrow) kzemm_task;
+    if (task == nullptr) {
+        kze_log(1, "new kzemm_task failed");
+        return -1;
+    }
+    if (task->init() != 0) {
+        kze_log(1, "kzemm_task init failed");
+        return -1;
+    }
+    kze_log(3, "init kzemm_task succeed");
+    return 0;
+}
+
+void kzemm_work::uninit_kzemm_task() {
+    kze_log(3, "uninit kzemm_task");
+    if (task != nullptr) {
+        task->uninit();
+        delete task;
+        task = nullptr;
+    }
+}
+
+int kzemm_work::init_upgrade() {
+    kze_log(3, "init CUpgradeRelay");
+    upgrade = new (std::nothrow) CUpgradeRelay;
+    if (upgrade == nullptr) {
+        kze_log(1, "new CUpgradeRelay failed");
+        return -1;
+    }
+    return upgrade->init();
+}
+
+void kzemm_work::uninit_upgrade() {
+    kze_log(3, "uinit CUpgradeRelay");
+    if (upgrade != nullptr) {
+        upgrade->uninit();
+        delete upgrade;
+        upgrade = nullptr;
+    }
 }

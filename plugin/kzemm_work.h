@@ -6,13 +6,14 @@
 #define KZEMDLMGR_PLUGIN_KZEMM_WORK_H
 
 #include <list>
+#include <string>
 
+#include "datapath/kzemm_task.h"
 #include "engine/qd_client.h"
 #include "vrdcl_ev.h"
 #include "vrdipc.h"
 
 class CUpgradeRelay;
-class kzemm_task;
 
 enum X_CLIENT_STATUS {
     X_CLIENT_INIT = 0,     // never started
@@ -86,6 +87,49 @@ class kzemm_work {
     // Has no content; keeps its place in every order of calls. Always 0.
     int qd_client_subscribe_RealTime();
 
+    // ---- endpoint and management requests (kzemm_work_ipc.cpp) ----
+
+    // Makes the endpoint "agt_rpt" and the two lasting addresses. 0, or -1 with what was made left
+    // to uninit_ipc.
+    int init_ipc();
+    void uninit_ipc();
+    // Lets requests and one-way messages in. 0 or -1.
+    int register_ipc_cb();
+    // Callbacks of the endpoint; context is the kzemm_work. The data stays the platform's.
+    static void on_ipc_request(vrd_ipc_st *from, vrd_addr_st *addr, unsigned int request_id,
+                               unsigned int cmd, const char *data, unsigned int len, void *context);
+    static void on_ipc_recv(vrd_ipc_st *from, vrd_addr_st *addr, unsigned int cmd, const char *data,
+                            unsigned int len, void *context);
+    // Checks a request, queues its work and answers at once whether that was taken.
+    void handle_ipc_request(vrd_ipc_st *from, vrd_addr_st *addr, unsigned int request_id,
+                            unsigned int cmd, const char *data, unsigned int len);
+    void handle_ipc_recv_msg(vrd_ipc_st *from, vrd_addr_st *addr, unsigned int cmd,
+                             const char *data, unsigned int len);
+    // Answers a request. Without memory it stays unanswered.
+    void response_mgr_msg(vrd_ipc_st *from, vrd_addr_st *addr, unsigned int request_id,
+                          unsigned int cmd, KZEMM_TRACE_ERRORCODE code);
+
+    // ---- management tasks (kzemm_work_trace.cpp) ----
+
+    // Copies a request into a task and queues it. The data stays the caller's.
+    KZEMM_TRACE_ERRORCODE do_trace(KZEMM_TASK_TYPE type, const char *data, unsigned int len);
+
+    // ---- configuration modules (kzemm_work_module_config.cpp) ----
+
+    // Sets the switches anew and asks for every module. 0, or -1 when the configuration service has
+    // no address, with nothing done.
+    int request_cfg();
+    // Handles a change notification: sets the switches anew and asks for the modules it names.
+    // Always 0.
+    int do_cfgc_notify(vrd_ipc_st *from, vrd_addr_st *addr, const char *data, unsigned int len);
+
+    // ---- custom IOA rules (kzemm_work_custom_ioa.cpp) ----
+
+    // Announces the stored identifier to the console.
+    void send_ctm_helloinfo();
+    // 0 with the message, which the caller releases with free, or -1.
+    int build_cusioa_hello_msg(const std::string &rule_id, char **out);
+
     // ---- the engine's data (kzemm_work_engine_data.cpp), on threads of the client library ----
 
     // Each takes over the data; user is not read.
@@ -103,6 +147,10 @@ class kzemm_work {
 
     int init_kzemm_config();
     void uninit_kzemm_config();
+    int init_kzemm_task();
+    void uninit_kzemm_task();
+    int init_upgrade();
+    void uninit_upgrade();
 
     // Deliberately unlocked: a plain flag that the host's thread clears and the loop reads; the
     // loop sees the change within one turn.

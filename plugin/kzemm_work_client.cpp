@@ -167,6 +167,7 @@ void kzemm_work::check_qd_status() {
     qd_client_subscribe();
     qd_client_subscribe_origin();
     qd_client_subscribe_RealTime();
+    request_cfg();
 }
 
 void kzemm_work::check_qd_status_cb(cl_timerplus *timer) {

@@ -11,8 +11,10 @@
 namespace {
 
 constexpr int everything = 4;
+constexpr unsigned int usual_hostid = 4711;
 
 std::atomic<int> s_level{everything};
+std::atomic<unsigned int> s_hostid{usual_hostid};
 std::mutex s_mutex;
 std::function<void()> s_autolog_hook;
 
@@ -60,8 +62,13 @@ void on_autolog_init(std::function<void()> hook) {
     s_autolog_hook = std::move(hook);
 }
 
+void set_hostid(unsigned int number) {
+    s_hostid = number;
+}
+
 void reset_log() {
     set_log_level(everything);
+    set_hostid(usual_hostid);
     on_autolog_init(nullptr);
 }
 
@@ -101,4 +108,8 @@ void kze_log_output(int level, const char *format, ...) {
     const std::string text = format_text(format, args);
     va_end(args);
     fakes::note(fakes::what::log, text, level + 1, "-");
+}
+
+unsigned int vrd_get_hostid(void) {
+    return s_hostid;
 }

@@ -1,5 +1,6 @@
 /*
- * The log: keeps every record in the journal, and can keep a thread in autolog_init.
+ * The log: keeps every record in the journal, and can keep a thread in autolog_init. And the
+ * number of this host, which the same library gives.
  */
 #ifndef KZEMDLMGR_TESTS_FAKES_FAKE_LOG_H
 #define KZEMDLMGR_TESTS_FAKES_FAKE_LOG_H
@@ -23,6 +24,12 @@ bool await_log(int level, const std::string &text);
 void set_log_level(int level);
 // Runs on the thread that called autolog_init, before that call returns.
 void on_autolog_init(std::function<void()> hook);
+
+// What vrd_get_hostid gives; 4711 to begin with.
+void set_hostid(unsigned int number);
+
+// What vrd_get_hostid gives; 4711 to begin with.
+void set_hostid(unsigned int number);
 
 void reset_log();
 

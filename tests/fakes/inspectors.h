@@ -5,6 +5,7 @@
 #define KZEMDLMGR_TESTS_FAKES_INSPECTORS_H
 
 #include "config/kzemm_config.h"
+#include "datapath/kzemm_task.h"
 #include "engine/kzemm_loader.h"
 #include "plugin/kzemm_work.h"
 
@@ -21,6 +22,15 @@ struct kzemm_work_inspector {
     static cl_timerplus *qd_timer(const kzemm_work &work) { return work.qd_timer; }
 };
 
+struct kzemm_task_inspector {
+    static bool &initialized(kzemm_task &task) { return task.initialized; }
+    static bool &running(kzemm_task &task) { return task.running; }
+    static kze_thread_t &thread(kzemm_task &task) { return task.thread; }
+    static kze_mutex_t mutex(const kzemm_task &task) { return task.mutex; }
+    static std::list<kzemm::task_info *> &task_list(kzemm_task &task) { return task.task_list; }
+    static std::string &cur_rule_id(kzemm_task &task) { return task.cur_rule_id; }
+};
+
 struct kzemm_config_inspector {
     // Puts the singleton back to what the constructor makes.
     static void reset() { kzemm_config::get_instance() = kzemm_config(); }
@@ -31,7 +41,7 @@ struct kzemm_config_inspector {
     static bool has_library() { return config().cfgc_dll != nullptr; }
     static bool has_table() { return config().cfgc_api != nullptr; }
     static bool has_client() { return config().cfgc_client != nullptr; }
-    static std::string ctmioa_rule_id() { return config().ctmioa_rule_id; }
+    static std::string &ctmioa_rule_id() { return config().ctmioa_rule_id; }
     static unsigned int &collect_report_cycle() { return config().collect_report_cycle; }
     static unsigned int &task_queue_size() { return config().task_queue_size; }
     static unsigned int &upgrade_check_interval() { return config().upgrade_check_interval; }

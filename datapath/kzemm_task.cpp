@@ -1,0 +1,251 @@
+#include "datapath/kzemm_task.h"
+
+#include <new>
+
+#include "config/kzemm_config.h"
+#include "engine/kzemm_loader.h"
+#include "kzautil.h"
+#include "vrdbase.h"
+
+namespace {
+
+constexpr char log_directory[] = "@/../var/log/agent/kzemdlmgr/task";
+constexpr int log_files = 5;
+
+// Holds a mutex for as long as it lives.
+class mutex_lock {
+  public:
+    explicit mutex_lock(kze_mutex_t to_hold) : mutex(to_hold) { kze_mutex_lock(mutex); }
+    ~mutex_lock() { kze_mutex_unlock(mutex); }
+    mutex_lock(const mutex_lock &) = delete;
+    mutex_lock &operator=(const mutex_lock &) = delete;
+
+  private:
+    const kze_mutex_t mutex;
+};
+
+// Of these types only the latest request counts.
+bool replaces_older(KZEMM_TASK_TYPE type) {
+    return type == KZEMM_TASK_HUNTING || type == KZEMM_TASK_CUSTOM_IOA ||
+           type == KZEMM_TASK_LKGANAL;
+}
+
+// The engine's number for a coordinate task; 0 for a task of another kind.
+int trace_type_of(KZEMM_TASK_TYPE type) {
+    switch (type) {
+        case KZEMM_TASK_LINKAGE:
+            return QD_TRACE_LINKAGE;
+        case KZEMM_TASK_APPEND:
+            return QD_TRACE_APPEND;
+        case KZEMM_TASK_HUNTING:
+            return QD_TRACE_HUNTING;
+        default:
+            kze_log(2, "invalid task type: %d", type);
+            return 0;
+    }
+}
+
+int report_engine_result(int result) {
+    if (result != 0) {
+        kze_log(2, "qd-agent return err:%d", result);
+        return -1;
+    }
+    return 0;
+}
+
+int run_coordinate(KZEMM_TASK_TYPE type, const TASK_COORDINATE &request) {
+    const int trace_type = trace_type_of(type);
+    if (trace_type == 0) {
+        kze_log(1, "trace type %d is invalid", trace_type);
+        return -1;
+    }
+    const auto coordinate = reinterpret_cast<x_client_coordinate_fn>(
+        kzemm_loader::get_instance().get_x_client_coordinate_fn());
+    return report_engine_result(coordinate(trace_type, request.data, request.size));
+}
+
+int run_linkage_analysis(const TASK_COORDINATE &request) {
+    kze_log(3, "qd-agent handle lkganal task begin!");
+    const auto dispose_trc = reinterpret_cast<x_client_coordinate_dispose_trc_fn>(
+        kzemm_loader::get_instance().get_x_client_coordinate_dispose_trc());
+    return report_engine_result(
+        dispose_trc(request.data, request.size, request.callback, request.user));
+}
+
+}  // namespace
+
+kzemm_task::kzemm_task() : mutex(kze_mutex_init()), cond(kze_cond_init()) {}
+
+kzemm_task::~kzemm_task() {
+    kze_cond_destroy(cond);
+    kze_mutex_destroy(mutex);
+}
+
+int kzemm_task::init() {
+    kze_log(3, "init kzemm_task");
+    if (initialized) {
+        kze_log(2, "kzemm_task has already been initialized");
+        return 0;
+    }
+    if (create_task_thread() != 0) {
+        kze_log(1, "create task thread failed");
+        return -1;
+    }
+    initialized = true;
+    kze_log(3, "init kzemm_task success");
+    return 0;
+}
+
+void kzemm_task::uninit() {
+    if (!initialized) {
+        kze_log(2, "task thread is not initialized");
+        return;
+    }
+    terminate_task_thread();
+    clear_task_list();
+    initialized = false;
+    kze_log(3, "kzemm_task uninitialized");
+}
+
+KZEMM_TRACE_ERRORCODE kzemm_task::add_task(kzemm::task_info *task) {
+    if (task == nullptr) {
+        kze_log(1, "task is null");
+        return KZEMM_TRACE_INVALID;
+    }
+    const KZEMM_TASK_TYPE type = task->get_type();
+    if (!is_task_type(type)) {
+        kze_log(1, "task type %d is invalid", type);
+        return KZEMM_TRACE_INVALID;
+    }
+
+    const mutex_lock lock(mutex);
+    if (!running) {
+        kze_log(2, "task thread is not running");
+        return KZEMM_TRACE_FAILED;
+    }
+    const size_t waiting = task_list.size();
+    if (waiting >= kzemm_config::get_instance().get_task_queue_size()) {
+        kze_log(2, "task queue is full, size: %zu", waiting);
+        return KZEMM_TRACE_QUEUE_FULL;
+    }
+    if (replaces_older(type)) {
+        erase_spe_type_task(type);
+    }
+    try {
+        task_list.push_back(task);
+    } catch (const std::bad_alloc &) {
+        kze_log(1, "new task node failed");
+        return KZEMM_TRACE_FAILED;
+    }
+    kze_cond_signal(cond);
+    kze_log(3, "add task done, task type: %d", type);
+    return KZEMM_TRACE_OK;
+}
+
+// The new thread sets its log up before it looks at `running`, which is set behind its back. One
+// that looked first would end at once.
+int kzemm_task::create_task_thread() {
+    if (thread != 0) {
+        kze_log(2, "task thread is exist");
+        return 0;
+    }
+    const int result = kze_thread_start(&thread, static_thread_routine, this);
+    if (result != 0) {
+        kze_log(1, "start task thread failed: %d", result);
+        return -1;
+    }
+    const mutex_lock lock(mutex);
+    running = true;
+    kze_log(3, "create task thread success");
+    return 0;
+}
+
+void kzemm_task::terminate_task_thread() {
+    {
+        const mutex_lock lock(mutex);
+        running = false;
+        kze_cond_broadcast(cond);
+    }
+    if (thread != 0) {
+        kze_thread_join(&thread, nullptr);
+        thread = 0;
+    }
+    kze_log(3, "task thread is stopped");
+}
+
+void kzemm_task::erase_spe_type_task(KZEMM_TASK_TYPE type) {
+    if (!is_task_type(type)) {
+        kze_log(1, "task type %d is invalid", type);
+        return;
+    }
+    for (auto each = task_list.begin(); each != task_list.end();) {
+        if ((*each)->get_type() != type) {
+            ++each;
+            continue;
+        }
+        kze_log(3, "task queue has exist %d task, remove old task", type);
+        (*each)->release();
+        each = task_list.erase(each);
+    }
+}
+
+void kzemm_task::clear_task_list() {
+    while (!task_list.empty()) {
+        task_list.front()->release();
+        task_list.pop_front();
+    }
+}
+
+void *kzemm_task::static_thread_routine(void *task) {
+    char directory[4096] = {};
+    kze_dirutils_path_transform(log_directory, directory, sizeof(directory));
+    autolog_init(directory, log_files);
+    static_cast<kzemm_task *>(task)->task_thread_routine();
+    return nullptr;
+}
+
+void kzemm_task::task_thread_routine() {
+    kze_log(3, "task thread start running");
+    for (;;) {
+        kzemm::task_info *task = nullptr;
+        {
+            const mutex_lock lock(mutex);
+            while (running && task_list.empty()) {
+                kze_cond_wait(cond, mutex);
+            }
+            if (!running) {
+                break;
+            }
+            task = task_list.front();
+            task_list.pop_front();
+        }
+        const int result = run_task(task);
+        kze_log(3, "task %d ret: %d", task->get_type(), result);
+        task->release();
+    }
+    kze_log(3, "task thread end running");
+    kze_thread_exit(nullptr);
+}
+
+int kzemm_task::run_task(kzemm::task_info *task) {
+    const TASK_COORDINATE *const request = task->get_coordinate();
+    if (request == nullptr) {
+        kze_log(1, "task info is null");
+        return -1;
+    }
+    const KZEMM_TASK_TYPE type = task->get_type();
+    kze_log(3, "run task, type: %d", type);
+    switch (type) {
+        case KZEMM_TASK_LINKAGE:
+        case KZEMM_TASK_APPEND:
+        case KZEMM_TASK_HUNTING:
+            return run_coordinate(type, *request);
+        case KZEMM_TASK_CUSTOM_IOA:
+            return deal_customioa_task(request->data, request->size);
+        case KZEMM_TASK_LKGANAL:
+            return run_linkage_analysis(*request);
+        default:
+            kze_log(2, "unknown task type");
+            return -1;
+    }
+}

@@ -1,0 +1,167 @@
+// The endpoint of the plug-in: what comes in, under which switch, and what is answered.
+
+#include <endian.h>
+
+#include <cstring>
+
+#include "config/kzemm_config.h"
+#include "kzautil.h"
+#include "plugin/kzemm_data_conv.h"
+#include "plugin/kzemm_work.h"
+#include "vrdbase.h"
+
+namespace {
+
+constexpr char own_name[] = "agt_rpt";
+constexpr char linkage_name[] = "agt_lkg";
+constexpr char disposal_name[] = "agt_rpdsp";
+
+// The change notification of the configuration service, a one-way message.
+constexpr unsigned int cmd_cfgc_notify = 1002;
+
+constexpr uint16_t proto_type_response = 2;
+
+struct request_rule {
+    unsigned int cmd;
+    EMM_SWITCH_TYPE permitted_by;
+    KZEMM_TASK_TYPE task;
+};
+
+constexpr request_rule request_rules[] = {
+    {102, EMM_SWITCH_IOA, KZEMM_TASK_CUSTOM_IOA},   {1002, EMM_SWITCH_HUNTING, KZEMM_TASK_HUNTING},
+    {1004, EMM_SWITCH_LINKAGE, KZEMM_TASK_LINKAGE}, {1005, EMM_SWITCH_IOA, KZEMM_TASK_APPEND},
+    {1010, EMM_SWITCH_COLLECT, KZEMM_TASK_LKGANAL},
+};
+
+// The rule of a command that is switched on; null for any other command.
+const request_rule *find_permitted(unsigned int cmd) {
+    for (const request_rule &each : request_rules) {
+        if (each.cmd == cmd) {
+            return kzemm_config::get_instance().get_switch(each.permitted_by) ? &each : nullptr;
+        }
+    }
+    kze_log(2, "invalid cmd: %d", static_cast<int>(cmd));
+    return nullptr;
+}
+
+}  // namespace
+
+int kzemm_work::init_ipc() {
+    kze_log(3, "init ipc");
+    ipc = vrd_ipc_create(own_name, 0);
+    if (ipc == nullptr) {
+        kze_log(1, "create ipc %s failed", own_name);
+        return -1;
+    }
+    lkg_addr = vrd_addr_create(linkage_name, 1, 0);
+    if (lkg_addr == nullptr) {
+        kze_log(1, "Create address handle failed!\n");
+        return -1;
+    }
+    rpdsp_addr = vrd_addr_create(disposal_name, 0, 0);
+    if (rpdsp_addr == nullptr) {
+        kze_log(1, "create ipc address %s failed", disposal_name);
+        return -1;
+    }
+    kze_log(3, "init ipc succeed");
+    return 0;
+}
+
+void kzemm_work::uninit_ipc() {
+    kze_log(3, "uninit ipc");
+    if (ipc != nullptr) {
+        vrd_ipc_destroy(ipc);
+        ipc = nullptr;
+    }
+    if (rpdsp_addr != nullptr) {
+        vrd_addr_destroy(rpdsp_addr);
+        rpdsp_addr = nullptr;
+    }
+    if (lkg_addr != nullptr) {
+        vrd_addr_destroy(lkg_addr);
+        lkg_addr = nullptr;
+    }
+}
+
+int kzemm_work::register_ipc_cb() {
+    if (const int result = vrd_ipc_on_request(ipc, on_ipc_request, this); result != 0) {
+        kze_log(2, "register ipc_on_request failed, ret %d, error: %s", result,
+                vrd_ipc_strerror(result));
+        return -1;
+    }
+    if (const int result = vrd_ipc_msg_recv(ipc, on_ipc_recv, this); result != 0) {
+        kze_log(2, "register on_ipc_recv failed, ret %d, error: %s", result,
+                vrd_ipc_strerror(result));
+        return -1;
+    }
+    kze_log(3, "register ipc callback success");
+    return 0;
+}
+
+void kzemm_work::on_ipc_request(vrd_ipc_st *from, vrd_addr_st *addr, unsigned int request_id,
+                                unsigned int cmd, const char *data, unsigned int len,
+                                void *context) {
+    static_cast<kzemm_work *>(context)->handle_ipc_request(from, addr, request_id, cmd, data, len);
+}
+
+void kzemm_work::on_ipc_recv(vrd_ipc_st *from, vrd_addr_st *addr, unsigned int cmd,
+                             const char *data, unsigned int len, void *context) {
+    static_cast<kzemm_work *>(context)->handle_ipc_recv_msg(from, addr, cmd, data, len);
+}
+
+void kzemm_work::handle_ipc_request(vrd_ipc_st *from, vrd_addr_st *addr, unsigned int request_id,
+                                    unsigned int cmd, const char *data, unsigned int len) {
+    if (from == nullptr || addr == nullptr || data == nullptr) {
+        kze_log(2, "params is invalid");
+        return;
+    }
+    kze_log(3, "receive request cmd: %u", cmd);
+    KZEMM_TRACE_ERRORCODE code = KZEMM_TRACE_OK;
+    if (check_msg_invalid(cmd, data, len, true) != 0) {
+        kze_log(2, "msg is invalid");
+        code = KZEMM_TRACE_INVALID;
+    } else if (const request_rule *const rule = find_permitted(cmd); rule == nullptr) {
+        kze_log(2, "check permission failed, cmd: %u", cmd);
+        code = KZEMM_TRACE_NO_PERMISSION;
+    } else {
+        code = do_trace(rule->task, data, len);
+    }
+    kze_log(3, "exec cmd: %u, response code: %d", cmd, code);
+    response_mgr_msg(from, addr, request_id, cmd, code);
+}
+
+void kzemm_work::handle_ipc_recv_msg(vrd_ipc_st *from, vrd_addr_st *addr, unsigned int cmd,
+                                     const char *data, unsigned int len) {
+    if (from == nullptr || addr == nullptr || data == nullptr) {
+        kze_log(2, "params is invalid");
+        return;
+    }
+    if (cmd == cmd_cfgc_notify) {
+        do_cfgc_notify(from, addr, data, len);
+        return;
+    }
+    kze_log(2, "invalid cmd: %u", cmd);
+}
+
+void kzemm_work::response_mgr_msg(vrd_ipc_st *from, vrd_addr_st *addr, unsigned int request_id,
+                                  unsigned int cmd, KZEMM_TRACE_ERRORCODE code) {
+    char text[4096] = {};
+    kze_str_snprintf(text, sizeof(text), "{\"resp_code\":%d, \"resp_msg\":\"\"}", code);
+    const size_t text_len = strlen(text);
+    const size_t frame_size = text_len + sizeof(_module_header);
+    const malloc_ptr frame(static_cast<char *>(malloc(frame_size)));
+    if (frame == nullptr) {
+        kze_log(1, "malloc %lu byte failed", frame_size);
+        return;
+    }
+    _module_header header = {};
+    memcpy(header.version, message_version, sizeof(header.version));
+    header.proto_type = htobe16(proto_type_response);
+    header.msg_len = htobe32(static_cast<uint32_t>(text_len));
+    memcpy(frame.get(), &header, sizeof(header));
+    memcpy(frame.get() + sizeof(header), text, text_len);
+    // The header's fifth byte ends the string: what shows is the version.
+    kze_log(4, "response_mgr_msg: %s!", frame.get());
+    vrd_ipc_response(from, addr, request_id, cmd, frame.get(),
+                     static_cast<unsigned int>(frame_size));
+}

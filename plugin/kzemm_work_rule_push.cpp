@@ -1,0 +1,184 @@
+// Answers with detection rules: which capability of the engine gets which text.
+
+#include <cjson/cJSON.h>
+
+#include <cstring>
+#include <memory>
+
+#include "engine/kzemm_loader.h"
+#include "plugin/kzemm_data_conv.h"
+#include "plugin/kzemm_work_module_config.h"
+#include "vrdbase.h"
+
+namespace {
+
+struct cjson_deleter {
+    void operator()(cJSON *object) const { cJSON_Delete(object); }
+};
+using cjson_ptr = std::unique_ptr<cJSON, cjson_deleter>;
+
+constexpr char module_trust_ip[] = "trust_ip";
+
+int push_rules(_engine_type type, const char *text) {
+    const auto update = reinterpret_cast<x_client_engine_update_by_data_fn>(
+        kzemm_loader::get_instance().get_x_client_engine_update_by_data());
+    return update(type, text, static_cast<unsigned int>(strlen(text)), engine_upd_by_data_cb,
+                  nullptr);
+}
+
+// Whether a text begins with these characters; what follows them doesn't count.
+bool begins_with(const char *text, const char *beginning) {
+    return strncmp(text, beginning, strlen(beginning)) == 0;
+}
+
+int handle_abnormal_login_cfg(const xmsg_ptr &answer, const char *config) {
+    constexpr char ip_key[] = "abnormal_ip_login_enable";
+    constexpr char time_key[] = "abnormal_time_login_enable";
+    constexpr char scan_key[] = "abnormal_scan_enable";
+    const char *const ip = get_cfg_field(answer, ip_key);
+    if (ip == nullptr) {
+        return -1;
+    }
+    const char *const time = get_cfg_field(answer, time_key);
+    if (time == nullptr) {
+        return -1;
+    }
+    const char *const scan = get_cfg_field(answer, scan_key);
+    if (scan == nullptr) {
+        return -1;
+    }
+    kze_log(4, "%s:%s,%s:%s,%s:%s", time_key, time, ip_key, ip, scan_key, scan);
+
+    if (begins_with(ip, "1")) {
+        if (const int result = push_rules(ENGINE_ABNORMAL_IP_LOGIN, config); result != 0) {
+            kze_log(1, "set login ip rule failed,ret=%d .", result);
+            return -1;
+        }
+        kze_log(3, "set login ip rule success.");
+    }
+    if (begins_with(time, "1")) {
+        if (const int result = push_rules(ENGINE_ABNORMAL_TIME_LOGIN, config); result != 0) {
+            kze_log(1, "set login time rule failed,ret=%d .", result);
+            return -1;
+        }
+        kze_log(3, "set login time rule success.");
+    }
+    if (begins_with(scan, "1")) {
+        if (const int result = push_rules(ENGINE_ABNORMAL_SCAN, config); result != 0) {
+            kze_log(1, "set abnormal scan rule failed,ret=%d .", result);
+            return -1;
+        }
+        kze_log(3, "set abnormal scan rule success.");
+    }
+    return 0;
+}
+
+int handle_anti_bfa_cfg(const xmsg_ptr &answer, const char *config) {
+    const char *const enable = get_cfg_field(answer, "enable");
+    if (enable == nullptr) {
+        return -1;
+    }
+    if (!begins_with(enable, "true")) {
+        return 0;
+    }
+    const char *const ssh_enable = get_cfg_field(answer, "ssh_enable");
+    if (ssh_enable == nullptr) {
+        return -1;
+    }
+    kze_log(4, "%s:%s", "ssh_enable", ssh_enable);
+    if (!begins_with(ssh_enable, "true")) {
+        return 0;
+    }
+    if (const int result = push_rules(ENGINE_BRUTEFORCE_SSH, config); result != 0) {
+        kze_log(1, "set bruteforce ssh rule failed,ret=%d .", result);
+        return -1;
+    }
+    kze_log(3, "set bruteforce ssh rule success.");
+    return 0;
+}
+
+// The envelope {"tkbfd":{"white_ip":{...,"need_update":true}}} around a list, in one line; null
+// when it can't be made.
+malloc_ptr wrap_trust_list(const char *white_ip) {
+    cjson_ptr list(cJSON_Parse(white_ip));
+    if (list == nullptr) {
+        kze_log(2, "parse config json failed");
+        return nullptr;
+    }
+    cjson_ptr content(cJSON_CreateObject());
+    if (content == nullptr) {
+        kze_log(2, "new content json obj failed");
+        return nullptr;
+    }
+    cJSON_AddTrueToObject(list.get(), "need_update");
+    if (cJSON_AddItemToObject(content.get(), "white_ip", list.get()) != 0) {
+        list.release();
+    }
+    const cjson_ptr message(cJSON_CreateObject());
+    if (message == nullptr) {
+        kze_log(2, "new msg json obj failed");
+        return nullptr;
+    }
+    if (cJSON_AddItemToObject(message.get(), "tkbfd", content.get()) != 0) {
+        content.release();
+    }
+    malloc_ptr text(cJSON_PrintUnformatted(message.get()));
+    if (text == nullptr) {
+        kze_log(2, "new send_msg failed");
+    }
+    return text;
+}
+
+void handle_trust_ip_cfg(const xmsg_ptr &answer) {
+    const char *const white_ip = xmsg_get(answer.get(), "white_ip", 8, nullptr, nullptr);
+    if (white_ip == nullptr) {
+        kze_log(2, "get white ip failed");
+        return;
+    }
+    kze_log(4, "white ip info is [%s]", white_ip);
+    const malloc_ptr message = wrap_trust_list(white_ip);
+    if (message == nullptr) {
+        return;
+    }
+    kze_log(3, "send white info [%s]", message.get());
+    if (const int result = push_rules(ENGINE_BRUTEFORCE_SSH, message.get()); result != 0) {
+        kze_log(1, "set white ip failed,ret=%d .", result);
+        retry_request_cfg(module_trust_ip);
+    }
+}
+
+int handle_rule_config(const xmsg_ptr &answer, const char *module, const char *config) {
+    if (begins_with(module, "abnormal_login")) {
+        return handle_abnormal_login_cfg(answer, config);
+    }
+    if (begins_with(module, "anti_bfa")) {
+        return handle_anti_bfa_cfg(answer, config);
+    }
+    kze_log(2, "unknown msg type:%s", module);
+    return -1;
+}
+
+}  // namespace
+
+void on_engine_cfg_response(int result, unsigned int, const char *data, unsigned int len,
+                            void *user) {
+    const xmsg_ptr answer = open_cfg_answer(result, data, len);
+    if (answer == nullptr) {
+        return;
+    }
+    const char *const module = static_cast<const char *>(user);
+    if (begins_with(module, module_trust_ip)) {
+        handle_trust_ip_cfg(answer);
+        return;
+    }
+    const char *const config = get_cfg_field(answer, "config");
+    if (config == nullptr) {
+        return;
+    }
+    kze_log(4, "config is:%s,len:%d", config, static_cast<int>(strlen(config)));
+    if (handle_rule_config(answer, module, config) != 0) {
+        kze_log(2, "update config failed");
+    }
+}
+
+void engine_upd_by_data_cb(_engine_type, int, void *) {}
