@@ -90,8 +90,8 @@ VRDAUX_API const char *xmsg_get(const xmsg *msg, const char *key, unsigned short
 /*
  * Dumps the message to the log at level 4: a record with its name and one for each field. Names,
  * keys and values are cut at 256 bytes and a message at 64 fields, and the record says so. 0 bytes
- * stand as \x00, and the log escapes the other control characters. Nothing for a null message, or
- * while level 4 isn't written.
+ * stand as \x00, and the log escapes the other control characters. Nothing for a null message,
+ * while level 4 isn't written, or when there is no memory.
  */
 VRDAUX_API void xmsg_debug(const xmsg *msg);
 

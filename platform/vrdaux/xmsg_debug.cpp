@@ -50,6 +50,6 @@ void xmsg_debug(const xmsg *msg) {
     try {
         dump(*msg);
     } catch (const std::exception &) {
-        kze_log(dump_level, "xmsg dump failed, no memory");
+        // No memory for the dump: it is lost, as the log's own records are then.
     }
 }
