@@ -102,8 +102,9 @@ exit_status mark(const std::string &which, const output &out) {
 void add_which(CLI::App *command, std::string &which) {
     command
         ->add_option("WHICH", which,
-                     "worker (the plug-in's), host, engine, gateway, services, output (what the "
-                     "host prints), or any log under var/log by its name")
+                     "worker (the plug-in's), upgrade, task, setdriveswitch (its threads'), host, "
+                     "engine, gateway, services, output (what the host prints), or any log under "
+                     "var/log by its name")
         ->capture_default_str();
 }
 

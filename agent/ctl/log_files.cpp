@@ -25,8 +25,11 @@ struct known_log {
     const char *path;
 };
 
-constexpr std::array<known_log, 6> known_logs = {{
+constexpr std::array<known_log, 9> known_logs = {{
     {"worker", "agent/kzemdlmgr/kzemdlmgr.log"},
+    {"upgrade", "agent/kzemdlmgr/upgrade/upgrade.log"},
+    {"task", "agent/kzemdlmgr/task/task.log"},
+    {"setdriveswitch", "agent/kzemdlmgr/setdriveswitch/setdriveswitch.log"},
     {"host", "host/host.log"},
     {"engine", "qd_agent/qd_agent.log"},
     {"gateway", "gateway/gateway.log"},

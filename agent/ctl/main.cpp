@@ -136,6 +136,7 @@ int run(int argc, char **argv) {
     add_config_commands(app, line);
     add_engine_commands(app, line);
     add_gateway_commands(app, line);
+    add_pack_commands(app, line);
     add_log_commands(app, line);
     add_watch_command(app, line);
     try {

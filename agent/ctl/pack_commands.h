@@ -1,0 +1,45 @@
+/* kzectl pack: its commands, one source file each, and what they share. */
+#ifndef KZE_AGENT_CTL_PACK_COMMANDS_H
+#define KZE_AGENT_CTL_PACK_COMMANDS_H
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "agent/ctl/command_line.h"
+#include "agent/packs/pack_name.h"
+
+namespace kze::ctl {
+
+void add_pack_make(CLI::App &group, command_line &line);
+void add_pack_drop(CLI::App &group, command_line &line);
+void add_pack_watch(CLI::App &group, command_line &line);
+
+/* Where the packs lie. Throws failure when the path can't be made. */
+std::string rule_directory_path();
+
+struct directory_entry {
+    std::string name;
+    ino_t inode = 0;
+};
+
+/* In the directory's own order, without hidden names; empty when there is no such directory. */
+std::vector<directory_entry> rule_directory_entries();
+
+/* The IOC version that the engine reports; nothing when it isn't running or doesn't answer. */
+std::optional<ioc_version> reported_ioc_version();
+
+/* What tar finds in a pack, or nothing and its words when it can't read it. */
+std::optional<std::vector<std::string>> pack_members(const std::string &path, std::string &problem);
+
+/* Throws failure with the path and errno's text. */
+[[noreturn]] void fail_with_errno(const std::string &path);
+
+/* Makes the content of a file, or what a directory holds, outlast a crash. Throws failure. */
+void sync_path(const std::string &path);
+
+}  // namespace kze::ctl
+
+#endif
