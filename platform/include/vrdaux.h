@@ -9,10 +9,11 @@ extern "C" {
 #endif
 
 /*
- * A message has a name and fields. A field is a key and a value, both bytes of any content; a key
- * stands once in a message. Packed, a message is a row of bytes (MessagePack; the exact format is
- * told in platform/vrdaux/format.h), which needs no frame: it is the whole body of an IPC message.
- * Note that VRD_IPC_MAX_BODY bounds what can be sent, not what a message can hold.
+ * A message has a name, which is a text, and fields. A field is a key and a value, both bytes of
+ * any content; a key stands once in a message. Packed, a message is a row of bytes (MessagePack;
+ * the exact format is told in platform/vrdaux/format.h), which needs no frame: it is the whole body
+ * of an IPC message. Note that VRD_IPC_MAX_BODY bounds what can be sent, not what a message can
+ * hold.
  *
  * A message is one thread's at a time; different messages don't touch each other. The functions
  * that take a const message may run on several threads at once, as long as none of them adds or

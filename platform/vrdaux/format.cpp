@@ -83,7 +83,7 @@ bool reader::visit_bin(const char *data, std::uint32_t size) {
     const std::string_view bytes(data, size);
     switch (expected_) {
         case expected::name:
-            if (size > XMSG_MAX_NAME)
+            if (size > XMSG_MAX_NAME || bytes.find('\0') != std::string_view::npos)
                 return false;
             message_ = std::make_unique<xmsg>(bytes);
             return advance(expected::name, expected::map);

@@ -1,8 +1,8 @@
 // The bytes of a packed message.
 //
 // They are one MessagePack value: an array of two, the name and a map of the fields. Name, keys and
-// values are of the family "bin", since they may hold any bytes. Lengths are big-endian, and
-// written in the shortest form that holds them:
+// values are of the family "bin", since they need not be UTF-8. Lengths are big-endian, and written
+// in the shortest form that holds them:
 //
 //   array         92
 //   bin           c4 <1 byte of length>, c5 <2 bytes> or c6 <4 bytes>, and the bytes
@@ -19,9 +19,9 @@
 //   c4 08 74 72 75 73 74 5f 69 70    the value
 //
 // What is read may have its fields in any order and its lengths in any of the forms. Everything
-// else is refused: other types, a key that stands twice, more than a message can hold, bytes
-// missing at the end or following it. The format has no version, no checksum and no types of
-// values.
+// else is refused: other types, a 0 byte in the name, which is a text, a key that stands twice,
+// more than a message can hold, bytes missing at the end or following it. The format has no
+// version, no checksum and no types of values.
 #pragma once
 
 #include <cstddef>

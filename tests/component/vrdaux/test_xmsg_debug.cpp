@@ -1,6 +1,10 @@
 // The dump: its records, what it cuts, and that no data steers it.
 #include <gmock/gmock.h>
 
+#include <atomic>
+#include <thread>
+#include <vector>
+
 #include "tests/component/vrdbase/log_test.h"
 #include "xmsg_test.h"
 
@@ -92,4 +96,28 @@ TEST_F(XmsgDebug, shows_64_fields_and_counts_the_others) {
     ASSERT_THAT(lines, SizeIs(66));
     EXPECT_THAT(lines[64], EndsWith(" xmsg field 64 [163]: [v]"));
     EXPECT_THAT(lines[65], EndsWith(" xmsg fields not shown: 2"));
+}
+
+TEST_F(XmsgDebug, and_all_other_reading_of_one_message_may_run_on_several_threads_at_once) {
+    const message msg = new_message();
+    ASSERT_EQ(add(msg, "key", "value"), XMSG_OK);
+    const std::string bytes = packed(msg);
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> readers;
+    for (int i = 0; i < 4; ++i) {
+        readers.emplace_back([&] {
+            autolog_init(directory().c_str(), 1);
+            for (int round = 0; round < 50; ++round) {
+                unsigned int type = 0;
+                std::string copy(static_cast<std::size_t>(xmsg_pack_size(msg.get())), '\0');
+                xmsg_pack(msg.get(), copy.data(), static_cast<unsigned int>(copy.size()));
+                const char *value = xmsg_get(msg.get(), "key", 3, nullptr, &type);
+                xmsg_debug(msg.get());
+                wrong += copy != bytes || value == nullptr || type != XMSG_TYPE_TEXT;
+            }
+        });
+    }
+    for (std::thread &reader : readers)
+        reader.join();
+    EXPECT_EQ(wrong, 0);
 }

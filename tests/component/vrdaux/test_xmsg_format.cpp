@@ -19,6 +19,7 @@ const std::string example =
     "trust_ip"s;
 // Where it has types and lengths; everywhere else is content.
 const std::set<std::size_t> structure = {0, 1, 2, 11, 12, 13, 20, 21};
+constexpr std::size_t name_end = 11;
 
 message example_message() {
     message msg = new_message("trust_ip");
@@ -29,7 +30,7 @@ message example_message() {
 // A message with each form of a length that packing writes.
 message message_of_all_forms() {
     message msg = new_message("forms");
-    for (const std::size_t size : {0, 1, 255, 256, 65535, 65536})
+    for (const std::size_t size : {0U, 1U, 255U, 256U, 65535U, 65536U})
         EXPECT_EQ(add(msg, "value of " + std::to_string(size), std::string(size, 'v')), XMSG_OK);
     EXPECT_EQ(add(msg, std::string(255, 'k'), "key of 255"), XMSG_OK);
     EXPECT_EQ(add(msg, std::string(256, 'k'), "key of 256"), XMSG_OK);
@@ -146,7 +147,8 @@ TEST(xmsg_format, refuses_a_change_of_any_type_or_length_and_takes_content_as_it
             std::string bytes = example;
             bytes[at] = static_cast<char>(bytes[at] ^ change);
             const message msg = unpacked(bytes);
-            if (structure.count(at) != 0) {
+            const bool cuts_the_name = at < name_end && bytes[at] == '\0';
+            if (structure.count(at) != 0 || cuts_the_name) {
                 EXPECT_EQ(msg, nullptr) << at << " " << change;
             } else {
                 ASSERT_NE(msg, nullptr) << at << " " << change;
@@ -245,6 +247,12 @@ TEST(xmsg_format, refuses_more_fields_than_a_message_can_hold) {
     EXPECT_NE(unpacked(head() + map32(XMSG_MAX_FIELDS) + fields), nullptr);
     EXPECT_EQ(unpacked(head() + map32(XMSG_MAX_FIELDS + 1) + fields + bin8("x") + bin8("")),
               nullptr);
+}
+
+TEST(xmsg_format, refuses_a_name_with_a_0_byte) {
+    EXPECT_EQ(unpacked("\x92" + bin8("\0"s) + "\x80"), nullptr);
+    EXPECT_EQ(unpacked("\x92" + bin8("te\0st"s) + "\x80"), nullptr);
+    EXPECT_EQ(unpacked("\x92" + bin8("test\0"s) + "\x80"), nullptr);
 }
 
 TEST(xmsg_format, refuses_no_bytes) {

@@ -1,8 +1,4 @@
 // What the container takes of memory for bytes from anyone, and what it does when there is none.
-#include <atomic>
-#include <thread>
-#include <vector>
-
 #include "counted_memory.h"
 #include "tests/component/vrdbase/log_test.h"
 #include "xmsg_test.h"
@@ -159,28 +155,4 @@ TEST_F(XmsgDump, gets_through_the_failure_of_each_allocation) {
         EXPECT_GT(failures, 2) << "each allocation was to fail once";
     });
     EXPECT_EQ(packed(msg), before);
-}
-
-TEST_F(XmsgDump, and_all_other_reading_of_one_message_may_run_on_several_threads) {
-    const message msg = long_message();
-    const std::string bytes = packed(msg);
-    const std::string key(100, 'k');
-    std::atomic<int> wrong{0};
-    std::vector<std::thread> readers;
-    for (int i = 0; i < 4; ++i) {
-        readers.emplace_back([&] {
-            autolog_init(directory().c_str(), 1);
-            for (int round = 0; round < 50; ++round) {
-                unsigned int type = 0;
-                std::string copy(static_cast<std::size_t>(xmsg_pack_size(msg.get())), '\0');
-                xmsg_pack(msg.get(), copy.data(), static_cast<unsigned int>(copy.size()));
-                const char *value = xmsg_get(msg.get(), key.data(), 100, nullptr, &type);
-                xmsg_debug(msg.get());
-                wrong += copy != bytes || value == nullptr || type != XMSG_TYPE_TEXT;
-            }
-        });
-    }
-    for (std::thread &reader : readers)
-        reader.join();
-    EXPECT_EQ(wrong, 0);
 }
