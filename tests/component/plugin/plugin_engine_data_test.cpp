@@ -7,6 +7,7 @@
 #include <algorithm>
 
 #include "tests/component/plugin/plugin_test.h"
+#include "vrdbase.h"
 
 using plugin_stage::data_kind;
 using testing::SizeIs;
@@ -20,6 +21,12 @@ class plugin_engine_data_test : public plugin_test {
     void TearDown() override {
         stop();
         plugin_test::TearDown();
+    }
+
+    // The hello that every start sends is not what these tests are about.
+    void start() {
+        plugin_test::start();
+        stage.forget_calls();
     }
 
     void expect_one_send(int type, const std::string &data, pid_t deliverer) {
@@ -85,9 +92,20 @@ TEST_F(plugin_engine_data_test, keeps_origin_data_from_the_gateway_while_reports
     EXPECT_EQ(stage.buffers_out(), 0U);
 }
 
+TEST_F(plugin_engine_data_test, the_start_announces_the_custom_rules) {
+    plugin_test::start();
+    ASSERT_THAT(stage.gateway_sends(), SizeIs(1));
+    EXPECT_EQ(stage.gateway_sends()[0].type, 9);
+    const std::string text =
+        "{\n\t\"agentId\":\t" + std::to_string(vrd_get_hostid()) + ",\n\t\"rulesId\":\t\"0\"\n}";
+    const std::string head("3200\0\0\0\0\2\0\0\0\0\0\0\0", 16);
+    const std::string size = {static_cast<char>(text.size()), 0, 0, 0};
+    EXPECT_EQ(stage.gateway_sends()[0].data, head + size + text);
+}
+
 TEST_F(plugin_engine_data_test, subscribes_with_the_cycle_of_central_configuration) {
     stage.set_config("/mgr/base_collect", "/collect_act_time", "300");
-    start();
+    plugin_test::start();
     EXPECT_TRUE(stage.await("x_client_subscribe_origin_data(300)"));
 }
 
@@ -97,7 +115,8 @@ TEST_F(plugin_engine_data_test, brings_everything_back_after_an_outage) {
         stage.forget_calls();
         worker_log().forget();
         ASSERT_TRUE(stage.go_offline());
-        ASSERT_TRUE(stage.await("x_client_subscribe_origin_data(120)"));
+        // The second one comes with the configuration that is read anew at the end.
+        ASSERT_TRUE(stage.await("x_client_subscribe_origin_data(120)", 2));
 
         const std::vector<std::string> calls = stage.calls();
         const std::vector<std::string> in_order = {

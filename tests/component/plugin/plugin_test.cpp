@@ -83,6 +83,13 @@ size_t log_reader::count(const std::string &text) {
         all.begin(), all.end(), [&](const log_record &each) { return each.text == text; }));
 }
 
+std::string log_reader::last_error() {
+    const auto &all = records();
+    const auto error = std::find_if(all.rbegin(), all.rend(),
+                                    [](const log_record &each) { return each.level == "ERROR"; });
+    return error == all.rend() ? std::string() : error->text;
+}
+
 bool log_reader::await(const std::string &text, size_t times) {
     return kze_test::eventually([&] { return count(text) >= times; });
 }
@@ -154,7 +161,7 @@ std::string plugin_test::expanded(const std::string &place) const {
 
 void plugin_test::start() {
     const size_t starts = worker_log().count("work loop start");
-    ASSERT_EQ(init(), 0);
+    ASSERT_EQ(init(), 0) << host_log().last_error();
     ASSERT_TRUE(worker_log().await("work loop start", starts + 1)) << "the worker didn't come up";
 }
 

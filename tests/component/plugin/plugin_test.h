@@ -36,6 +36,8 @@ class log_reader {
     size_t count(const std::string &text);
     // Waits until the text was logged this often; false after the deadline.
     bool await(const std::string &text, size_t times = 1);
+    // The newest text of the level ERROR; empty when there is none.
+    std::string last_error();
     // Leaves what is logged so far out of the records.
     void forget() { records(), known.clear(); }
 

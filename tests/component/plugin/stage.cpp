@@ -60,6 +60,7 @@ bool stage::await(const std::string &call, size_t times) const {
 void stage::forget_calls() {
     const std::lock_guard<std::mutex> lock(mutex);
     called.clear();
+    sends.clear();
 }
 
 bool stage::deliver(data_kind kind, const std::string &data) {

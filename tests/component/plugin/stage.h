@@ -54,6 +54,7 @@ class __attribute__((visibility("default"))) stage {
     size_t count(const std::string &call) const;
     // Waits until a call was made this often; false after the deadline.
     bool await(const std::string &call, size_t times = 1) const;
+    // The gateway's too.
     void forget_calls();
 
     // Hands data to the callback that is subscribed to its kind, on the client's thread, and
