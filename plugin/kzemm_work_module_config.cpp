@@ -59,6 +59,7 @@ int kzemm_work::request_cfg() {
     for (const config_module &each : modules) {
         handle_cfg_msg(ipc, addr.get(), each.name, each.callback);
     }
+    kze_log(3, "request cfgc success");
     return 0;
 }
 
