@@ -332,7 +332,7 @@ std::vector<pack_event> pack_log::host_record(const std::string &text) {
     const auto path = between(text, "delete file (", ")!");
     if (behind(text, "upgrade md error ")) {
         md_dropped_ = true;
-    } else if (path && base_name(*path) == md_pending_) {
+    } else if (path && !md_pending_.empty() && base_name(*path) == md_pending_) {
         tell(md_dropped_ ? fate::refused_dropped : fate::applied, md_pending_,
              md_dropped_ ? "ten failures in a row" : "the engine called back with 0");
         md_dropped_ = false;
