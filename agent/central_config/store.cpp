@@ -306,15 +306,21 @@ int store::list(std::vector<store_entry> &out) {
 }
 
 int store::set(const std::string &module, const std::string &key, const store_value &value) {
-    if (!is_name(module) || !is_name(key)) {
-        return fail(STORE_BAD_ARGUMENT, "a module and a key are 1 to " +
-                                            std::to_string(name_size_bound) +
-                                            " bytes of UTF-8 without control characters");
-    }
-    json made;
-    const std::string problem = make_json(value, made);
-    if (!problem.empty()) {
-        return fail(STORE_BAD_ARGUMENT, problem);
+    return set({{module, key, value}});
+}
+
+int store::set(const std::vector<store_entry> &entries) {
+    std::vector<json> made(entries.size());
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        if (!is_name(entries[i].module) || !is_name(entries[i].key)) {
+            return fail(STORE_BAD_ARGUMENT, "a module and a key are 1 to " +
+                                                std::to_string(name_size_bound) +
+                                                " bytes of UTF-8 without control characters");
+        }
+        const std::string problem = make_json(entries[i].value, made[i]);
+        if (!problem.empty()) {
+            return fail(STORE_BAD_ARGUMENT, problem);
+        }
     }
     const descriptor lock(lock_for_writing());
     int result = lock.valid() ? refresh() : STORE_LOCKED;
@@ -326,7 +332,9 @@ int store::set(const std::string &module, const std::string &key, const store_va
         return result;
     }
     json changed = content_;
-    changed[module][key] = std::move(made);
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        changed[entries[i].module][entries[i].key] = std::move(made[i]);
+    }
     return save(changed);
 }
 

@@ -82,6 +82,8 @@ class store {
     int list(std::vector<store_entry> &out);
     /* Adds or replaces a value; makes the directory and the store where missing. */
     int set(const std::string &module, const std::string &key, const store_value &value);
+    /* The same with several values: all of them at once, or on failure none. */
+    int set(const std::vector<store_entry> &entries);
     /* Removes a value, and with the last one its module. */
     int unset(const std::string &module, const std::string &key);
 
