@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 
 #include <filesystem>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -13,10 +14,10 @@
 #include "agent/common/tree.h"
 #include "agent/ctl/ask.h"
 #include "agent/ctl/command_line.h"
-#include "agent/ctl/engine_service.h"
 #include "agent/ctl/host_status.h"
 #include "agent/ctl/log_files.h"
 #include "agent/ctl/processes.h"
+#include "agent/ctl/services.h"
 #include "agent/ctl/tree_lock.h"
 #include "agent/ctl/worker_start.h"
 #include "kzautil.h"
@@ -115,6 +116,14 @@ std::string host_text(const host_status &host) {
            " plug-in" + (host.plugins.size() == 1 ? "" : "s") + " initialised";
 }
 
+void start_services(const up_options &options, const deadline &until) {
+    for (const agent_service &service : agent_services) {
+        if (!options.no_engine || &service != find_service(engine_service_name)) {
+            order_service("start", service, until);
+        }
+    }
+}
+
 exit_status up(const up_options &options, const output &out) {
     const deadline until(options.timeout);
     const tree_lock lock(until);
@@ -122,9 +131,7 @@ exit_status up(const up_options &options, const output &out) {
         make_fresh();
     }
     make_directories();
-    if (!options.no_engine) {
-        order_engine_service("start", until);
-    }
+    start_services(options, until);
     if (const auto answer =
             ask_if_running(host_endpoint, {{"op", "status"}}, until.left_seconds(ask_seconds))) {
         const host_status running = read_host_status(*answer);
@@ -195,11 +202,14 @@ std::string kill_processes(const std::vector<tree_process> &processes) {
     return running_programs(processes);
 }
 
-void stop_engine() {
-    try {
-        order_engine_service("stop", deadline(ask_seconds));
-    } catch (const failure &) {
-        /* What is left is killed by the caller. */
+void stop_services() {
+    for (auto service = std::rbegin(agent_services); service != std::rend(agent_services);
+         ++service) {
+        try {
+            order_service("stop", *service, deadline(ask_seconds));
+        } catch (const failure &) {
+            /* What is left is killed by the caller. */
+        }
     }
 }
 
@@ -225,7 +235,7 @@ exit_status down(double timeout, const output &out) {
         }
     }
     if (!tree_processes().empty()) {
-        stop_engine();
+        stop_services();
     }
     if (const std::vector<tree_process> left = tree_processes(); !left.empty()) {
         forced += (forced.empty() ? "" : ", ") + kill_processes(left);
@@ -270,20 +280,21 @@ exit_status log_level(const std::optional<int> &level, const output &out) {
 
 void add_up(CLI::App &app, command_line &line) {
     auto options = std::make_shared<up_options>();
-    CLI::App *command = add_command(app, "up", "Starts the engine and the host, and waits for them",
-                                    "kzectl up --fresh");
+    CLI::App *command = add_command(
+        app, "up", "Starts the services and the host, and waits for them", "kzectl up --fresh");
     command->add_flag("--fresh", options->fresh,
                       "Begin without logs and journal of earlier runs; configuration stays");
-    command->add_flag("--no-engine", options->no_engine, "Start the host alone");
+    command->add_flag("--no-engine", options->no_engine, "Leave the engine out");
     add_seconds(command, "--timeout", options->timeout, "How long to wait");
     on_chosen(command, line, [&line, options] { return up(*options, line.out); });
 }
 
 void add_down(CLI::App &app, command_line &line) {
     auto timeout = std::make_shared<double>(20);
-    CLI::App *command = add_command(
-        app, "down", "Stops the host and the engine; no process is left", "kzectl down --timeout 5",
-        "What does not end by itself is killed; the exit status is then 4.");
+    CLI::App *command =
+        add_command(app, "down", "Stops the host and the services; no process is left",
+                    "kzectl down --timeout 5",
+                    "What does not end by itself is killed; the exit status is then 4.");
     add_seconds(command, "--timeout", *timeout, "How long the host has to end by itself");
     on_chosen(command, line, [&line, timeout] { return down(*timeout, line.out); });
 }

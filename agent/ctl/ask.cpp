@@ -1,6 +1,7 @@
 #include "agent/ctl/ask.h"
 
 #include "agent/common/control.h"
+#include "agent/common/services.h"
 #include "agent/ctl/failure.h"
 #include "vrdipc.h"
 
@@ -9,7 +10,8 @@ namespace kze::ctl {
 using nlohmann::json;
 
 std::string program_at(const std::string &endpoint) {
-    return endpoint == engine_endpoint ? "the engine" : "the host";
+    const agent_service *service = find_service_at(endpoint);
+    return service == nullptr ? "the host" : service->spoken;
 }
 
 std::optional<json> ask_if_running(const std::string &endpoint, const json &request,

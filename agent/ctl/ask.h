@@ -12,7 +12,7 @@ constexpr char host_endpoint[] = "agt_host";
 constexpr char engine_endpoint[] = "qd_agent";
 constexpr unsigned int ask_seconds = 10;
 
-/* "the host", "the engine" */
+/* "the host", "the engine", or another service */
 std::string program_at(const std::string &endpoint);
 
 /*

@@ -7,7 +7,9 @@
 
 #include "agent/central_config/store.h"
 #include "agent/common/tree.h"
+#include "agent/ctl/announcement.h"
 #include "agent/ctl/command_line.h"
+#include "agent/ctl/module_commands.h"
 
 namespace kze::ctl {
 namespace {
@@ -19,23 +21,6 @@ using nlohmann::json;
 
 constexpr char address_help[] =
     "Module and key may also be given as one: /mgr/base_collect/adv_threats.";
-
-store open_store() {
-    return store(tree_path("@/../config/kzacfgc"));
-}
-
-[[noreturn]] void fail(int result, const store &of) {
-    switch (result) {
-        case config::STORE_ABSENT:
-        case config::STORE_NO_MODULE:
-        case config::STORE_NO_KEY:
-            throw failure(exit_not_there, of.problem());
-        case config::STORE_BAD_ARGUMENT:
-            throw failure(exit_usage, of.problem());
-        default:
-            throw failure(exit_failed, of.problem());
-    }
-}
 
 bool is_not_there(int result) {
     return result == config::STORE_ABSENT || result == config::STORE_NO_MODULE ||
@@ -74,6 +59,18 @@ address make_address(const std::vector<std::string> &words) {
     return {words[0], words[1]};
 }
 
+/* Tells the plug-in of a changed module where that is one of the console's, and notes it. */
+std::string announce_change(const std::string &module, json &value) {
+    const std::string name = announced_name(module);
+    if (name.empty()) {
+        return {};
+    }
+    const announcement told = announce({name});
+    value["notified"] = told.delivered;
+    value["problem"] = told.problem;
+    return told.note();
+}
+
 json entry_json(const address &at, const store_value &value) {
     return {{"module", at.module},
             {"key", at.key},
@@ -86,7 +83,7 @@ exit_status get(const std::vector<std::string> &words, const output &out) {
     store from = open_store();
     store_value value;
     if (const int result = from.get(at.module, at.key, value); result != config::STORE_OK) {
-        fail(result, from);
+        fail_for_store(result, from);
     }
     out.done(printable(value.text), entry_json(at, value));
     return exit_done;
@@ -103,9 +100,11 @@ exit_status set(std::vector<std::string> words, const std::string &type, const o
     const address at = make_address(words);
     store in = open_store();
     if (const int result = in.set(at.module, at.key, value); result != config::STORE_OK) {
-        fail(result, in);
+        fail_for_store(result, in);
     }
-    out.done(at.text() + " is \"" + printable(value.text) + "\"", entry_json(at, value));
+    json changed = entry_json(at, value);
+    const std::string note = announce_change(at.module, changed);
+    out.done(at.text() + " is \"" + printable(value.text) + "\"" + note, changed);
     return exit_done;
 }
 
@@ -114,10 +113,15 @@ exit_status unset(const std::vector<std::string> &words, const output &out) {
     store in = open_store();
     const int result = in.unset(at.module, at.key);
     if (result != config::STORE_OK && !is_not_there(result)) {
-        fail(result, in);
+        fail_for_store(result, in);
     }
-    out.done(at.text() + (result == config::STORE_OK ? " is no longer set" : " was not set"),
-             {{"was_set", result == config::STORE_OK}});
+    json changed = {{"was_set", result == config::STORE_OK}};
+    if (result != config::STORE_OK) {
+        out.done(at.text() + " was not set", changed);
+        return exit_done;
+    }
+    const std::string note = announce_change(at.module, changed);
+    out.done(at.text() + " is no longer set" + note, changed);
     return exit_done;
 }
 
@@ -125,7 +129,7 @@ exit_status list(const std::string &module, const output &out) {
     store from = open_store();
     std::vector<store_entry> entries;
     if (const int result = from.list(entries); result != config::STORE_OK) {
-        fail(result, from);
+        fail_for_store(result, from);
     }
     table rows;
     json values = json::array();
@@ -176,11 +180,13 @@ std::shared_ptr<words_of_line> add_address(CLI::App *command) {
 }
 
 void add_set(CLI::App &to, command_line &line) {
-    CLI::App *command = add_command(
-        to, "set", "Sets a value", "kzectl config set /mgr/base_collect /adv_threats true",
-        "A running plug-in reads it within 5 seconds while it waits for its configuration, and\n"
-        "otherwise at \"kzectl reload\". All that it reads are strings.\n" +
-            std::string(address_help));
+    CLI::App *command = add_command(to, "set", "Sets a value",
+                                    "kzectl config set /mgr/base_collect /adv_threats true",
+                                    "A running plug-in is notified of a change below /mgr, and "
+                                    "reads its values anew; all that\n"
+                                    "it reads are strings. Without the configuration service it "
+                                    "reads them at its next start.\n" +
+                                        std::string(address_help));
     auto words = add_address(command);
     words->add(command, "VALUE", "The value's text");
     words->options[1]->required();
@@ -192,6 +198,23 @@ void add_set(CLI::App &to, command_line &line) {
 }
 
 }  // namespace
+
+store open_store() {
+    return store(tree_path("@/../config/kzacfgc"));
+}
+
+void fail_for_store(int result, const store &of) {
+    switch (result) {
+        case config::STORE_ABSENT:
+        case config::STORE_NO_MODULE:
+        case config::STORE_NO_KEY:
+            throw failure(exit_not_there, of.problem());
+        case config::STORE_BAD_ARGUMENT:
+            throw failure(exit_usage, of.problem());
+        default:
+            throw failure(exit_failed, of.problem());
+    }
+}
 
 void add_config_commands(CLI::App &app, command_line &line) {
     CLI::App *group =
@@ -218,6 +241,8 @@ void add_config_commands(CLI::App &app, command_line &line) {
         add_command(*group, "list", "Lists the values", "kzectl config list /mgr/base_collect");
     list_command->add_option("MODULE", *module, "Only this module's");
     on_chosen(list_command, line, [&line, module] { return list(*module, line.out); });
+
+    add_module_commands(*group, line);
 }
 
 }  // namespace kze::ctl

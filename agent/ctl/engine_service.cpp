@@ -1,43 +1,11 @@
 #include "agent/ctl/engine_service.h"
 
-#include "agent/common/tree.h"
-#include "agent/ctl/ask.h"
-#include "agent/ctl/failure.h"
-#include "agent/ctl/log_files.h"
-#include "agent/ctl/output.h"
-#include "agent/ctl/processes.h"
+#include "agent/ctl/services.h"
 
 namespace kze::ctl {
-namespace {
-
-constexpr char engine_service[] = "10qd_agent";
-constexpr int look_period_ms = 20;
-
-std::string words_of(const std::string &verb, const finished_command &done) {
-    const std::string words = done.output.substr(0, done.output.find_last_not_of('\n') + 1);
-    return words.empty() ? "vrd_services " + verb + " failed" : printable(words);
-}
-
-void wait_for_engine(const deadline &until) {
-    while (!ask_if_running(engine_endpoint, {{"op", "status"}}, until.left_seconds(ask_seconds))) {
-        if (until.passed()) {
-            throw failure(exit_timed_out, "the engine is started but doesn't answer; see " +
-                                              log_path("engine") + " and " + log_path("services"));
-        }
-        until.pause_ms(look_period_ms);
-    }
-}
-
-}  // namespace
 
 void order_engine_service(const std::string &verb, const deadline &until) {
-    const finished_command done = run_command({tree_path("@/vrd_services"), verb, engine_service});
-    if (done.status != 0) {
-        throw failure(exit_failed, words_of(verb, done));
-    }
-    if (verb != "stop") {
-        wait_for_engine(until);
-    }
+    order_service(verb, *find_service(engine_service_name), until);
 }
 
 }  // namespace kze::ctl

@@ -8,11 +8,7 @@
 
 namespace kze::ctl {
 
-/*
- * Has the service tool start, stop or restart the engine. The tool returns once the program is
- * started; this waits until it answers as well. Throws failure with the tool's words, or when the
- * engine doesn't answer in time.
- */
+/* order_service for the engine. */
 void order_engine_service(const std::string &verb, const deadline &until);
 
 }  // namespace kze::ctl

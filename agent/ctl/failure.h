@@ -12,7 +12,7 @@ enum exit_status : int {
     exit_done = 0,
     exit_failed = 1,      /* tried and failed, or the agent refused */
     exit_usage = 2,       /* the command line makes no sense */
-    exit_not_running = 3, /* the host or the engine that is needed isn't running */
+    exit_not_running = 3, /* the host, the engine or a service that is needed isn't running */
     exit_timed_out = 4,
     exit_not_there = 5, /* no such key, record or log */
 };

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <utility>
 
+#include "agent/common/services.h"
 #include "agent/ctl/failure.h"
 #include "agent/ctl/processes.h"
 
@@ -19,26 +20,38 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/* Under var/log. These may be named before their files are there. */
+/* Under var/log. Besides these each service has its own. */
 struct known_log {
     const char *name;
     const char *path;
 };
 
-constexpr std::array<known_log, 9> known_logs = {{
+constexpr known_log known_logs[] = {
     {"worker", "agent/kzemdlmgr/kzemdlmgr.log"},
     {"upgrade", "agent/kzemdlmgr/upgrade/upgrade.log"},
     {"task", "agent/kzemdlmgr/task/task.log"},
     {"setdriveswitch", "agent/kzemdlmgr/setdriveswitch/setdriveswitch.log"},
     {"host", "host/host.log"},
-    {"engine", "qd_agent/qd_agent.log"},
     {"gateway", "gateway/gateway.log"},
     {"services", "vrd_services/supervisor/supervisor.log"},
     {"output", "kze_agent.out"},
-}};
+};
 
 std::string log_directory() {
     return tree_root() + "/var/log";
+}
+
+/* The logs that have a name before they have a file: by name and path. */
+std::vector<std::pair<std::string, std::string>> named_logs() {
+    std::vector<std::pair<std::string, std::string>> named;
+    for (const known_log &known : known_logs) {
+        named.emplace_back(known.name, log_directory() + "/" + known.path);
+    }
+    for (const agent_service &service : agent_services) {
+        named.emplace_back(service.log, log_directory() + "/" + service.endpoint + "/" +
+                                            service.endpoint + ".log");
+    }
+    return named;
 }
 
 bool is_rotated(const fs::path &file) {
@@ -49,9 +62,9 @@ bool is_rotated(const fs::path &file) {
 }
 
 bool is_known(const std::string &path) {
-    return std::any_of(known_logs.begin(), known_logs.end(), [&](const known_log &known) {
-        return path == log_directory() + "/" + known.path;
-    });
+    const auto named = named_logs();
+    return std::any_of(named.begin(), named.end(),
+                       [&](const auto &known) { return path == known.second; });
 }
 
 /* The logs that have no name of their own: by the file's name without ".log". */
@@ -85,8 +98,8 @@ std::string next_word(std::string &rest) {
 
 std::vector<std::string> log_names() {
     std::vector<std::string> names;
-    for (const known_log &known : known_logs) {
-        names.emplace_back(known.name);
+    for (const auto &[name, path] : named_logs()) {
+        names.push_back(name);
     }
     for (const auto &[name, path] : other_logs()) {
         names.push_back(name);
@@ -95,9 +108,9 @@ std::vector<std::string> log_names() {
 }
 
 std::string log_path(const std::string &name) {
-    for (const known_log &known : known_logs) {
-        if (name == known.name) {
-            return log_directory() + "/" + known.path;
+    for (const auto &[known, path] : named_logs()) {
+        if (name == known) {
+            return path;
         }
     }
     for (const auto &[other, path] : other_logs()) {

@@ -56,7 +56,7 @@ constexpr const char *exit_help =
     "  0  done\n"
     "  1  failed, or refused by the agent\n"
     "  2  the command line is wrong\n"
-    "  3  the host or the engine isn't running\n"
+    "  3  the host, the engine or a service isn't running\n"
     "  4  timed out\n"
     "  5  no such key, record or log\n";
 
@@ -137,6 +137,7 @@ int run(int argc, char **argv) {
     add_engine_commands(app, line);
     add_gateway_commands(app, line);
     add_pack_commands(app, line);
+    add_lkg_commands(app, line);
     add_log_commands(app, line);
     add_watch_command(app, line);
     try {

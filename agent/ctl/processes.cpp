@@ -15,8 +15,11 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <memory>
+#include <string_view>
 
+#include "agent/common/services.h"
 #include "agent/common/tree.h"
 #include "agent/ctl/failure.h"
 
@@ -24,8 +27,11 @@ namespace kze::ctl {
 namespace {
 
 /* What the agent consists of. Whatever else runs from below the tree is none of our business. */
-constexpr std::array<const char *, 3> agent_programs = {"bin/kze_agent", "bin/vrd_services",
-                                                        "qd_agent/bin/qd_agent"};
+bool is_of_agent(std::string_view program) {
+    return program == "bin/kze_agent" || program == "bin/vrd_services" ||
+           std::any_of(std::begin(agent_services), std::end(agent_services),
+                       [&](const agent_service &service) { return program == service.program; });
+}
 
 class descriptor {
   public:
@@ -156,10 +162,9 @@ std::vector<tree_process> tree_processes() {
             continue;
         }
         const std::string path = program_of(pid);
-        for (const char *program : agent_programs) {
-            if (path == prefix + program) {
-                found.push_back({pid, program});
-            }
+        if (path.compare(0, prefix.size(), prefix) == 0 &&
+            is_of_agent(path.substr(prefix.size()))) {
+            found.push_back({pid, path.substr(prefix.size())});
         }
     }
     std::sort(found.begin(), found.end(),

@@ -19,7 +19,7 @@ struct tree_process {
     std::string program; /* its path within the tree, as "bin/kze_agent" */
 };
 
-/* The processes of the host, the engine and its service tool in this tree, in the order of pids. */
+/* The processes of the host, the services and their tool in this tree, in the order of pids. */
 std::vector<tree_process> tree_processes();
 
 /* Those that run this program of the tree. */

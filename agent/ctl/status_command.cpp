@@ -1,9 +1,12 @@
 /* kzectl status: the whole agent in one table. */
 
 #include <CLI/CLI.hpp>
+#include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
+#include "agent/common/services.h"
 #include "agent/common/tree.h"
 #include "agent/ctl/ask.h"
 #include "agent/ctl/command_line.h"
@@ -126,6 +129,30 @@ void add_engine(table &rows, const program_state &engine) {
                versions_text(status)}});
 }
 
+/* The services but the engine, which has a row of its own. */
+std::vector<const agent_service *> other_services() {
+    std::vector<const agent_service *> others;
+    for (const agent_service &service : agent_services) {
+        if (&service != find_service(engine_service_name)) {
+            others.push_back(&service);
+        }
+    }
+    return others;
+}
+
+void add_service(table &rows, const agent_service &service, const program_state &state) {
+    if (!state.answer) {
+        rows.add({{service.title, look::strong}, {state.problem, look::bad}});
+        return;
+    }
+    const std::string summary = state.answer->value("summary", std::string());
+    rows.add({{service.title, look::strong},
+              {"running", look::good},
+              {"process " + std::to_string(state.answer->value("pid", 0)) + ", for " +
+               human_duration(state.answer->value("uptime_s", 0)) +
+               (summary.empty() ? "" : ", " + printable(summary))}});
+}
+
 json state_json(const program_state &state) {
     json value = state.answer ? *state.answer : json({{"error", state.problem}});
     value.erase("ok");
@@ -136,14 +163,23 @@ json state_json(const program_state &state) {
 exit_status show_status(const output &out) {
     const program_state host = look_at(host_endpoint);
     const program_state engine = look_at(engine_endpoint);
+    std::map<std::string, program_state> services;
+    for (const agent_service *service : other_services()) {
+        services[service->endpoint] = look_at(service->endpoint);
+    }
     const gateway_state gateway = look_at_gateway();
     const exit_status status = host.status != exit_done ? host.status : engine.status;
     if (out.json()) {
+        json service_states = json::object();
+        for (const auto &[endpoint, state] : services) {
+            service_states[endpoint] = state_json(state);
+        }
         out.json_line({{"ok", status == exit_done},
                        {"tree", tree_root()},
                        {"version", KZE_VERSION},
                        {"host", state_json(host)},
                        {"engine", state_json(engine)},
+                       {"services", service_states},
                        {"gateway", gateway.counts}});
         return status;
     }
@@ -151,6 +187,9 @@ exit_status show_status(const output &out) {
     rows.add({{"Agent", look::strong}, {KZE_VERSION}, {tree_root()}});
     add_host(rows, host);
     add_engine(rows, engine);
+    for (const agent_service *service : other_services()) {
+        add_service(rows, *service, services[service->endpoint]);
+    }
     rows.add(
         {{"Gateway", look::strong},
          {gateway.problem.empty() ? "written" : "-", has_losses(gateway) ? look::bad : look::good},
@@ -167,7 +206,8 @@ exit_status show_status(const output &out) {
 
 void add_status_command(CLI::App &app, command_line &line) {
     CLI::App *command = add_command(
-        app, "status", "Shows host, plug-ins, engine, capabilities and gateway", "kzectl status",
+        app, "status", "Shows host, plug-ins, engine, services, gateway and capabilities",
+        "kzectl status",
         "The exit status is 3 when the host or the engine isn't running, 4 when it runs but "
         "doesn't "
         "answer; the host's counts first.");

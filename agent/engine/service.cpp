@@ -17,10 +17,6 @@
 namespace kze::engine {
 namespace {
 
-constexpr service services[] = {
-    {"10qd_agent", "@/../qd_agent/bin/qd_agent", "qd_agent"},
-};
-
 owned_descriptor open_run_file(const std::string &name) {
     const std::string directory = tree_path("@/../run");
     if (directory.empty() || kze_dirutils_mkdir(directory.c_str(), 0700) != 0) {
@@ -39,18 +35,9 @@ struct flock whole_file_write_lock() {
 
 }  // namespace
 
-const service *find_service(std::string_view name) {
-    for (const service &known : services) {
-        if (name == known.name) {
-            return &known;
-        }
-    }
-    return nullptr;
-}
-
 std::string service_names() {
     std::string names;
-    for (const service &known : services) {
+    for (const service &known : agent_services) {
         names += names.empty() ? known.name : std::string(" ") + known.name;
     }
     return names;

@@ -5,22 +5,14 @@
 #include <sys/types.h>
 
 #include <string>
-#include <string_view>
-#include <vector>
 
+#include "agent/common/services.h"
 #include "agent/engine/owned_descriptor.h"
 
 namespace kze::engine {
 
-/* A service of the agent. Immutable. */
-struct service {
-    const char *name;
-    const char *program;  /* begins with "@" */
-    const char *endpoint; /* where its control requests are answered */
-};
+using service = agent_service;
 
-/* The service of that name, or null. */
-const service *find_service(std::string_view name);
 /* All services' names with blanks between them. */
 std::string service_names();
 

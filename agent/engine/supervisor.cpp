@@ -86,7 +86,7 @@ int wait_for_signal(const sigset_t &signals, clock::time_point deadline) {
 class program_keeper {
   public:
     program_keeper(const service &of, const sigset_t &signals)
-        : name_(of.name), path_(tree_path(of.program)), signals_(signals) {}
+        : name_(of.name), path_(tree_path(std::string("@/../") + of.program)), signals_(signals) {}
 
     bool start(std::string &error) {
         program_ = start_program(path_, error);

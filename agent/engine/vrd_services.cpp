@@ -81,7 +81,7 @@ int run(int count, char **arguments) {
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? 0 : exit_usage;
     }
-    const service *of = kze::engine::find_service(name);
+    const service *of = kze::find_service(name);
     if (of == nullptr) {
         std::fprintf(stderr, "vrd_services: no service \"%s\"; there are: %s\n", name.c_str(),
                      kze::engine::service_names().c_str());

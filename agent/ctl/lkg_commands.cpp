@@ -1,0 +1,296 @@
+/* kzectl lkg: the linkage replies that the linkage service keeps. */
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <limits>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "agent/common/tree.h"
+#include "agent/ctl/command_line.h"
+#include "agent/ctl/deadline.h"
+#include "agent/services/reply_reader.h"
+#include "agent/services/reply_store.h"
+
+namespace kze::ctl {
+namespace {
+
+using nlohmann::json;
+using services::linkage_reply;
+using services::reply_reader;
+
+constexpr int look_period_ms = 100;
+constexpr unsigned int batch = 256;
+
+reply_reader open_replies() {
+    return reply_reader(tree_path(services::replies_path));
+}
+
+template <typename found>
+found need(std::optional<found> result, const reply_reader &replies) {
+    if (!result) {
+        throw failure(exit_failed, replies.problem());
+    }
+    return std::move(*result);
+}
+
+json reply_json(const linkage_reply &reply) {
+    return {{"id", reply.id},
+            {"received_us", reply.received_us},
+            {"failed", reply.size == 0},
+            {"size", reply.size},
+            {"beginning", printable(reply.data)}};
+}
+
+std::vector<table::cell> reply_row(const linkage_reply &reply) {
+    const bool failed = reply.size == 0;
+    const bool cut = static_cast<std::size_t>(reply.size) > reply.data.size();
+    return {{std::to_string(reply.id)},
+            {human_time(reply.received_us), look::faint},
+            {failed ? "failed" : "result", failed ? look::bad : look::good},
+            {human_size(static_cast<std::uint64_t>(reply.size))},
+            {printable(reply.data) + (cut ? " ..." : "")}};
+}
+
+/* ---- list, show ---- */
+
+struct list_options {
+    std::int64_t after = -1;
+    unsigned int limit = std::numeric_limits<unsigned int>::max();
+};
+
+exit_status list(const list_options &options, const output &out) {
+    reply_reader replies = open_replies();
+    const auto found = need(options.after < 0 ? replies.newest(options.limit)
+                                              : replies.list(options.after, options.limit),
+                            replies);
+    if (out.json()) {
+        json all = json::array();
+        for (const linkage_reply &reply : found) {
+            all.push_back(reply_json(reply));
+        }
+        out.done("", {{"replies", all}});
+        return exit_done;
+    }
+    table rows;
+    rows.add({{"ID", look::strong},
+              {"TIME", look::strong},
+              {"REPLY", look::strong},
+              {"SIZE", look::strong},
+              {"CONTENT", look::strong}});
+    for (const linkage_reply &reply : found) {
+        rows.add(reply_row(reply));
+    }
+    rows.print(out);
+    return exit_done;
+}
+
+exit_status show(std::int64_t id, bool raw, const output &out) {
+    reply_reader replies = open_replies();
+    const auto found = need(replies.show(id), replies);
+    if (found.empty()) {
+        throw failure(exit_not_there, "there is no linkage reply " + std::to_string(id));
+    }
+    const linkage_reply &reply = found.front();
+    if (raw) {
+        std::fwrite(reply.data.data(), 1, reply.data.size(), stdout);
+        if (std::fflush(stdout) != 0) {
+            throw failure(exit_failed, "can't write the reply's bytes");
+        }
+        return exit_done;
+    }
+    if (out.json()) {
+        json value = reply_json(reply);
+        value.erase("beginning");
+        value["text"] = is_utf8(reply.data);
+        value["content"] = is_utf8(reply.data) ? reply.data : printable(reply.data);
+        out.done("", value);
+        return exit_done;
+    }
+    table rows;
+    rows.add({{"Reply", look::strong}, {std::to_string(reply.id)}});
+    rows.add({{"Time", look::strong}, {human_time(reply.received_us)}});
+    rows.add({{"Size", look::strong}, {human_size(static_cast<std::uint64_t>(reply.size))}});
+    rows.add({{"Content", look::strong},
+              {reply.size == 0 ? "none: the analysis failed" : printable(reply.data),
+               reply.size == 0 ? look::bad : look::plain}});
+    rows.print(out);
+    return exit_done;
+}
+
+/* ---- tail ---- */
+
+struct tail_options {
+    unsigned int lines = 10;
+    bool follow = false;
+};
+
+void print_row(const linkage_reply &reply, const output &out) {
+    if (out.json()) {
+        out.json_line(reply_json(reply));
+        return;
+    }
+    const auto row = reply_row(reply);
+    std::string text;
+    for (std::size_t i = 0; i < row.size(); ++i) {
+        text += (i == 0 ? "" : "  ") + out.paint(row[i].with, row[i].text);
+    }
+    out.line(text);
+}
+
+/* What is behind `after`, which it moves; from the beginning where the file was begun anew. */
+std::vector<linkage_reply> new_replies(reply_reader &replies, std::int64_t &after) {
+    if (need(replies.newest_id(), replies) < after) {
+        after = 0;
+    }
+    auto found = need(replies.list(after, batch), replies);
+    if (!found.empty()) {
+        after = found.back().id;
+    }
+    return found;
+}
+
+exit_status tail(const tail_options &options, const output &out) {
+    reply_reader replies = open_replies();
+    std::int64_t after = need(replies.newest_id(), replies);
+    for (const linkage_reply &reply : need(replies.newest(options.lines), replies)) {
+        print_row(reply, out);
+        after = std::max(after, reply.id);
+    }
+    while (options.follow) {
+        const auto found = new_replies(replies, after);
+        for (const linkage_reply &reply : found) {
+            print_row(reply, out);
+        }
+        if (found.size() < batch) {
+            deadline(1).pause_ms(look_period_ms);
+        }
+    }
+    return exit_done;
+}
+
+/* ---- wait, mark ---- */
+
+struct wait_options {
+    std::int64_t after = 0;
+    std::string contains;
+    bool failed = false;
+    bool result = false;
+    double timeout = 30;
+};
+
+bool is_wanted(const wait_options &options, reply_reader &replies, const linkage_reply &reply) {
+    if ((options.failed && reply.size != 0) || (options.result && reply.size == 0)) {
+        return false;
+    }
+    if (options.contains.empty()) {
+        return true;
+    }
+    const auto whole = need(replies.show(reply.id), replies);
+    return !whole.empty() && whole.front().data.find(options.contains) != std::string::npos;
+}
+
+exit_status wait(const wait_options &options, const output &out) {
+    reply_reader replies = open_replies();
+    const deadline until(options.timeout);
+    std::int64_t after = options.after;
+    for (;;) {
+        const auto found = need(replies.list(after, batch), replies);
+        for (const linkage_reply &reply : found) {
+            after = reply.id;
+            if (is_wanted(options, replies, reply)) {
+                out.done(std::to_string(reply.id), reply_json(reply));
+                return exit_done;
+            }
+        }
+        if (!found.empty()) {
+            continue;
+        }
+        if (until.passed()) {
+            throw failure(exit_timed_out, "no such linkage reply came in time");
+        }
+        until.pause_ms(look_period_ms);
+    }
+}
+
+exit_status mark(const output &out) {
+    reply_reader replies = open_replies();
+    const std::int64_t id = need(replies.newest_id(), replies);
+    out.done(std::to_string(id), {{"id", id}});
+    return exit_done;
+}
+
+/* ---- the command line ---- */
+
+void add_list(CLI::App &to, command_line &line) {
+    auto options = std::make_shared<list_options>();
+    CLI::App *command =
+        add_command(to, "list", "Lists the replies, oldest first", "kzectl lkg list --limit 5");
+    command->add_option("--after", options->after, "Only replies with a number above this")
+        ->check(CLI::Range(std::int64_t{0}, INT64_MAX).description(""));
+    command
+        ->add_option("--limit", options->limit,
+                     "At most so many: the newest, or with --after the oldest")
+        ->check(CLI::Range(1U, UINT32_MAX).description(""));
+    on_chosen(command, line, [&line, options] { return list(*options, line.out); });
+}
+
+void add_show(CLI::App &to, command_line &line) {
+    auto id = std::make_shared<std::int64_t>(0);
+    auto raw = std::make_shared<bool>(false);
+    CLI::App *command = add_command(to, "show", "Shows a reply", "kzectl lkg show 3 --raw");
+    command->add_option("ID", *id, "The reply's number")->required();
+    command->add_flag("--raw", *raw, "Nothing but the reply's bytes, as they came");
+    on_chosen(command, line, [&line, id, raw] { return show(*id, *raw, line.out); });
+}
+
+void add_tail(CLI::App &to, command_line &line) {
+    auto options = std::make_shared<tail_options>();
+    CLI::App *command =
+        add_command(to, "tail", "Shows the newest replies, one a line", "kzectl lkg tail -f");
+    command->add_option("-n,--lines", options->lines, "How many")->capture_default_str();
+    command->add_flag("-f,--follow", options->follow, "Go on with what comes, until Ctrl-C");
+    on_chosen(command, line, [&line, options] { return tail(*options, line.out); });
+}
+
+void add_wait(CLI::App &to, command_line &line) {
+    auto options = std::make_shared<wait_options>();
+    CLI::App *command = add_command(to, "wait", "Waits for a reply and prints its number",
+                                    "last=$(kzectl lkg mark) && kzectl request lkganal TEXT && "
+                                    "kzectl lkg wait --after $last --timeout 10");
+    command
+        ->add_option("--after", options->after,
+                     "Only replies with a number above this; 0 takes one that is already there")
+        ->capture_default_str()
+        ->check(CLI::Range(std::int64_t{0}, INT64_MAX).description(""));
+    command->add_option("--contains", options->contains, "Only a reply that holds this text")
+        ->type_name("STRING");
+    CLI::Option *failed = command->add_flag("--failed", options->failed,
+                                            "Only an empty reply, which tells a failure");
+    command->add_flag("--result", options->result, "Only a reply with a result")->excludes(failed);
+    add_seconds(command, "--timeout", options->timeout, "How long to wait");
+    on_chosen(command, line, [&line, options] { return wait(*options, line.out); });
+}
+
+}  // namespace
+
+void add_lkg_commands(CLI::App &app, command_line &line) {
+    CLI::App *group = add_command(app, "lkg",
+                                  "Shows the linkage replies that the linkage service "
+                                  "keeps",
+                                  "kzectl lkg tail -f");
+    group->require_subcommand(1);
+    add_list(*group, line);
+    add_show(*group, line);
+    add_tail(*group, line);
+    add_wait(*group, line);
+    CLI::App *mark_command =
+        add_command(*group, "mark", "Prints the newest reply's number, for \"wait --after\"",
+                    "kzectl lkg mark");
+    on_chosen(mark_command, line, [&line] { return mark(line.out); });
+}
+
+}  // namespace kze::ctl

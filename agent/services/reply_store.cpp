@@ -1,0 +1,181 @@
+#include "agent/services/reply_store.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <utility>
+
+#include "kzautil.h"
+#include "vrdbase.h"
+
+namespace kze::services {
+namespace {
+
+constexpr int busy_ms = 1000;
+
+constexpr char schema[] =
+    "BEGIN IMMEDIATE;"
+    "CREATE TABLE replies("
+    " id INTEGER PRIMARY KEY AUTOINCREMENT,"
+    " received_us INTEGER NOT NULL,"
+    " size INTEGER NOT NULL,"
+    " data BLOB NOT NULL);"
+    "PRAGMA user_version = 1;"
+    "COMMIT;";
+static_assert(replies_version == 1, "the schema above writes the version");
+
+std::int64_t now_us() {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+}
+
+}  // namespace
+
+reply_store::reply_store(std::string path, const reply_bounds &bounds)
+    : path_(std::move(path)), bounds_(bounds), db_(nullptr, &sqlite3_close_v2) {}
+
+bool reply_store::add(std::string_view data) {
+    return ensure_open() && run("BEGIN IMMEDIATE") && insert(data) && drop_oldest() &&
+           run("COMMIT");
+}
+
+bool reply_store::ensure_open() {
+    if (db_ != nullptr && is_in_place()) {
+        return true;
+    }
+    db_.reset();
+    return open_file() && set_up();
+}
+
+/* Whoever moves the file away expects a new one, not replies in one without a name. */
+bool reply_store::is_in_place() {
+    int moved = 0;
+    return sqlite3_file_control(db_.get(), "main", SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK &&
+           moved == 0;
+}
+
+bool reply_store::open_file() {
+    kze_dirutils_mkdir(path_.substr(0, path_.rfind('/')).c_str(), 0700);
+    /* SQLite's own files take the permissions of the first one: what is in it is nobody else's. */
+    const int file = ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600);
+    if (file < 0) {
+        problem_ = path_ + ": " + std::strerror(errno);
+        return false;
+    }
+    ::close(file);
+    sqlite3 *opened = nullptr;
+    const int code = sqlite3_open_v2(path_.c_str(), &opened,
+                                     SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+    db_.reset(opened);
+    if (code != SQLITE_OK) {
+        return fail();
+    }
+    sqlite3_busy_timeout(db_.get(), busy_ms);
+    return true;
+}
+
+bool reply_store::set_up() {
+    return run("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;"
+               "PRAGMA journal_size_limit = 67108864;") &&
+           set_up_schema();
+}
+
+bool reply_store::set_up_schema() {
+    std::int64_t version = 0;
+    std::int64_t tables = 0;
+    if (!read_number("PRAGMA user_version", version) ||
+        !read_number("SELECT count(*) FROM sqlite_master", tables)) {
+        return false;
+    }
+    if (version == 0 && tables == 0) {
+        return run(schema);
+    }
+    if (version != replies_version) {
+        put_aside("it holds no linkage replies of version 1");
+        return false;
+    }
+    return true;
+}
+
+bool reply_store::insert(std::string_view data) {
+    const statement row =
+        prepare("INSERT INTO replies(received_us, size, data) VALUES(?1, ?2, ?3)");
+    if (row == nullptr) {
+        return false;
+    }
+    sqlite3_bind_int64(row.get(), 1, now_us());
+    sqlite3_bind_int64(row.get(), 2, static_cast<std::int64_t>(data.size()));
+    /* A null pointer would be bound as NULL. */
+    sqlite3_bind_blob64(row.get(), 3, data.empty() ? "" : data.data(), data.size(), SQLITE_STATIC);
+    return sqlite3_step(row.get()) == SQLITE_DONE || fail();
+}
+
+/* All that is older than the newest replies which are within the bounds; never the newest one. */
+bool reply_store::drop_oldest() {
+    const statement rows = prepare(
+        "DELETE FROM replies WHERE id < (SELECT max(id) FROM replies) AND id NOT IN"
+        " (SELECT id FROM (SELECT id, sum(size) OVER (ORDER BY id DESC) AS bytes,"
+        "  row_number() OVER (ORDER BY id DESC) AS place FROM replies)"
+        "  WHERE place <= ?1 AND bytes <= ?2)");
+    if (rows == nullptr) {
+        return false;
+    }
+    sqlite3_bind_int64(rows.get(), 1, bounds_.replies);
+    sqlite3_bind_int64(rows.get(), 2, bounds_.bytes);
+    return sqlite3_step(rows.get()) == SQLITE_DONE || fail();
+}
+
+bool reply_store::run(const char *sql) {
+    return sqlite3_exec(db_.get(), sql, nullptr, nullptr, nullptr) == SQLITE_OK || fail();
+}
+
+reply_store::statement reply_store::prepare(const char *sql) {
+    sqlite3_stmt *prepared = nullptr;
+    if (sqlite3_prepare_v2(db_.get(), sql, -1, &prepared, nullptr) != SQLITE_OK) {
+        fail();
+    }
+    return statement(prepared, &sqlite3_finalize);
+}
+
+bool reply_store::read_number(const char *sql, std::int64_t &out) {
+    statement query = prepare(sql);
+    if (query == nullptr) {
+        return false;
+    }
+    if (sqlite3_step(query.get()) != SQLITE_ROW) {
+        query.reset();
+        return fail();
+    }
+    out = sqlite3_column_int64(query.get(), 0);
+    return true;
+}
+
+/* Notes why, closes the file, which takes back the transaction, and puts a damaged file aside.
+ * Always false. */
+bool reply_store::fail() {
+    const int code = sqlite3_errcode(db_.get());
+    problem_ = path_ + ": " + sqlite3_errmsg(db_.get());
+    db_.reset();
+    if (code == SQLITE_CORRUPT || code == SQLITE_NOTADB) {
+        put_aside(problem_);
+    }
+    return false;
+}
+
+void reply_store::put_aside(const std::string &reason) {
+    problem_ = reason;
+    db_.reset();
+    const std::string aside = path_ + ".unusable";
+    kze_log(1, "%s can't be used: %s; it is now %s, and a new one is begun", path_.c_str(),
+            reason.c_str(), aside.c_str());
+    /* Its unfinished part goes with it: together they may still be read. */
+    kze_path_del_file_u((aside + "-wal").c_str());
+    kze_file_rename((path_ + "-wal").c_str(), (aside + "-wal").c_str());
+    kze_path_del_file_u((path_ + "-shm").c_str());
+    kze_file_rename(path_.c_str(), aside.c_str());
+}
+
+}  // namespace kze::services
