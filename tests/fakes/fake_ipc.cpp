@@ -120,6 +120,30 @@ std::vector<std::string> open_addrs() {
     return names_of_open(s_addrs);
 }
 
+std::vector<std::string> take_left_ipc_handles() {
+    const std::lock_guard<std::mutex> lock(s_mutex);
+    std::vector<std::string> result;
+    const vrd_ipc_st *lasting = nullptr;
+    for (vrd_ipc_st &each : s_ipcs) {
+        if (each.open && each.name == "req_tmp" && lasting == nullptr) {
+            lasting = &each;
+        } else if (each.open) {
+            result.push_back(each.name);
+            each.open = false;
+        }
+    }
+    bool has_lasting_addr = lasting == nullptr;
+    for (vrd_addr_st &each : s_addrs) {
+        if (each.open && each.name == "agt_cfgc" && !has_lasting_addr) {
+            has_lasting_addr = true;
+        } else if (each.open) {
+            result.push_back("address " + each.name);
+            each.open = false;
+        }
+    }
+    return result;
+}
+
 vrd_ipc_st *ipc_by_name(const std::string &name) {
     const std::lock_guard<std::mutex> lock(s_mutex);
     return newest_of_name(s_ipcs, name);

@@ -24,8 +24,8 @@ struct ipc_send {
     pthread_t thread;
 };
 
-// Of vrd_ipc_send and vrd_ipc_response, in order.
 std::vector<ipc_send> ipc_sends();
+
 struct ipc_response {
     vrd_ipc_st *ipc;
     const vrd_addr_st *addr;
@@ -77,7 +77,12 @@ void ipc_msg_recv_returns(int result);
 void ipc_make_request_returns(int result);
 void ipc_response_returns(int result);
 
-// Forgets handles of the process's life too: those that the plug-in keeps by design.
+// The names of the endpoints and addresses that are open, without the pair that the plug-in keeps
+// for the process's life, "req_tmp" and one address of "agt_cfgc". They count as closed from now
+// on.
+std::vector<std::string> take_left_ipc_handles();
+
+// Leaves the handles as they are: a test may begin with the lasting pair of an earlier one.
 void reset_ipc();
 
 }  // namespace fakes

@@ -28,9 +28,6 @@ void on_autolog_init(std::function<void()> hook);
 // What vrd_get_hostid gives; 4711 to begin with.
 void set_hostid(unsigned int number);
 
-// What vrd_get_hostid gives; 4711 to begin with.
-void set_hostid(unsigned int number);
-
 void reset_log();
 
 // Matches a record of the log, for log_lines().

@@ -25,6 +25,7 @@ enum class what {
     loop,           // "nowait 1"
     library,        // "open libqdccl.so", "close libqdccl.so"
     ipc,            // a call of the IPC layer
+    thread,         // a call on a thread, a mutex or a condition of the agent: "start", "lock"
 };
 
 struct record {

@@ -1,5 +1,6 @@
 #include "tests/fakes/plugin_test.h"
 
+#include <gmock/gmock.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
@@ -15,6 +16,7 @@
 #include "tests/fakes/fake_log.h"
 #include "tests/fakes/faults.h"
 #include "tests/fakes/inspectors.h"
+#include "tests/fakes/thread_watch.h"
 #include "tests/fakes/virtual_time.h"
 
 void reset_fakes() {
@@ -27,6 +29,7 @@ void reset_fakes() {
     fakes::reset_libraries();
     fakes::reset_ipc();
     fakes::reset_faults();
+    fakes::reset_thread_watch();
     fakes::reset_log();
     fakes::clear_journal();
 }
@@ -52,6 +55,9 @@ void plugin_test::TearDown() {
     }
     EXPECT_EQ(fakes::open_timers().size(), 0U) << "timers are left open";
     EXPECT_EQ(fakes::unjoined_threads(), 0U) << "threads are left";
+    EXPECT_EQ(fakes::unjoined_kze_threads(), 0U) << "task threads are left";
+    EXPECT_THAT(fakes::take_left_ipc_handles(), testing::IsEmpty())
+        << "endpoints or addresses are left open";
     EXPECT_EQ(fakes::outstanding_engine_buffers(), 0U) << "engine buffers were not given back";
     EXPECT_EQ(fakes::open_handles(), 0U) << "libraries are left open";
     EXPECT_EQ(fakes::config_open().values, 0U) << "configuration values were not freed";

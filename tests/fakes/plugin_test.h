@@ -15,8 +15,8 @@ void reset_fakes();
 class plugin_test : public testing::Test {
   protected:
     void SetUp() override;
-    // Fails the test when it left a timer, a thread, a library, a value or a client of central
-    // configuration open, or has not given back an engine buffer.
+    // Fails the test when it left a timer, a thread, an endpoint, an address, a library, a value or
+    // a client of central configuration open, or has not given back an engine buffer.
     void TearDown() override;
 
     // The agent's tree of this test, with empty folders bin, lib and config; "@" is its bin.

@@ -46,6 +46,7 @@ struct time_state {
     std::set<unsigned int> own_loops;            // threads that called cl_ev_loop_nowait
     std::vector<unsigned int> isolated_threads;  // alive, oldest first
     bool run_inline = false;
+    bool idle_relays = false;
     int create_code = 0;
     std::vector<pthread_t> unjoined;
     int join_code = 0;
@@ -233,6 +234,11 @@ void isolated_threads_fail(int code) {
     s_state.create_code = code;
 }
 
+void relay_threads_are_idle(bool idle) {
+    const std::lock_guard<std::mutex> lock(s_mutex);
+    s_state.idle_relays = idle;
+}
+
 unsigned int unjoined_threads() {
     const std::lock_guard<std::mutex> lock(s_mutex);
     return static_cast<unsigned int>(s_state.unjoined.size());
@@ -298,20 +304,24 @@ int __wrap_pthread_join(pthread_t thread, void **result) {
 int cl_ev_create_isolated_thread(pthread_t *id_out, const pthread_attr_t *attributes,
                                  void *(*routine)(void *), void *argument) {
     bool run_inline = false;
+    bool idle = false;
     {
         const std::lock_guard<std::mutex> lock(s_mutex);
         if (s_state.create_code != 0) {
             return s_state.create_code;
         }
         run_inline = s_state.run_inline;
+        idle = s_state.idle_relays && argument != nullptr;
     }
     EXPECT_EQ(attributes, nullptr);
     pthread_t id = 0;
     int code = 0;
-    if (run_inline) {
+    if (run_inline || idle) {
         code = pthread_create(&id, nullptr, do_nothing, nullptr);  // something to join
         *id_out = id;
-        routine(argument);
+        if (!idle) {
+            routine(argument);
+        }
     } else {
         auto start = new thread_start{routine, argument, {}};
         const std::lock_guard<std::mutex> hold(start->held);

@@ -52,6 +52,9 @@ void fail_timer_start(unsigned int nth);
 void isolated_threads_are_real();
 void isolated_threads_run_inline();
 void isolated_threads_fail(int code);
+// The threads that get an argument, which those of upgrade relays do, are there to be joined and
+// run nothing, for the tests that are not about the relay; false: they run.
+void relay_threads_are_idle(bool idle = true);
 // The threads that were created and not joined yet.
 unsigned int unjoined_threads();
 

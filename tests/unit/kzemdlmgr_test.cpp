@@ -10,12 +10,14 @@
 
 #include "tests/fakes/fake_central_config.h"
 #include "tests/fakes/fake_engine.h"
+#include "tests/fakes/fake_ipc.h"
 #include "tests/fakes/fake_libraries.h"
 #include "tests/fakes/fake_log.h"
 #include "tests/fakes/faults.h"
 #include "tests/fakes/inspectors.h"
 #include "tests/fakes/latch.h"
 #include "tests/fakes/plugin_test.h"
+#include "tests/fakes/thread_watch.h"
 #include "tests/fakes/virtual_time.h"
 
 using fakes::at;
@@ -36,6 +38,7 @@ class kzemdlmgr_test : public plugin_test {
     void SetUp() override {
         plugin_test::SetUp();
         fakes::config_set("/mgr/base_collect", "/adv_threats", "true");
+        fakes::relay_threads_are_idle();
     }
 
     void TearDown() override {
@@ -93,7 +96,8 @@ TEST_F(kzemdlmgr_test, init_loads_the_libraries_and_starts_the_worker) {
         ElementsAre(at(3, "begin to init plugin kzemdlmgr"), at(3, "load lib qdccl success"),
                     at(3, "load lib kzethtgw success"), at(3, "kzemm_loader init success"),
                     at(3, "init plugin kzemdlmgr success")));
-    EXPECT_EQ(fakes::unjoined_threads(), 1U);
+    EXPECT_EQ(fakes::unjoined_threads(), 2U);  // the worker and its relay
+    EXPECT_EQ(fakes::unjoined_kze_threads(), 1U);
     EXPECT_EQ(fakes::open_handles(engine_library), 1U);
     EXPECT_EQ(fakes::open_handles(gateway_library), 1U);
     EXPECT_EQ(kzemdlmgr_uninit(), 0);
@@ -107,7 +111,7 @@ TEST_F(kzemdlmgr_test, init_twice_warns_and_starts_nothing) {
     lines.erase(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(lines_before));
     EXPECT_THAT(lines, ElementsAre(at(3, "begin to init plugin kzemdlmgr"),
                                    at(2, "plugin kzemdlmgr is already running")));
-    EXPECT_EQ(fakes::unjoined_threads(), 1U);
+    EXPECT_EQ(fakes::unjoined_threads(), 2U);
     EXPECT_EQ(fakes::times_opened(engine_library), 1U);
     EXPECT_EQ(kzemdlmgr_uninit(), 0);
 }
@@ -187,7 +191,9 @@ TEST_F(kzemdlmgr_test, the_worker_directs_its_log_before_anything_else) {
     EXPECT_EQ(of_worker[0].kind, fakes::what::log_directory);
     EXPECT_EQ(of_worker[0].text, in_tree("bin/../var/log/agent/kzemdlmgr"));
     EXPECT_EQ(of_worker[0].level, 5);
-    EXPECT_EQ(fakes::count(fakes::what::log_directory), 1U);
+    EXPECT_THAT(fakes::texts({fakes::what::log_directory}),
+                ElementsAre(in_tree("bin/../var/log/agent/kzemdlmgr"),
+                            in_tree("bin/../var/log/agent/kzemdlmgr/task")));
 }
 
 TEST_F(kzemdlmgr_test, the_worker_starts_runs_cleans_and_says_so) {
@@ -230,15 +236,16 @@ TEST_F(kzemdlmgr_test, a_worker_that_cannot_start_cleans_up_and_ends) {
     EXPECT_EQ(kzemdlmgr_init(), 0);
     std::vector<fakes::record> lines = log_lines();
     lines.erase(lines.begin(), lines.begin() + 4);
-    EXPECT_THAT(lines, ElementsAre(at(3, "init kzemm_config"), at(3, "init cfgc"),
-                                   at(1, "failed to initialize cfgc"), at(1, "init cfgc failed"),
-                                   at(1, "kzemm_config init failed"), at(1, "init cfgc failed"),
-                                   at(1, "start kzemm_work failed"), at(3, "stop cfg timer"),
-                                   at(3, "stop switch timer"), at(3, "stop qd timer"),
-                                   at(3, "x_client status 2"), at(3, "uninit kzemm_config"),
-                                   at(3, "uninit cfgc succeed"), at(3, "uninit kzemm_config"),
-                                   at(3, "clean succeed"), at(3, "kzemm_work stopped"),
-                                   at(3, "init plugin kzemdlmgr success")));
+    EXPECT_THAT(
+        lines,
+        ElementsAre(
+            at(3, "init kzemm_config"), at(3, "init cfgc"), at(1, "failed to initialize cfgc"),
+            at(1, "init cfgc failed"), at(1, "kzemm_config init failed"), at(1, "init cfgc failed"),
+            at(1, "start kzemm_work failed"), at(3, "stop cfg timer"), at(3, "stop switch timer"),
+            at(3, "stop qd timer"), at(3, "uinit CUpgradeRelay"), at(3, "uninit ipc"),
+            at(3, "uninit kzemm_task"), at(3, "x_client status 2"), at(3, "uninit kzemm_config"),
+            at(3, "uninit cfgc succeed"), at(3, "uninit kzemm_config"), at(3, "clean succeed"),
+            at(3, "kzemm_work stopped"), at(3, "init plugin kzemdlmgr success")));
     EXPECT_EQ(kzemdlmgr_uninit(), 0);
 }
 
@@ -316,6 +323,26 @@ TEST_F(kzemdlmgr_test, uninit_stops_the_worker_joins_it_and_closes_the_libraries
     EXPECT_EQ(fakes::open_handles(), 0U);
 }
 
+TEST_F(kzemdlmgr_test, uninit_ends_the_threads_of_the_task_queue_and_of_the_relay) {
+    fakes::relay_threads_are_idle(false);
+    start_plugin();
+    ASSERT_TRUE(await_log(3, "task thread start running"));
+    ASSERT_TRUE(await_log(3, "upgrade thread loop start"));
+    EXPECT_EQ(kzemdlmgr_uninit(), 0);
+    EXPECT_THAT(log_lines(), Contains(at(3, "task thread end running")).Times(1));
+    EXPECT_THAT(log_lines(), Contains(at(3, "upgrade thread loop stop")).Times(1));
+    EXPECT_EQ(fakes::unjoined_threads(), 0U);
+    EXPECT_EQ(fakes::unjoined_kze_threads(), 0U);
+}
+
+TEST_F(kzemdlmgr_test, a_plugin_that_ended_has_no_endpoint_and_no_address) {
+    start_plugin();
+    EXPECT_THAT(fakes::open_ipcs(), Contains("agt_rpt"));
+    EXPECT_EQ(kzemdlmgr_uninit(), 0);
+    EXPECT_THAT(fakes::open_ipcs(), IsEmpty());
+    EXPECT_THAT(fakes::open_addrs(), IsEmpty());
+}
+
 TEST_F(kzemdlmgr_test, the_libraries_are_closed_after_the_workers_last_line) {
     start_plugin();
     EXPECT_EQ(kzemdlmgr_uninit(), 0);
@@ -389,7 +416,10 @@ TEST_F(kzemdlmgr_test, a_stop_before_the_end_of_start_is_lost_and_uninit_waits_o
         in_start.open();
         EXPECT_TRUE(go_on.wait());
     });
-    fakes::on_pthread_join([&] {
+    fakes::on_pthread_join([&, host = pthread_self()] {
+        if (pthread_equal(pthread_self(), host) == 0) {
+            return;  // the worker's, of its relay
+        }
         EXPECT_THAT(log_lines(), Contains(at(3, "kzemm_work stopped succeed")));
         EXPECT_THAT(log_lines(), Not(Contains(at(3, "x_client start success"))));
         go_on.open();

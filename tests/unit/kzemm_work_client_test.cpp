@@ -87,8 +87,10 @@ class kzemm_work_client_test : public worker_test {
         return result;
     }
 
-    // Puts the worker where the engine's going away leaves it, with the watch armed.
+    // Puts the worker where the engine's going away leaves it, with its endpoint and the watch
+    // armed.
     void go_offline_with_watch() {
+        ASSERT_EQ(work.init_ipc(), 0);
         ASSERT_EQ(work.qd_client_start(), 0);
         ASSERT_EQ(work.start_qd_timer(), 0);
         fakes::engine_goes_offline();
@@ -468,7 +470,6 @@ TEST_F(kzemm_work_client_test, an_offline_client_is_brought_back_at_the_next_tic
     EXPECT_EQ(attempts(), 1U);
     EXPECT_EQ(fields::x_client_status(work), X_CLIENT_ONLINE);
     EXPECT_NE(fields::qd_timer(work), nullptr);
-    work.stop_qd_timer();
 }
 
 TEST_F(kzemm_work_client_test, the_way_back_has_a_fixed_order) {
@@ -493,11 +494,14 @@ TEST_F(kzemm_work_client_test, the_way_back_has_a_fixed_order) {
         testing::StartsWith("collect: 1"),
         testing::StartsWith("set engine switch, on[2], off[1]. "),
     };
-    for (const int type : {6, 1, 2, 13, 3, 14, 8, 15, 12, 17}) {
-        expected.push_back(control(type, 1));
-    }
+    const auto expect_all_off = [&] {
+        for (const int type : {6, 1, 2, 13, 3, 14, 8, 15, 12, 17}) {
+            expected.push_back(control(type, 1));
+        }
+        expected.emplace_back("set engine switch success");
+    };
+    expect_all_off();
     for (const char *const each : {
-             "set engine switch success",
              "x_client_engine_subscribe_alarm",
              "qd subscribe alarm ret: 0",
              "x_client_register_coordinate_cb(3)",
@@ -509,12 +513,33 @@ TEST_F(kzemm_work_client_test, the_way_back_has_a_fixed_order) {
              "get collect report cycle : 300 succeed",
              "x_client_subscribe_origin_data(300)",
              "qd subscribe origin data success, cycle: 300",
+             // request_cfg, for which the switches can't be read
+             "address agt_cfgc 1 2",
          }) {
         expected.emplace_back(each);
     }
-    EXPECT_THAT(fakes::texts({fakes::what::log, fakes::what::engine, fakes::what::timer}),
-                ElementsAreArray(expected));
-    work.stop_qd_timer();
+    expected.push_back(testing::StartsWith("cfgc GetValue failed"));
+    for (const char *const each : {
+             "get from cfgc failed: switch[/adv_threats] module[/mgr/base_collect]",
+             "get cfgc failed",
+             "get cfgc switch failed, start retry",
+             "start 3 5000/5000",
+             "get collect report cycle : 300 succeed",
+             "x_client_subscribe_origin_data(300)",
+             "qd subscribe origin data success, cycle: 300",
+             "ssh:1",
+         }) {
+        expected.emplace_back(each);
+    }
+    expected.push_back(testing::StartsWith("collect: 1"));
+    expected.push_back(testing::StartsWith("set engine switch, on[2], off[1]. "));
+    expect_all_off();
+    expected.insert(expected.end(), 4, testing::StartsWith("request 1004, "));
+    expected.emplace_back("request cfgc success");
+    expected.emplace_back("destroy address agt_cfgc");
+    EXPECT_THAT(
+        fakes::texts({fakes::what::log, fakes::what::engine, fakes::what::timer, fakes::what::ipc}),
+        ElementsAreArray(expected));
 }
 
 TEST_F(kzemm_work_client_test, the_offline_line_has_level_3) {
@@ -522,18 +547,47 @@ TEST_F(kzemm_work_client_test, the_offline_line_has_level_3) {
     go_offline_with_watch();
     let_pass(watch_period_ms);
     EXPECT_THAT(log_lines().front(), at(3, "x_clinet is offline, start restart client"));
-    work.stop_qd_timer();
 }
 
-TEST_F(kzemm_work_client_test, the_switches_are_sent_as_they_stand_without_a_new_evaluation) {
+TEST_F(kzemm_work_client_test, the_switches_are_sent_as_they_stand_and_again_as_they_are_read) {
     init_config();
     make_config_readable("true");
     go_offline_with_watch();
     let_pass(watch_period_ms);
-    EXPECT_THAT(controls(), testing::Contains(control(6, 1)));
-    EXPECT_THAT(fakes::config_reads(),
-                Not(testing::Contains("GetValue /mgr/base_collect /adv_threats")));
-    work.stop_qd_timer();
+    const std::vector<std::string> sent = controls();
+    ASSERT_EQ(sent.size(), 20U);
+    EXPECT_EQ(sent[0], control(6, 1));
+    EXPECT_EQ(sent[10], control(6, 2));
+
+    // The read lies between the two.
+    const auto order = fakes::texts({fakes::what::engine, fakes::what::config});
+    const auto read =
+        std::find(order.begin(), order.end(), "GetValue /mgr/base_collect /adv_threats");
+    EXPECT_LT(std::find(order.begin(), order.end(), control(17, 1)), read);
+    EXPECT_LT(read, std::find(order.begin(), order.end(), control(6, 2)));
+}
+
+TEST_F(kzemm_work_client_test, the_modules_are_asked_for_again_on_the_worker_s_endpoint) {
+    init_config();
+    go_offline_with_watch();
+    let_pass(watch_period_ms);
+    ASSERT_EQ(fakes::ipc_requests().size(), 4U);
+    for (const fakes::ipc_request &each : fakes::ipc_requests()) {
+        EXPECT_EQ(each.ipc, fields::ipc(work));
+        EXPECT_EQ(each.cmd, 1004U);
+    }
+}
+
+TEST_F(kzemm_work_client_test, without_an_address_of_the_service_the_way_back_ends_there) {
+    init_config();
+    go_offline_with_watch();
+    fakes::addr_create_fails("agt_cfgc");
+    let_pass(watch_period_ms);
+    EXPECT_THAT(log_lines().back(), at(1, "vrd addr create failed"));
+    EXPECT_EQ(controls().size(), 10U);
+    EXPECT_THAT(fakes::ipc_requests(), IsEmpty());
+    EXPECT_EQ(fields::x_client_status(work), X_CLIENT_ONLINE);
+    EXPECT_NE(fields::qd_timer(work), nullptr);
 }
 
 TEST_F(kzemm_work_client_test, no_look_happens_while_the_restart_waits) {
@@ -547,7 +601,6 @@ TEST_F(kzemm_work_client_test, no_look_happens_while_the_restart_waits) {
     fakes::clear_journal();
     let_pass(0);
     EXPECT_THAT(fakes::texts({fakes::what::log}), IsEmpty());
-    work.stop_qd_timer();
 }
 
 TEST_F(kzemm_work_client_test, each_outage_is_handled_anew) {
@@ -558,7 +611,6 @@ TEST_F(kzemm_work_client_test, each_outage_is_handled_anew) {
     let_pass(watch_period_ms);
     EXPECT_EQ(attempts(), 2U);
     EXPECT_EQ(fields::x_client_status(work), X_CLIENT_ONLINE);
-    work.stop_qd_timer();
 }
 
 TEST_F(kzemm_work_client_test, an_engine_that_stays_away_ends_the_worker) {
@@ -590,7 +642,8 @@ TEST_F(kzemm_work_client_test, a_watch_that_cannot_be_armed_again_keeps_nothing_
     let_pass(watch_period_ms);
     EXPECT_THAT(log_lines(), testing::Contains(at(2, "start qd timer failed")));
     EXPECT_EQ(fields::qd_timer(work), nullptr);
-    EXPECT_EQ(controls().size(), 10U);
+    EXPECT_EQ(controls().size(), 20U);
     EXPECT_EQ(engine_calls("x_client_engine_subscribe_alarm").size(), 1U);
-    EXPECT_EQ(engine_calls("x_client_subscribe_origin_data").size(), 1U);
+    EXPECT_EQ(engine_calls("x_client_subscribe_origin_data").size(), 2U);
+    EXPECT_EQ(fakes::ipc_requests().size(), 4U);
 }
