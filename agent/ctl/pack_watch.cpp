@@ -1,10 +1,14 @@
-/* kzectl pack watch: what becomes of each pack, from the directory and the logs. */
+/* kzectl pack watch and wait: what becomes of each pack, from the directory and the logs. */
+#include <fnmatch.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <climits>
 #include <cstdio>
 #include <ctime>
+#include <functional>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <set>
@@ -33,6 +37,12 @@ struct watch_options {
     double timeout = 0;
 };
 
+struct wait_options {
+    std::string pack;
+    std::string fate;
+    watch_options watch;
+};
+
 struct timed_event {
     std::string time; /* local, as the logs write it */
     pack_event event;
@@ -47,6 +57,18 @@ std::string now_text() {
     const std::size_t length = strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &parts);
     std::snprintf(text.data() + length, text.size() - length, ".%06ld", now.tv_nsec / 1000);
     return text.data();
+}
+
+/* What speaks against a word for a fate. */
+std::string fate_problem(const std::string &text) {
+    std::string known;
+    for (const fate each : all_fates) {
+        if (text == fate_text(each)) {
+            return "";
+        }
+        known += std::string(known.empty() ? "" : ", ") + fate_text(each);
+    }
+    return "\"" + printable(text) + "\" is no fate; there are " + known;
 }
 
 look look_of(fate what) {
@@ -126,8 +148,8 @@ class pack_watcher {
         : pack_watcher(options.from_now ? file_size(log_path("upgrade")) : options.after,
                        options.from_now) {}
 
-    /* Prints what has happened since the last look. */
-    void look(const output &out);
+    /* What has happened since the last look. */
+    std::vector<timed_event> look();
     /* Whether no pack is left that the plug-in would ever take. */
     bool is_empty() const { return packs_there_ == 0; }
 
@@ -285,7 +307,7 @@ std::vector<timed_event> pack_watcher::vanished(const std::map<std::string, ino_
 }
 
 /* The directory comes first: what is gone from it is in the log by then. */
-void pack_watcher::look(const output &out) {
+std::vector<timed_event> pack_watcher::look() {
     const std::map<std::string, ino_t> before = std::move(there_);
     there_.clear();
     std::vector<std::string> names;
@@ -297,22 +319,19 @@ void pack_watcher::look(const output &out) {
     packs_there_ = static_cast<std::size_t>(
         std::count_if(judged_.begin(), judged_.end(),
                       [](const pack_judgement &each) { return each.pack.taken(); }));
-    const std::vector<timed_event> from_log = logged();
-    const std::vector<timed_event> come = arrived(before);
+    std::vector<timed_event> from_log = logged();
+    std::vector<timed_event> events = arrived(before);
     const std::vector<timed_event> left = vanished(before);
     /* The log's first part is the past, in front of what lies there now. */
-    const auto show = [&out](const std::vector<timed_event> &events) {
-        for (const timed_event &each : events) {
-            print(each, out);
-        }
-    };
-    show(is_first_look_ ? from_log : come);
-    show(is_first_look_ ? come : from_log);
-    show(left);
+    events.insert(is_first_look_ ? events.begin() : events.end(),
+                  std::make_move_iterator(from_log.begin()),
+                  std::make_move_iterator(from_log.end()));
+    events.insert(events.end(), left.begin(), left.end());
     if (is_first_look_) {
         ended_.clear();
         is_first_look_ = false;
     }
+    return events;
 }
 
 pid_t host_process() {
@@ -320,17 +339,24 @@ pid_t host_process() {
     return hosts.empty() ? 0 : hosts.front().pid;
 }
 
-exit_status watch(const watch_options &options, const output &out) {
+/*
+ * Looks until `is_done`, which gets what each look brings, says so. Throws failure when the time is
+ * up or the host isn't running any more.
+ */
+void follow(
+    const watch_options &options,
+    const std::function<bool(const std::vector<timed_event> &, const pack_watcher &)> &is_done) {
     const deadline until(options.timeout > 0 ? options.timeout : -1);
     const pid_t host = host_process();
     pack_watcher eyes(options);
     for (int looks = 0;; ++looks) {
-        eyes.look(out);
-        if (options.until_empty && eyes.is_empty()) {
-            return exit_done;
+        if (is_done(eyes.look(), eyes)) {
+            return;
         }
         if (looks % looks_between_host_checks == 0 && (host == 0 || host_process() != host)) {
-            eyes.look(out);
+            if (is_done(eyes.look(), eyes)) {
+                return;
+            }
             throw failure(exit_not_running, host == 0 ? "the host isn't running; start it with "
                                                         "\"kzectl up\""
                                                       : "the host has ended");
@@ -340,6 +366,61 @@ exit_status watch(const watch_options &options, const output &out) {
         }
         until.pause_ms(look_period_ms);
     }
+}
+
+exit_status watch(const watch_options &options, const output &out) {
+    follow(options, [&](const std::vector<timed_event> &events, const pack_watcher &eyes) {
+        for (const timed_event &each : events) {
+            print(each, out);
+        }
+        return options.until_empty && eyes.is_empty();
+    });
+    return exit_done;
+}
+
+/* The name itself, or what fits it as a pattern; an incremental pack's is both. */
+bool is_meant(const std::string &name, const std::string &wanted) {
+    return name == wanted || fnmatch(wanted.c_str(), name.c_str(), 0) == 0;
+}
+
+exit_status wait(const wait_options &options, const output &out) {
+    follow(options.watch, [&](const std::vector<timed_event> &events, const pack_watcher &) {
+        const auto found =
+            std::find_if(events.begin(), events.end(), [&options](const timed_event &each) {
+                return options.fate == fate_text(each.event.what) &&
+                       is_meant(each.event.pack, options.pack);
+            });
+        if (found == events.end()) {
+            return false;
+        }
+        print(*found, out);
+        return true;
+    });
+    return exit_done;
+}
+
+void add_after(CLI::App *command, std::int64_t &after) {
+    command
+        ->add_option("--after", after,
+                     "Begin behind this offset, as \"log mark upgrade\" prints it")
+        ->capture_default_str()
+        ->check(CLI::Range(std::int64_t{0}, INT64_MAX).description(""));
+}
+
+void add_wait(CLI::App &group, command_line &line) {
+    auto options = std::make_shared<wait_options>();
+    options->watch.timeout = 30;
+    CLI::App *command = add_command(
+        group, "wait", "Waits until a pack meets a fate, and prints it as \"pack watch\" does",
+        "from=$(kzectl log mark upgrade) && kzectl pack drop md_linux.tgz && "
+        "kzectl pack wait 'md_linux_bk_*' applied --after $from --timeout 130");
+    command->add_option("PACK", options->pack, "Its name, or a pattern")->required();
+    command->add_option("FATE", options->fate, "A word of \"pack watch\", as \"too old\"")
+        ->required()
+        ->check(fate_problem);
+    add_seconds(command, "--timeout", options->watch.timeout, "How long to wait; 0: for ever");
+    add_after(command, options->watch.after);
+    on_chosen(command, line, [&line, options] { return wait(*options, line.out); });
 }
 
 }  // namespace
@@ -357,13 +438,10 @@ void add_pack_watch(CLI::App &group, command_line &line) {
                 "End, with status 4, after so long; 0: never");
     auto *from_now =
         command->add_flag("--from-now", options->from_now, "Leave out what happened before");
-    command
-        ->add_option("--after", options->after,
-                     "Begin behind this offset, as \"log mark upgrade\" prints it")
-        ->capture_default_str()
-        ->check(CLI::Range(std::int64_t{0}, INT64_MAX).description(""))
-        ->excludes(from_now);
+    add_after(command, options->after);
+    from_now->excludes("--after");
     on_chosen(command, line, [&line, options] { return watch(*options, line.out); });
+    add_wait(group, line);
 }
 
 }  // namespace kze::ctl

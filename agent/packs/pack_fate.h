@@ -28,6 +28,13 @@ enum class fate {
     gone,            /* somebody else took it away */
 };
 
+constexpr fate all_fates[] = {
+    fate::fresh,         fate::waiting,      fate::renamed,         fate::in_work,
+    fate::applied,       fate::obsolete,     fate::too_old,         fate::replaced,
+    fate::unpack_failed, fate::refused_kept, fate::refused_dropped, fate::not_confirmed,
+    fate::gone,
+};
+
 /* "new", "waiting", ... "refused and kept" */
 const char *fate_text(fate what);
 

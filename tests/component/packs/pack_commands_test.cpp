@@ -307,6 +307,20 @@ TEST_F(pack_watch, what_stands_before_the_mark_is_left_out) {
     EXPECT_THAT(fates(ask({"pack", "watch", "--until-empty", "--from-now"})), IsEmpty());
 }
 
+TEST_F(pack_watch, a_wait_ends_at_the_fate_that_is_meant) {
+    tree.write(relay_log, record(1, "upgrade ioc") +
+                              record(2, "unzip file (/r//ioc_inc_[5.0-5.1].tgz) successfully!") +
+                              record(3, "ioc file version ioc_full_5.0 is too old"));
+    for (const char *pack : {"ioc_inc_[5.0-5.1].tgz", "ioc_inc_*"}) {
+        EXPECT_THAT(fates(ask({"pack", "wait", pack, "in work"})),
+                    ElementsAre("in work ioc_inc_[5.0-5.1].tgz"));
+    }
+    EXPECT_THAT(fates(ask({"pack", "wait", "*", "too old"})),
+                ElementsAre("too old ioc_full_5.0.tgz"));
+    EXPECT_EQ(ctl({"pack", "wait", "ioc_full_5.0.tgz", "applied"}).status, 3);
+    EXPECT_THAT(ctl({"pack", "wait", "*", "eaten"}).errors, HasSubstr("is no fate"));
+}
+
 TEST_F(pack_watch, without_a_host_what_lies_there_is_told_and_the_status_is_3) {
     tree.write("hlthreat_rule/ioc_full_5.0.tgz", "");
     tree.write("hlthreat_rule/ioc_nonsense.tgz", "");
