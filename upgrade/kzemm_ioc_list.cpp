@@ -5,6 +5,12 @@
 
 #include "kzautil.h"
 
+namespace {
+
+constexpr size_t usual_name_size = 32;  // with the terminating zero
+
+}  // namespace
+
 ioc_st ioc_list::operator[](size_t position) const {
     const entry &from = entries[position];
     ioc_st record;
@@ -12,6 +18,11 @@ ioc_st ioc_list::operator[](size_t position) const {
     record.major = from.major;
     record.minor = from.minor;
     return record;
+}
+
+void ioc_list::reserve(size_t packs) {
+    entries.reserve(packs);
+    names.reserve(packs * usual_name_size);
 }
 
 void ioc_list::append(std::string_view name, int major, int minor) {

@@ -30,6 +30,9 @@ class ioc_list {
 
     // The record at a position below size(); of a longer name its first 1,023 bytes.
     ioc_st operator[](size_t position) const;
+    // Makes room for that many packs with names of a usual length, so that adding them moves
+    // nothing. Throws std::bad_alloc with the list as it was.
+    void reserve(size_t packs);
     // Adds a pack at the end. The name is copied and holds no zero byte. Throws std::bad_alloc
     // with the list as it was.
     void append(std::string_view name, int major, int minor);

@@ -45,10 +45,8 @@ bool read_version(ioc_version &version, const char *from, char begin, char end) 
 
 // Any of the letters of "full" makes a name a candidate, not the word.
 bool read_full_version(ioc_version &version, const char *name) {
-    while (*name != '\0' && *name != 'f' && *name != 'u' && *name != 'l') {
-        ++name;
-    }
-    return read_version(version, name, '_', '.');
+    const char *const letter = strpbrk(name, "ful");
+    return letter != nullptr && read_version(version, letter, '_', '.');
 }
 
 bool read_incremental_version(ioc_version &version, const char *name) {
@@ -141,7 +139,9 @@ void CUpgradeRelay::get_max_full_version(const std::vector<std::string> &files, 
 
 void CUpgradeRelay::reorder_update(const std::vector<std::string> &files, ioc_list &list,
                                    std::vector<std::string> &delete_names) {
+    delete_names.reserve(delete_names.size() + files.size());
     get_max_full_version(files, list, delete_names);
+    list.reserve(files.size());
     ioc_version base;
     if (list.size() == 1) {
         const ioc_st full = list[0];
