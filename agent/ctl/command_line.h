@@ -36,6 +36,8 @@ void add_status_command(CLI::App &app, command_line &line);
 void add_config_commands(CLI::App &app, command_line &line);
 void add_engine_commands(CLI::App &app, command_line &line);
 void add_gateway_commands(CLI::App &app, command_line &line);
+void add_request_commands(CLI::App &app, command_line &line);
+void add_ioa_commands(CLI::App &app, command_line &line);
 void add_lkg_commands(CLI::App &app, command_line &line);
 void add_log_commands(CLI::App &app, command_line &line);
 void add_pack_commands(CLI::App &app, command_line &line);

@@ -15,6 +15,11 @@ enum exit_status : int {
     exit_not_running = 3, /* the host, the engine or a service that is needed isn't running */
     exit_timed_out = 4,
     exit_not_there = 5, /* no such key, record or log */
+    /* A management request's response code that isn't 0, and 10. */
+    exit_queue_full = 11,
+    exit_no_permission = 12,
+    exit_invalid = 13,
+    exit_not_taken = 14,
 };
 
 /* Ends a command: main prints the text and returns the status. */

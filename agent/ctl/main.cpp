@@ -58,7 +58,8 @@ constexpr const char *exit_help =
     "  2  the command line is wrong\n"
     "  3  the host, the engine or a service isn't running\n"
     "  4  timed out\n"
-    "  5  no such key, record or log\n";
+    "  5  no such key, record or log\n"
+    "  11 to 14  a request was refused; kzectl request --help tells them apart\n";
 
 struct global_options {
     bool json = false;
@@ -136,6 +137,8 @@ int run(int argc, char **argv) {
     add_config_commands(app, line);
     add_engine_commands(app, line);
     add_gateway_commands(app, line);
+    add_request_commands(app, line);
+    add_ioa_commands(app, line);
     add_pack_commands(app, line);
     add_lkg_commands(app, line);
     add_log_commands(app, line);

@@ -7,6 +7,7 @@
 #include <sstream>
 #include <string_view>
 
+#include "agent/ctl/ioa_report.h"
 #include "agent/gateway/frame.h"
 #include "engine/qd_client.h"
 
@@ -58,16 +59,34 @@ std::string hex_of(std::string_view bytes) {
 
 /* As text where it is some; a character may be cut at its end. */
 std::string quoted_beginning(const journal_entry &entry) {
-    const std::string more =
-        static_cast<std::size_t>(entry.size) > entry.beginning.size() ? " ..." : "";
-    std::string_view text = entry.beginning;
+    const std::string_view whole =
+        std::string_view(entry.beginning).substr(0, gateway::frame_header_size);
+    const std::string more = static_cast<std::size_t>(entry.size) > whole.size() ? " ..." : "";
+    std::string_view text = whole;
     for (int cut = 0; cut < 4 && !text.empty(); ++cut) {
         if (is_text(text)) {
             return "\"" + printable(text) + "\"" + more;
         }
         text.remove_suffix(1);
     }
-    return hex_of(entry.beginning) + more;
+    return hex_of(whole) + more;
+}
+
+/* What a report about custom rules tells, as far as the record's beginning has it. */
+std::optional<ioa_report> report_of(const journal_entry &entry) {
+    return entry.beginning.size() <= gateway::frame_header_size
+               ? std::nullopt
+               : read_ioa_report(
+                     entry.type,
+                     std::string_view(entry.beginning).substr(gateway::frame_header_size));
+}
+
+json report_json(const ioa_report &report) {
+    json value = {{"agentId", report.agent_id}, {"rulesId", report.rules_id}};
+    if (report.res) {
+        value["res"] = *report.res;
+    }
+    return value;
 }
 
 std::string brief(const journal_entry &entry) {
@@ -80,7 +99,8 @@ std::string brief(const journal_entry &entry) {
         return human_size(head.msg_len) + " raw, compressed to " +
                percentage(head.payload_size, head.msg_len);
     }
-    return "frame of type " + std::to_string(head.proto_type);
+    const std::optional<ioa_report> report = report_of(entry);
+    return report ? ioa_report_text(*report) : "frame of type " + std::to_string(head.proto_type);
 }
 
 json frame_json(const frame &decoded) {
@@ -233,6 +253,9 @@ json record_json(const journal_entry &entry) {
                           {"net_order", head.net_order},
                           {"msg_len", head.msg_len},
                           {"payload_size", head.payload_size}};
+        if (const std::optional<ioa_report> report = report_of(entry)) {
+            value["report"] = report_json(*report);
+        }
     }
     return value;
 }
@@ -270,6 +293,10 @@ void print_record(const journal_record &record, const output &out) {
     head.add({{"Size", look::faint}, {size_text(record.data.size())}});
     if (decoded) {
         add_frame_rows(head, *decoded);
+    }
+    if (const std::optional<ioa_report> report = read_ioa_report(record.entry.type, content)) {
+        head.add({{"Agent", look::faint}, {std::to_string(report->agent_id)}});
+        head.add({{"Custom IOA", look::faint}, {ioa_report_text(*report)}});
     }
     if (processes) {
         head.add({{"Processes", look::faint}, {std::to_string(processes->size())}});

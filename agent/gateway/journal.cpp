@@ -19,6 +19,11 @@ constexpr int busy_ms = 2000;
 static_assert(GATEWAY_JOURNAL_VERSION == 1, "the text below names the version");
 constexpr unsigned int follow_batch = 256;
 
+/* What entry_of reads. The beginning is a header, or all of a short kind whose content a list
+ * shows. */
+#define ENTRY_COLUMNS \
+    "id, accepted_us, type, size, substr(data, 1, CASE WHEN type IN (8, 9) THEN 4096 ELSE 20 END)"
+
 struct type_name {
     int type;
     const char *name;
@@ -43,13 +48,13 @@ std::string column_bytes(sqlite3_stmt *row, int column) {
                : std::string(static_cast<const char *>(bytes), static_cast<std::size_t>(size));
 }
 
-/* The columns are id, accepted_us, type, size and the data or their beginning. */
 journal_entry entry_of(sqlite3_stmt *row) {
     journal_entry entry;
     entry.id = sqlite3_column_int64(row, 0);
     entry.accepted_us = sqlite3_column_int64(row, 1);
     entry.type = sqlite3_column_int(row, 2);
     entry.size = sqlite3_column_int64(row, 3);
+    entry.beginning = column_bytes(row, 4);
     return entry;
 }
 
@@ -168,7 +173,6 @@ std::optional<std::vector<journal_entry>> journal_reader::entries(const char *sq
     int code = SQLITE_ROW;
     while ((code = sqlite3_step(rows.get())) == SQLITE_ROW) {
         found.push_back(entry_of(rows.get()));
-        found.back().beginning = column_bytes(rows.get(), 4);
     }
     if (code != SQLITE_DONE) {
         fail();
@@ -180,21 +184,19 @@ std::optional<std::vector<journal_entry>> journal_reader::entries(const char *sq
 std::optional<std::vector<journal_entry>> journal_reader::list(std::int64_t after_id, int type,
                                                                unsigned int limit) {
     /* Two texts, as one with "type = ?2 OR ?2 = 0" would use no index. */
-    return entries(type == 0
-                       ? "SELECT id, accepted_us, type, size, substr(data, 1, 20) FROM records"
-                         " WHERE id > ?1 ORDER BY id LIMIT ?3"
-                       : "SELECT id, accepted_us, type, size, substr(data, 1, 20) FROM records"
-                         " WHERE type = ?2 AND id > ?1 ORDER BY id LIMIT ?3",
+    return entries(type == 0 ? "SELECT " ENTRY_COLUMNS
+                               " FROM records WHERE id > ?1 ORDER BY id LIMIT ?3"
+                             : "SELECT " ENTRY_COLUMNS
+                               " FROM records WHERE type = ?2 AND id > ?1 ORDER BY id LIMIT ?3",
                    after_id, type, limit);
 }
 
 std::optional<std::vector<journal_entry>> journal_reader::newest(int type, unsigned int limit) {
-    auto found =
-        entries(type == 0 ? "SELECT id, accepted_us, type, size, substr(data, 1, 20) FROM records"
-                            " WHERE id > ?1 ORDER BY id DESC LIMIT ?3"
-                          : "SELECT id, accepted_us, type, size, substr(data, 1, 20) FROM records"
-                            " WHERE type = ?2 AND id > ?1 ORDER BY id DESC LIMIT ?3",
-                0, type, limit);
+    auto found = entries(
+        type == 0 ? "SELECT " ENTRY_COLUMNS " FROM records WHERE id > ?1 ORDER BY id DESC LIMIT ?3"
+                  : "SELECT " ENTRY_COLUMNS
+                    " FROM records WHERE type = ?2 AND id > ?1 ORDER BY id DESC LIMIT ?3",
+        0, type, limit);
     if (found) {
         std::reverse(found->begin(), found->end());
     }
@@ -202,8 +204,7 @@ std::optional<std::vector<journal_entry>> journal_reader::newest(int type, unsig
 }
 
 std::optional<journal_record> journal_reader::show(std::int64_t id) {
-    const statement rows =
-        query("SELECT id, accepted_us, type, size, data FROM records WHERE id = ?1");
+    const statement rows = query("SELECT " ENTRY_COLUMNS ", data FROM records WHERE id = ?1");
     if (rows == nullptr) {
         return std::nullopt;
     }
@@ -219,8 +220,7 @@ std::optional<journal_record> journal_reader::show(std::int64_t id) {
     }
     journal_record found;
     found.entry = entry_of(rows.get());
-    found.data = column_bytes(rows.get(), 4);
-    found.entry.beginning = found.data.substr(0, 20);
+    found.data = column_bytes(rows.get(), 5);
     return found;
 }
 

@@ -21,7 +21,9 @@ struct journal_entry {
     std::int64_t accepted_us = 0; /* microseconds since 1970, UTC */
     int type = 0;                 /* a KZEMM_DATA_TYPE */
     std::int64_t size = 0;
-    std::string beginning; /* the first 20 bytes, for decode_header; less when it is shorter */
+    /* The first 20 bytes, for decode_header, or 4,096 of a short kind whose content a list shows
+     * (KZEMM_DATA_CTMIOA_RESULT and _HELLO); less when it is shorter. */
+    std::string beginning;
 };
 
 /* A record with its data. */
