@@ -35,12 +35,13 @@ void let_sanitizer_open_its_own() {
 
 }  // namespace
 
-const std::vector<log_record> &log_reader::records() {
-    std::ifstream file(path, std::ios::binary);
-    file.seekg(static_cast<std::streamoff>(read_so_far));
+// Reads what is new in a file, and returns where that ends.
+size_t log_reader::read(const std::filesystem::path &from, size_t position) {
+    std::ifstream file(from, std::ios::binary);
+    file.seekg(static_cast<std::streamoff>(position));
     std::string line;
     while (std::getline(file, line) && !file.eof()) {  // without its end it is still being written
-        read_so_far += line.size() + 1;
+        position += line.size() + 1;
         std::istringstream fields(line);
         std::string date, time, source;
         log_record record = {};
@@ -49,6 +50,18 @@ const std::vector<log_record> &log_reader::records() {
         std::getline(fields, record.text);
         known.push_back(record);
     }
+    return position;
+}
+
+const std::vector<log_record> &log_reader::records() {
+    std::error_code absent;
+    const auto size = std::filesystem::file_size(path, absent);
+    if (!absent && size < read_so_far) {  // it was rotated
+        std::filesystem::path rotated = path;
+        read(rotated.replace_extension(".1.log"), read_so_far);
+        read_so_far = 0;
+    }
+    read_so_far = read(path, read_so_far);
     return known;
 }
 

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -42,6 +43,8 @@ class log_reader {
     void forget() { records(), known.clear(); }
 
   private:
+    size_t read(const std::filesystem::path &from, size_t position);
+
     std::string path;
     size_t read_so_far = 0;
     std::vector<log_record> known;
