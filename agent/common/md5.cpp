@@ -73,4 +73,13 @@ std::optional<std::string> md5_of_file(const std::string &path) {
     return file.valid() ? md5_of_descriptor(file.get()) : std::nullopt;
 }
 
+std::optional<std::string> md5_of_bytes(std::string_view bytes) {
+    std::array<unsigned char, EVP_MAX_MD_SIZE> digest;
+    unsigned int size = 0;
+    if (EVP_Digest(bytes.data(), bytes.size(), digest.data(), &size, EVP_md5(), nullptr) != 1) {
+        return std::nullopt;
+    }
+    return to_hex(digest.data(), size);
+}
+
 }  // namespace kze
