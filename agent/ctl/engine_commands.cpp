@@ -7,30 +7,18 @@
 #include <optional>
 #include <string>
 
-#include "agent/common/tree.h"
 #include "agent/ctl/ask.h"
 #include "agent/ctl/command_line.h"
+#include "agent/ctl/engine_change.h"
+#include "agent/ctl/engine_rules_commands.h"
 #include "agent/ctl/engine_service.h"
 #include "agent/ctl/engine_view.h"
 #include "agent/ctl/processes.h"
-#include "agent/engine/engine_settings.h"
 
 namespace kze::ctl {
 namespace {
 
 using nlohmann::json;
-
-/* Answers outlive the engine's process: without one they go into its settings file. */
-void change_settings(const json &request) {
-    if (ask_if_running(engine_endpoint, request)) {
-        return;
-    }
-    engine::engine_settings settings(tree_path(engine::settings_file));
-    const json answer = settings.apply(request);
-    if (!answer.value("ok", false)) {
-        throw failure(exit_failed, "refused: " + answer.value("error", std::string()));
-    }
-}
 
 void add_status(CLI::App &to, command_line &line) {
     CLI::App *command =
@@ -53,8 +41,13 @@ struct answer_options {
     std::optional<int> value;
     std::optional<unsigned int> delay_ms;
     std::optional<unsigned int> times;
+    std::optional<unsigned int> callback_delay_ms;
+    std::optional<int> callback_type;
+    std::optional<int> for_type;
     bool refuse = false;
     bool never = false;
+    bool unwritten = false;
+    bool callback_never = false;
 };
 
 json answer_request(const answer_options &options) {
@@ -68,11 +61,16 @@ json answer_request(const answer_options &options) {
     set("value", options.value);
     set("delay_ms", options.delay_ms);
     set("times", options.times);
-    if (options.refuse) {
-        request["refuse"] = true;
-    }
-    if (options.never) {
-        request["never"] = true;
+    set("callback_delay_ms", options.callback_delay_ms);
+    set("callback_type", options.callback_type);
+    set("for_type", options.for_type);
+    for (const auto &[key, on] :
+         {std::pair("refuse", options.refuse), std::pair("never", options.never),
+          std::pair("unwritten", options.unwritten),
+          std::pair("callback_never", options.callback_never)}) {
+        if (on) {
+            request[key] = true;
+        }
     }
     return request;
 }
@@ -92,8 +90,16 @@ void add_answer(CLI::App &to, command_line &line) {
                         "For so many calls; without it until \"engine clear\"");
     command->add_flag("--refuse", options->refuse, "Answer as if there were no engine (-8)");
     command->add_flag("--never", options->never, "Give no answer at all");
+    command->add_flag("--unwritten", options->unwritten, "Leave the out-parameter as it is");
+    command->add_option("--callback-delay-ms", options->callback_delay_ms,
+                        "When the callback comes, or the event that answers an order; else 50");
+    command->add_flag("--callback-never", options->callback_never, "It never comes");
+    command->add_option("--callback-type", options->callback_type,
+                        "The engine type that the callback is told, else the call's");
+    command->add_option("--for-type", options->for_type,
+                        "Only calls with this first argument, as an engine type");
     on_chosen(command, line, [&line, options] {
-        change_settings(answer_request(*options));
+        change_engine_settings(answer_request(*options));
         line.out.done("The engine's answer to " + options->call + " is set");
         return exit_done;
     });
@@ -109,7 +115,7 @@ void add_clear(CLI::App &to, command_line &line) {
         if (!call->empty()) {
             request["call"] = *call;
         }
-        change_settings(request);
+        change_engine_settings(request);
         line.out.done(call->empty() ? "The engine answers as usual"
                                     : "The engine answers " + *call + " as usual");
         return exit_done;
@@ -203,7 +209,7 @@ void add_version(CLI::App &to, command_line &line) {
     command->add_option("TYPE", options->type, "ioc, ioa or md")->required();
     command->add_option("VERSION", options->version, "The version's text")->required();
     on_chosen(command, line, [&line, options] {
-        change_settings(
+        change_engine_settings(
             {{"op", "version"}, {"type", options->type}, {"version", options->version}});
         line.out.done("The engine reports " + options->type + " version " + options->version);
         return exit_done;
@@ -234,6 +240,7 @@ void add_engine_commands(CLI::App &app, command_line &line) {
     add_die(*group, line);
     add_silent(*group, line);
     add_version(*group, line);
+    add_engine_rules_commands(*group, line);
     add_service(*group, line, "start", "Starts the engine's service", "is started");
     add_service(*group, line, "stop", "Stops the engine's service", "is stopped");
     add_service(*group, line, "restart", "Stops it and starts it again", "is started anew");

@@ -1,7 +1,8 @@
 #include "agent/ctl/engine_view.h"
 
-#include <array>
+#include <algorithm>
 #include <string>
+#include <vector>
 
 namespace kze::ctl {
 namespace {
@@ -22,18 +23,94 @@ std::string joined(const json &texts) {
     return all;
 }
 
+std::string times_text(const json &from) {
+    const int times = from.value("times", 0);
+    return times == 0 ? ", until cleared" : ", " + std::to_string(times) + " more times";
+}
+
 std::string answer_text(const json &answer) {
     std::string text = answer.value("never", false)
                            ? std::string("no answer")
                            : "code " + std::to_string(answer.value("code", 0));
-    if (answer.contains("value")) {
-        text += ", value " + answer["value"].dump();
+    const auto add = [&](const char *key, const std::string &before, const std::string &behind) {
+        if (answer.contains(key)) {
+            text += ", " + before + answer[key].dump() + behind;
+        }
+    };
+    add("value", "value ", "");
+    if (answer.value("unwritten", false)) {
+        text += ", out-parameter left unwritten";
     }
     if (const int delay = answer.value("delay_ms", 0); delay != 0) {
         text += ", after " + std::to_string(delay) + " ms";
     }
-    const int times = answer.value("times", 0);
-    return text + (times == 0 ? ", until cleared" : ", " + std::to_string(times) + " more times");
+    add("callback_delay_ms", "callback after ", " ms");
+    if (answer.value("callback_never", false)) {
+        text += ", callback never";
+    }
+    add("callback_type", "callback about type ", "");
+    add("for_type", "for type ", " only");
+    return text + times_text(answer);
+}
+
+std::string rise_text(const json &rise) {
+    if (rise.value("never", false)) {
+        return "never" + times_text(rise);
+    }
+    std::string text = "after " + std::to_string(rise.value("after_ms", 0)) + " ms";
+    if (rise.contains("to")) {
+        text += ", to " + rise["to"].get<std::string>();
+    }
+    return text + times_text(rise);
+}
+
+std::string name_of_text(const json &text) {
+    const std::string part = text.at("part").get<std::string>();
+    return text.at("name").get<std::string>() + (part.empty() ? "" : "/" + part);
+}
+
+/* Bytes, MD5 and time, as of a text or a pack. */
+std::vector<table::cell> marks_of(const json &of) {
+    return {{std::to_string(of.at("bytes").get<std::uint64_t>()) + " bytes"},
+            {of.at("md5").get<std::string>(), look::faint},
+            {human_time(of.at("time_us").get<std::int64_t>())}};
+}
+
+void print_packs(const json &packs, const output &out) {
+    table rows;
+    for (const auto &[type, pack] : packs.items()) {
+        std::vector<table::cell> row = {{type, look::strong},
+                                        {"version " + pack.value("version", std::string())},
+                                        {std::to_string(pack.value("rules", 0)) + " rules"}};
+        for (table::cell &mark : marks_of(pack)) {
+            row.push_back(std::move(mark));
+        }
+        row.push_back({printable(pack.value("file", std::string()))});
+        rows.add(std::move(row));
+    }
+    rows.print(out, 2);
+}
+
+std::string drive_order_text(const json &order) {
+    if (!order.value("answered", true)) {
+        return "no answer";
+    }
+    if (const int code = order.value("code", 0); code != 0) {
+        return "code " + std::to_string(code);
+    }
+    return order.at("result").is_null() ? "result unwritten" : "result " + order["result"].dump();
+}
+
+/* The switch's name, or its number where it has none. */
+std::string switch_name(const json &order) {
+    switch (const int number = order.value("switch", -1); number) {
+        case 0:
+            return "drive";
+        case 1:
+            return "collect";
+        default:
+            return std::to_string(number);
+    }
 }
 
 void print_clients(const json &clients, const output &out) {
@@ -77,6 +154,80 @@ void print_capabilities(const json &status, const output &out, std::size_t inden
     rows.print(out, indent);
 }
 
+void print_rules(const json &status, const output &out) {
+    const json &packs = member(status, "packs");
+    out.line(out.paint(look::strong, "Loaded rule files"));
+    if (packs.empty()) {
+        out.line("  none");
+    }
+    print_packs(packs, out);
+    table versions;
+    for (const auto &[type, version] : member(status, "versions").items()) {
+        versions.add({{type, look::strong}, {version.get<std::string>()}});
+    }
+    out.line(out.paint(look::strong, "Reported versions"));
+    versions.print(out, 2);
+    out.line(out.paint(look::strong, "Rule texts"));
+    const json &texts = member(status, "rules");
+    if (texts.empty()) {
+        out.line("  none");
+    }
+    table rows;
+    for (const json &text : texts) {
+        std::vector<table::cell> row = {{std::to_string(text.at("type").get<int>())},
+                                        {name_of_text(text), look::strong}};
+        for (table::cell &mark : marks_of(text)) {
+            row.push_back(std::move(mark));
+        }
+        row.push_back({printable(text.at("first_line").get<std::string>())});
+        rows.add(std::move(row));
+    }
+    rows.print(out, 2);
+}
+
+void print_rule_texts(const json &texts, const output &out) {
+    for (const json &text : texts) {
+        table head;
+        std::vector<table::cell> row = {{name_of_text(text), look::strong}};
+        for (table::cell &mark : marks_of(text)) {
+            row.push_back(std::move(mark));
+        }
+        row.push_back({"from " + printable(text.at("source").get<std::string>())});
+        head.add(std::move(row));
+        head.print(out);
+        const std::string whole = text.at("text").get<std::string>();
+        for (std::size_t at = 0; at < whole.size();) {
+            const std::size_t end = std::min(whole.find('\n', at), whole.size());
+            out.line("  " + printable(std::string_view(whole).substr(at, end - at)));
+            at = end + 1;
+        }
+        if (text.at("cut").get<bool>()) {
+            out.line(out.paint(look::warning, "  ... what follows isn't shown"));
+        }
+    }
+}
+
+void print_drive(const json &status, const output &out) {
+    const json &drive = member(status, "drive");
+    table states;
+    for (const char *name : {"drive", "collect"}) {
+        states.add({{name, look::strong}, {drive.at(name).dump()}});
+    }
+    states.print(out);
+    out.line(out.paint(look::strong, "Last orders"));
+    const json &orders = member(status, "drive_orders");
+    if (orders.empty()) {
+        out.line("  none");
+    }
+    table rows;
+    for (const json &order : orders) {
+        rows.add({{human_time(order.at("time_us").get<std::int64_t>())},
+                  {switch_name(order) + " to " + order.at("value").dump()},
+                  {drive_order_text(order)}});
+    }
+    rows.print(out, 2);
+}
+
 void print_engine(const json &status, const output &out) {
     const bool silent = status.value("silent", false);
     out.line(out.paint(look::strong, "Engine") + "  " +
@@ -93,6 +244,15 @@ void print_engine(const json &status, const output &out) {
     }
     out.line(out.paint(look::strong, "Versions"));
     rows.print(out, 2);
+    const json &rises = member(status, "rises");
+    if (!rises.empty()) {
+        out.line(out.paint(look::strong, "Set rises of versions"));
+        table set;
+        for (const auto &[type, rise] : rises.items()) {
+            set.add({{type}, {rise_text(rise), look::warning}});
+        }
+        set.print(out, 2);
+    }
     const json &answers = member(status, "answers");
     if (!answers.empty()) {
         out.line(out.paint(look::strong, "Set answers"));

@@ -94,12 +94,12 @@ int client_session::close() {
         /* The engine that can't be told has no say in whether the client stops. */
         code = code == client_offline || code == client_timeout ? client_ok : code;
     }
-    std::map<int, completion> dropped;
+    std::map<int, open_order> dropped;
     {
         const std::lock_guard<std::mutex> guard(lock_);
         state_ = state::closed;
         subscriptions_ = {};
-        completions_.swap(dropped);
+        orders_.swap(dropped);
         for (const std::shared_ptr<waiting_call> &waiting : calls_) {
             waiting->done = true;
             waiting->result.code = client_offline;
@@ -281,12 +281,12 @@ int client_session::order(engine_call call, int first, std::string_view payload,
         const std::lock_guard<std::mutex> guard(lock_);
         last_ticket_ = last_ticket_ == INT_MAX ? 1 : last_ticket_ + 1;
         ticket = last_ticket_;
-        completions_[ticket] = std::move(end);
+        orders_[ticket] = open_order{first, std::move(end)};
     }
     const int code = call_within(call, first, ticket, payload, call_limit_s).code;
     if (code != 0) {
         const std::lock_guard<std::mutex> guard(lock_);
-        completions_.erase(ticket);
+        orders_.erase(ticket);
     }
     return code;
 }
@@ -349,9 +349,11 @@ void client_session::on_next_reply(int status, unsigned int /* cmd */, const cha
 void client_session::take_event(const record &event) {
     const std::size_t weight = event.payload.size() + item_overhead;
     if (event.what == static_cast<std::uint32_t>(event_kind::completion)) {
-        delivery_.post([this, ticket = event.first, result = event.second,
-                        data = std::string(event.payload)] { complete(ticket, result, data); },
-                       weight);
+        delivery_.post(
+            [this, ticket = event.first, type = static_cast<int>(event.client),
+             result = event.second,
+             data = std::string(event.payload)] { complete(ticket, type, result, data); },
+            weight);
     } else if (event.what >= 1 && event.what < event_kind_count) {
         delivery_.post([this, kind = static_cast<event_kind>(event.what),
                         data = std::string(event.payload)] { deliver(kind, data); },
@@ -378,18 +380,20 @@ void client_session::deliver(event_kind kind, std::string_view payload) {
     ask_for_next();
 }
 
-void client_session::complete(int ticket, int result, std::string_view data) {
-    completion end;
+/* Without a type the callback is told that of the call. */
+void client_session::complete(int ticket, std::optional<int> type, int result,
+                              std::string_view data) {
+    std::optional<open_order> order;
     {
         const std::lock_guard<std::mutex> guard(lock_);
-        const auto found = completions_.find(ticket);
-        if (found != completions_.end()) {
-            end = std::move(found->second);
-            completions_.erase(found);
+        const auto found = orders_.find(ticket);
+        if (found != orders_.end()) {
+            order = std::move(found->second);
+            orders_.erase(found);
         }
     }
-    if (end) {
-        end(result, data);
+    if (order) {
+        order->end(type.value_or(order->type), result, data);
     }
     ask_for_next();
 }
@@ -421,14 +425,15 @@ void client_session::lose_engine(const char *why) {
             waiting->done = true;
             waiting->result.code = client_offline;
         }
-        for (const auto &[ticket, end] : completions_) {
+        for (const auto &[ticket, order] : orders_) {
             tickets.push_back(ticket);
         }
     }
     changed_.notify_all();
     kze_log(2, "the engine is lost: %s", why);
     for (const int ticket : tickets) {
-        delivery_.post([this, ticket] { complete(ticket, client_offline, {}); }, item_overhead);
+        delivery_.post([this, ticket] { complete(ticket, std::nullopt, client_offline, {}); },
+                       item_overhead);
     }
     delivery_.post([this] { report_offline(); }, item_overhead);
 }

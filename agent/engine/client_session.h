@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -37,8 +38,8 @@ class client_session {
         int second = 0;
         std::string payload;
     };
-    /* Gets the result of an asynchronous call and, with the result 0, its data. */
-    using completion = std::function<void(int result, std::string_view data)>;
+    /* Gets the engine type and the result of an asynchronous call and, with 0, its data. */
+    using completion = std::function<void(int type, int result, std::string_view data)>;
 
     client_session() = default;
     ~client_session();
@@ -75,6 +76,10 @@ class client_session {
         std::shared_ptr<waiting_call> waiting;
         engine_call call;
     };
+    struct open_order {
+        int type;
+        completion end;
+    };
     struct subscription {
         qd_data_cb callback = nullptr;
         void *context = nullptr;
@@ -98,7 +103,7 @@ class client_session {
     void ask_for_next();
     void take_event(const record &event);
     void deliver(event_kind kind, std::string_view payload);
-    void complete(int ticket, int result, std::string_view data);
+    void complete(int ticket, std::optional<int> type, int result, std::string_view data);
     void come_online(std::uint32_t client);
     void lose_engine(const char *why);
     void report_offline();
@@ -125,7 +130,7 @@ class client_session {
     bool asking_ = false; /* a request for the next event is out */
     std::set<std::shared_ptr<waiting_call>> calls_;
     std::array<subscription, event_kind_count + 1> subscriptions_{}; /* by event_kind */
-    std::map<int, completion> completions_;                          /* by ticket */
+    std::map<int, open_order> orders_;                               /* by ticket */
     int last_ticket_ = 0;
 };
 

@@ -5,6 +5,9 @@
 #include <climits>
 #include <cstdlib>
 
+#include "agent/common/md5.h"
+#include "agent/engine/capabilities.h"
+#include "agent/engine/engine_orders.h"
 #include "agent/engine/process_snapshot.h"
 #include "vrdbase.h"
 
@@ -13,29 +16,11 @@ namespace {
 
 using nlohmann::json;
 
-constexpr std::pair<int, const char *> capabilities[] = {
-    {ENGINE_IOC, "ioc"},
-    {ENGINE_IOA, "ioa"},
-    {ENGINE_MD, "md"},
-    {ENGINE_BRUTEFORCE_GLOBAL, "bruteforce_global"},
-    {ENGINE_COLLECT, "collect"},
-    {ENGINE_ABNORMAL_SCAN, "abnormal_scan"},
-    {ENGINE_BRUTEFORCE_SSH, "bruteforce_ssh"},
-    {ENGINE_ABNORMAL_IP_LOGIN, "abnormal_ip_login"},
-    {ENGINE_ABNORMAL_TIME_LOGIN, "abnormal_time_login"},
-    {ENGINE_REVERSESHELL, "reverseshell"},
-    {ENGINE_DETANAL, "detanal"},
-};
-
-/* Takes rule text like a capability but can't be switched: custom IOA rules. */
-constexpr int custom_ioa = 7;
+/* How long an asynchronous order keeps the engine busy before its callback's turn comes. */
+constexpr unsigned int order_ms = 50;
+constexpr std::size_t drive_orders_kept = 16;
 constexpr std::size_t name_limit = 64;
 constexpr int cycle_limit_s = 7 * 24 * 3600;
-
-/* The types that have a version, by the names of the settings. */
-const char *versioned_name(int type) {
-    return type >= ENGINE_IOC && type <= ENGINE_MD ? capability_name(type) : nullptr;
-}
 
 std::optional<event_kind> coordinate_kind(int trace_type) {
     switch (trace_type) {
@@ -58,45 +43,62 @@ call_result refused(int code) {
 
 }  // namespace
 
-const char *capability_name(int type) {
-    for (const auto &[number, name] : capabilities) {
-        if (number == type) {
-            return name;
-        }
-    }
-    return nullptr;
-}
-
-engine_calls::engine_calls(engine_settings &settings, engine_clients &clients, order_snapshot order)
-    : settings_(settings), clients_(clients), order_(std::move(order)) {
-    for (const auto &[number, name] : capabilities) {
-        capabilities_[number] = false;
+engine_calls::engine_calls(engine_settings &settings, engine_clients &clients, order_snapshot order,
+                           run_later later)
+    : settings_(settings), clients_(clients), order_(std::move(order)), later_(std::move(later)) {
+    for (const capability &one : capabilities) {
+        capabilities_[one.type] = false;
     }
 }
 
 call_result engine_calls::carry_out(engine_call call, const record &request,
                                     const std::optional<call_answer> &told) {
-    if (told && told->code != 0) {
-        call_result result = refused(told->code);
-        result.second = told->value.value_or(0);
-        return result;
-    }
-    if (told && told->value && call == engine_call::set_drive_switch) {
-        call_result result; /* another outcome than success leaves the switch as it is */
-        result.second = *told->value;
-        return result;
-    }
-    call_result result = effect(call, request);
-    if (told && told->value && call != engine_call::start) {
-        result.second = *told->value;
-        if (result.later) {
-            result.later->result = *told->value;
-        }
+    call_result result = outcome(call, request, told.value_or(call_answer()));
+    if (call == engine_call::set_drive_switch) {
+        note_drive_order(request, result);
     }
     return result;
 }
 
-call_result engine_calls::effect(engine_call call, const record &request) {
+call_result engine_calls::outcome(engine_call call, const record &request,
+                                  const call_answer &told) {
+    call_result result;
+    if (told.never) {
+        kze_log(3, "%s gets no answer", call_name(call));
+        result.answered = false;
+        return result;
+    }
+    const bool stays = call == engine_call::set_drive_switch && (told.value || told.unwritten);
+    if (told.code != 0) {
+        result = refused(told.code);
+    } else if (!stays) {
+        result = effect(call, request, told.value.value_or(0) == 0);
+    }
+    if (told.value && call != engine_call::start) {
+        result.second = *told.value;
+    }
+    if (told.unwritten) {
+        result.payload = call == engine_call::engine_query_version_str ? "" : unwritten_mark;
+    }
+    if (result.later) {
+        change_aftermath(result, told);
+    }
+    return result;
+}
+
+void engine_calls::change_aftermath(call_result &result, const call_answer &told) {
+    if (told.callback_never) {
+        result.later.reset();
+        return;
+    }
+    result.later->delay_ms = told.callback_delay_ms.value_or(order_ms);
+    result.later->type = told.callback_type.value_or(result.later->type);
+    result.later->result = told.value.value_or(0);
+}
+
+/* With `taken` false the callback of an asynchronous call will tell of a failure, and what was
+ * given isn't taken over. */
+call_result engine_calls::effect(engine_call call, const record &request, bool taken) {
     switch (call) {
         case engine_call::start:
             return start(request);
@@ -105,11 +107,11 @@ call_result engine_calls::effect(engine_call call, const record &request) {
             clients_.remove(request.client);
             return {};
         case engine_call::engine_update:
-            return update(request, false);
-        case engine_call::engine_update_async:
             return update(request, true);
+        case engine_call::engine_update_async:
+            return with_callback(request, update(request, taken));
         case engine_call::engine_update_by_data:
-            return update_by_data(request);
+            return with_callback(request, update_by_data(request, taken));
         case engine_call::engine_control:
             return control(request);
         case engine_call::engine_query_version:
@@ -137,8 +139,8 @@ call_result engine_calls::effect(engine_call call, const record &request) {
         case engine_call::get_drive_state:
         case engine_call::get_collect_state: {
             call_result result;
-            result.second = drive_[call == engine_call::get_drive_state ? DRIVE_SWITCH_DRIVE
-                                                                        : DRIVE_SWITCH_COLLECT];
+            result.second = settings_.drive_state(
+                call == engine_call::get_drive_state ? DRIVE_SWITCH_DRIVE : DRIVE_SWITCH_COLLECT);
             return result;
         }
     }
@@ -160,31 +162,87 @@ call_result engine_calls::subscribe(const record &request, event_kind kind) {
     return {};
 }
 
-call_result engine_calls::update(const record &request, bool answered_later) {
+call_result engine_calls::with_callback(const record &request, call_result result) {
+    if (result.code == 0) {
+        call_result::aftermath later;
+        later.ticket = request.second;
+        later.type = request.first;
+        result.later = later;
+    }
+    return result;
+}
+
+call_result engine_calls::update(const record &request, bool taken) {
     const std::string path(request.payload);
     if (versioned_name(request.first) == nullptr || path.empty() || path.size() >= PATH_MAX ||
         path.find('\0') != std::string::npos || ::access(path.c_str(), R_OK) != 0) {
         kze_log(2, "type %d can't be updated from \"%s\"", request.first, path.c_str());
         return refused(client_invalid);
     }
-    kze_log(3, "type %d updated from \"%s\"", request.first, path.c_str());
-    updates_[request.first] = path;
-    call_result result;
-    if (answered_later) {
-        result.later = call_result::completion{request.second, 0, {}};
+    std::string problem;
+    std::optional<std::string> text = read_rule_text(path, problem);
+    const auto kind = static_cast<rule_kind>(request.first);
+    const std::optional<rule_file> file =
+        text ? parse_rule_file(kind, *text, problem) : std::nullopt;
+    if (!file) {
+        kze_log(2, "type %d can't be updated from \"%s\": %s", request.first, path.c_str(),
+                problem.c_str());
+        return refused(client_bad_rules);
     }
-    return result;
+    updates_[request.first] = path;
+    if (taken) {
+        load(*file, std::move(*text), path);
+    }
+    return {};
 }
 
-call_result engine_calls::update_by_data(const record &request) {
-    if (capability_name(request.first) == nullptr && request.first != custom_ioa) {
+/* Takes over a rule file that is none older than the rules held, and lets the version rise. */
+void engine_calls::load(const rule_file &file, std::string text, const std::string &path) {
+    const int type = static_cast<int>(file.kind);
+    const std::string name = versioned_name(type);
+    const version_rise rise = settings_.take_rise(name).value_or(version_rise());
+    if (!rise.to && is_version_below(file.version, settings_.version(name))) {
+        kze_log(2, "%s: version %s is below %s, nothing is taken over", path.c_str(),
+                file.version.c_str(), settings_.version(name).c_str());
+        return;
+    }
+    kze_log(3, "%s: %zu rules of version %s", path.c_str(), file.rules.size(),
+            file.version.c_str());
+    bool escaped = false;
+    const std::string error = settings_.keep_pack(name, {{"file", text_of_bytes(path, escaped)},
+                                                         {"version", file.version},
+                                                         {"rules", file.rules.size()},
+                                                         {"full", file.full},
+                                                         {"bytes", text.size()},
+                                                         {"md5", md5_of_bytes(text).value_or("")},
+                                                         {"time_us", now_us()}});
+    if (!error.empty()) {
+        kze_log(1, "the pack isn't kept: %s", error.c_str());
+    }
+    rules_.take_file(type, std::move(text), path);
+    if (rise.never) {
+        return;
+    }
+    const std::string version = rise.to.value_or(file.version);
+    const bool may_fall = rise.to.has_value();
+    later_(rise.after_ms, [this, name, version, may_fall] {
+        const std::string failed = settings_.raise_version(name, version, may_fall);
+        if (!failed.empty()) {
+            kze_log(1, "the version doesn't rise: %s", failed.c_str());
+        }
+    });
+}
+
+call_result engine_calls::update_by_data(const record &request, bool taken) {
+    if (rules_name(request.first) == nullptr) {
         return refused(client_invalid);
     }
-    kze_log(3, "type %d got %zu bytes of rules", request.first, request.payload.size());
-    rule_texts_[request.first] = std::string(request.payload);
-    call_result result;
-    result.later = call_result::completion{request.second, 0, {}};
-    return result;
+    kze_log(3, "type %d got %zu bytes of rules%s", request.first, request.payload.size(),
+            taken ? "" : ", which aren't taken over");
+    if (taken) {
+        rules_.take_text(request.first, request.payload);
+    }
+    return {};
 }
 
 call_result engine_calls::control(const record &request) {
@@ -212,9 +270,13 @@ call_result engine_calls::query_version(const record &request) const {
         return refused(client_invalid);
     }
     call_result result;
-    result.payload = settings_.version(name);
-    const unsigned long number = std::strtoul(result.payload.c_str(), nullptr, 10);
-    result.second = static_cast<int>(static_cast<unsigned int>(number));
+    const std::string version = settings_.version(name);
+    if (request.what == static_cast<std::uint32_t>(engine_call::engine_query_version_str)) {
+        result.payload = version;
+    } else {
+        const unsigned long number = std::strtoul(version.c_str(), nullptr, 10);
+        result.second = static_cast<int>(static_cast<unsigned int>(number));
+    }
     return result;
 }
 
@@ -239,27 +301,45 @@ call_result engine_calls::register_coordinate(const record &request) {
 
 call_result engine_calls::coordinate(const record &request) {
     const std::optional<event_kind> kind = coordinate_kind(request.first);
-    if (!kind || request.payload.empty()) {
+    if (!kind) {
         return refused(client_invalid);
     }
-    order_count &order = orders_[event_name(*kind)];
-    ++order.count;
-    order.bytes = request.payload.size();
-    kze_log(3, "order %s of %zu bytes", event_name(*kind), order.bytes);
-    return {};
+    std::string problem;
+    const std::optional<std::string_view> body = body_of_order(request.payload, problem);
+    if (!body) {
+        kze_log(2, "order %s is no frame: %s", event_name(*kind), problem.c_str());
+        return refused(client_invalid);
+    }
+    json answer = recognisable(*body);
+    answer["order"] = event_name(*kind);
+    answer["bytes"] = body->size();
+    answer["number"] = count_order(event_name(*kind), request.payload.size());
+    call_result result;
+    result.later = call_result::aftermath();
+    result.later->kind = *kind;
+    result.later->payload = answer.dump();
+    return result;
 }
 
 call_result engine_calls::dispose_trace(const record &request) {
     if (request.payload.empty()) {
         return refused(client_invalid);
     }
-    order_count &order = orders_["linkage_analysis"];
-    ++order.count;
-    order.bytes = request.payload.size();
-    call_result result;
-    const json analysis = {{"analysis", "linkage"}, {"request_bytes", order.bytes}};
-    result.later = call_result::completion{request.second, 0, analysis.dump()};
+    json answer = recognisable(request.payload);
+    answer["analysis"] = "linkage";
+    answer["request_bytes"] = request.payload.size();
+    answer["number"] = count_order("linkage_analysis", request.payload.size());
+    call_result result = with_callback(request, {});
+    result.later->payload = answer.dump();
     return result;
+}
+
+/* Which one of its kind it is, from 1 on. */
+std::uint64_t engine_calls::count_order(const char *kind, std::size_t bytes) {
+    order_count &order = orders_[kind];
+    order.bytes = bytes;
+    kze_log(3, "order %s of %zu bytes", kind, bytes);
+    return ++order.count;
 }
 
 call_result engine_calls::set_drive(const record &request) {
@@ -267,13 +347,29 @@ call_result engine_calls::set_drive(const record &request) {
     if (!known || request.second < 0 || request.second > 1) {
         return refused(client_invalid);
     }
-    drive_[request.first] = request.second;
+    const std::string error = settings_.set_drive_state(request.first, request.second);
+    if (!error.empty()) {
+        kze_log(1, "the drive switch isn't kept: %s", error.c_str());
+        return refused(client_failed);
+    }
     return {};
 }
 
-const std::string *engine_calls::rule_text(int type) const {
-    const auto found = rule_texts_.find(type);
-    return found == rule_texts_.end() ? nullptr : &found->second;
+void engine_calls::note_drive_order(const record &request, const call_result &result) {
+    json order = {{"time_us", now_us()},
+                  {"switch", request.first},
+                  {"value", request.second},
+                  {"answered", result.answered}};
+    if (result.answered) {
+        order["code"] = result.code;
+        if (result.code == 0) {
+            order["result"] = result.payload == unwritten_mark ? json() : json(result.second);
+        }
+    }
+    drive_orders_.push_back(order);
+    if (drive_orders_.size() > drive_orders_kept) {
+        drive_orders_.pop_front();
+    }
 }
 
 void engine_calls::describe(json &into) const {
@@ -281,8 +377,7 @@ void engine_calls::describe(json &into) const {
         into["capabilities"][capability_name(number)] = on;
     }
     into["run_level"] = run_level_;
-    into["drive"] = {{"drive", drive_[DRIVE_SWITCH_DRIVE]},
-                     {"collect", drive_[DRIVE_SWITCH_COLLECT]}};
+    into["drive_orders"] = drive_orders_;
     into["orders"] = json::object();
     for (const auto &[kind, order] : orders_) {
         into["orders"][kind] = {{"count", order.count}, {"bytes", order.bytes}};
@@ -292,10 +387,7 @@ void engine_calls::describe(json &into) const {
         bool escaped = false;
         into["updates"][capability_name(type)] = text_of_bytes(path, escaped);
     }
-    into["rule_texts"] = json::object();
-    for (const auto &[type, text] : rule_texts_) {
-        into["rule_texts"][std::to_string(type)] = text.size();
-    }
+    into["rules"] = rules_.describe();
 }
 
 }  // namespace kze::engine

@@ -131,33 +131,32 @@ std::vector<std::uint32_t> engine_clients::origin_subscribers() {
     return subscribers;
 }
 
-unsigned int engine_clients::push(event_kind kind, std::string_view payload) {
+engine_clients::pushed engine_clients::push(event_kind kind, std::string_view payload) {
     record event;
     event.what = static_cast<std::uint32_t>(kind);
     event.payload = payload;
     const auto bytes = std::make_shared<const std::string>(encode_record(event));
-    unsigned int taken = 0;
+    pushed counts;
     const std::lock_guard<std::mutex> guard(lock_);
     for (auto &[number, client] : clients_) {
-        if (client.subscriptions.count(kind) != 0 && enqueue(number, client, bytes)) {
-            ++taken;
+        if (client.subscriptions.count(kind) != 0) {
+            enqueue(number, client, bytes, counts);
         }
     }
-    return taken;
+    return counts;
 }
 
-unsigned int engine_clients::push_to(const std::vector<std::uint32_t> &clients,
-                                     const record &event) {
+engine_clients::pushed engine_clients::push_to(const std::vector<std::uint32_t> &clients,
+                                               const record &event) {
     const auto bytes = std::make_shared<const std::string>(encode_record(event));
-    unsigned int taken = 0;
+    pushed counts;
     const std::lock_guard<std::mutex> guard(lock_);
     for (const std::uint32_t number : clients) {
-        client_entry *client = find(number);
-        if (client != nullptr && enqueue(number, *client, bytes)) {
-            ++taken;
+        if (client_entry *client = find(number); client != nullptr) {
+            enqueue(number, *client, bytes, counts);
         }
     }
-    return taken;
+    return counts;
 }
 
 void engine_clients::set_silent(bool silent) {
@@ -215,18 +214,20 @@ engine_clients::client_entry *engine_clients::find(std::uint32_t client) {
     return found == clients_.end() ? nullptr : &found->second;
 }
 
-bool engine_clients::enqueue(std::uint32_t number, client_entry &client, const event_bytes &event) {
+void engine_clients::enqueue(std::uint32_t number, client_entry &client, const event_bytes &event,
+                             pushed &counts) {
+    ++counts.meant;
     const std::size_t cost = event->size() + event_overhead;
     if (client.queued_bytes + cost > queue_limit) {
         if (client.dropped++ == 0) {
             kze_log(1, "client %u fetches nothing, its events are dropped from now on", number);
         }
-        return false;
+        return;
     }
+    ++counts.taken;
     client.queued_bytes += cost;
     client.events.push_back(event);
     answer_waiting(client);
-    return true;
 }
 
 void engine_clients::answer_waiting(client_entry &client) {

@@ -58,10 +58,15 @@ class engine_clients {
     std::vector<std::uint32_t> take_due_origin(clock::time_point now);
     std::vector<std::uint32_t> origin_subscribers();
 
-    /* Gives an event to all subscribers of its kind; returns how many took it. */
-    unsigned int push(event_kind kind, std::string_view payload);
+    /* How many were to get an event, and how many of them had room for it. */
+    struct pushed {
+        unsigned int meant = 0;
+        unsigned int taken = 0;
+    };
+    /* Gives an event to all subscribers of its kind. */
+    pushed push(event_kind kind, std::string_view payload);
     /* Gives an event to those of the clients that are still there. */
-    unsigned int push_to(const std::vector<std::uint32_t> &clients, const record &event);
+    pushed push_to(const std::vector<std::uint32_t> &clients, const record &event);
 
     /* Gives out no event while the engine is silent; afterwards with the next tick. */
     void set_silent(bool silent);
@@ -95,7 +100,8 @@ class engine_clients {
     };
 
     client_entry *find(std::uint32_t client);
-    bool enqueue(std::uint32_t number, client_entry &client, const event_bytes &event);
+    void enqueue(std::uint32_t number, client_entry &client, const event_bytes &event,
+                 pushed &counts);
     void answer_waiting(client_entry &client);
 
     vrd_ipc_st *const ipc_;

@@ -34,7 +34,7 @@ std::string read_file(const std::string &path, std::string &out) {
         return path + " must be a file that is not empty";
     }
     /* What is too large shows by one byte more than may be. */
-    constexpr std::size_t read_limit = 4 * payload_limit + 1;
+    constexpr std::size_t read_limit = payload_limit + 1;
     out.resize(std::min(static_cast<std::size_t>(info.st_size), read_limit));
     std::size_t filled = 0;
     while (filled < out.size()) {
@@ -86,8 +86,8 @@ json engine_server::control(const json &request) {
         return control_rule_text(request);
     }
     return control_error("no request \"" + op +
-                         "\"; there are status, answer, clear, version, push, origin-now, die, "
-                         "silent and rule-text");
+                         "\"; there are status, answer, clear, version, rise, drive, push, "
+                         "origin-now, die, silent and rule-text");
 }
 
 json engine_server::control_status() {
@@ -122,25 +122,26 @@ json engine_server::control_push(const json &request) {
     if (!error.empty()) {
         return control_error(error);
     }
-    unsigned int taken = 0;
-    if (*kind == event_kind::origin) {
-        if (!calls_.collecting()) {
-            return control_error("the collect capability is off, turn it on first");
-        }
-        const std::vector<std::uint32_t> clients = clients_.origin_subscribers();
-        taken = static_cast<unsigned int>(clients.size());
-        deliver_origin(std::move(bytes), clients);
-    } else if (bytes.size() > payload_limit) {
+    if (bytes.size() > payload_limit) {
         return control_error(path + " is larger than a message may be, " +
                              std::to_string(payload_limit) + " bytes");
-    } else {
-        taken = clients_.push(*kind, bytes);
     }
-    if (taken == 0) {
+    if (*kind == event_kind::origin && !calls_.collecting()) {
+        return control_error("the collect capability is off, turn it on first");
+    }
+    const engine_clients::pushed counts =
+        *kind == event_kind::origin
+            ? deliver_origin(std::move(bytes), clients_.origin_subscribers())
+            : clients_.push(*kind, bytes);
+    if (counts.meant == 0) {
         return control_error("no client has subscribed to " + name + ", start the agent first");
     }
+    if (counts.taken == 0) {
+        return control_error("the client has " + std::to_string(engine_clients::queue_limit >> 20) +
+                             " MiB of events to fetch and takes no more, the push is dropped");
+    }
     ++pushes_[name];
-    return {{"ok", true}, {"clients", taken}};
+    return {{"ok", true}, {"clients", counts.taken}};
 }
 
 json engine_server::control_origin_now() {
@@ -189,14 +190,18 @@ json engine_server::control_rule_text(const json &request) {
     if (found == request.end() || !found->is_number_integer()) {
         return control_error("\"type\" must be a capability's number");
     }
-    const std::string *text = calls_.rule_text(found->get<int>());
+    const std::string *text = calls_.rules().find(found->get<int>(), text_of(request, "part"));
     if (text == nullptr) {
         return control_error("no rule text has come for that type");
     }
     bool escaped = false;
     const std::string shown =
         text_of_bytes(std::string_view(*text).substr(0, shown_text_limit), escaped);
-    return {{"ok", true}, {"bytes", text->size()}, {"text", shown}, {"escaped", escaped}};
+    return {{"ok", true},
+            {"bytes", text->size()},
+            {"text", shown},
+            {"escaped", escaped},
+            {"cut", text->size() > shown_text_limit}};
 }
 
 }  // namespace kze::engine

@@ -6,7 +6,8 @@
  *
  *   offset 0   version, 1
  *   offset 4   what: an engine_call in a request and in its answer, an event_kind in an event
- *   offset 8   client: the number that x_client_start was answered with; 0 in its request
+ *   offset 8   client: the number that x_client_start was answered with; 0 in its request, and in
+ *              events, but for the end of an asynchronous call
  *   offset 12  first, signed: an argument; in an answer the code that the call returns
  *   offset 16  second, signed: an argument or a value
  *   offset 20  length of the payload, which is all that follows
@@ -77,7 +78,8 @@ enum class event_kind : std::uint32_t {
     origin,
     credible,
     clt,
-    completion, /* ends an asynchronous call: first is its ticket, second its result */
+    completion, /* ends an asynchronous call: first is its ticket, second its result, and in the
+                   client's place is the engine type that the callback is told */
 };
 constexpr std::uint32_t event_kind_count = 8;
 
@@ -87,11 +89,16 @@ std::optional<event_kind> event_of_name(std::string_view name);
 /* Codes that the client's functions return of themselves. The engine adds those it was told to. */
 enum client_error : int {
     client_ok = 0,
-    client_invalid = -1,  /* an argument that can't be meant */
-    client_failed = -2,   /* no memory, or an answer that makes no sense */
-    client_offline = -8,  /* no engine; what was to be loaded is worth keeping */
-    client_timeout = -14, /* the engine didn't answer in time; likewise */
+    client_invalid = -1,   /* an argument that can't be meant */
+    client_failed = -2,    /* no memory, or an answer that makes no sense */
+    client_bad_rules = -7, /* the engine: a rule file that isn't valid */
+    client_offline = -8,   /* no engine; what was to be loaded is worth keeping */
+    client_timeout = -14,  /* the engine didn't answer in time; likewise */
 };
+
+/* The payload of an answer whose value is to stay unread, so that the out-parameter stays as it is;
+ * an answer with a text has an empty one. */
+constexpr char unwritten_mark[] = "unwritten";
 
 /* One message. The payload belongs to whoever made the record. */
 struct record {

@@ -4,13 +4,6 @@
 #include "vrdbase.h"
 
 namespace kze::engine {
-namespace {
-
-/* How long an asynchronous order keeps the engine busy before its callback's turn comes. */
-constexpr unsigned int order_ms = 50;
-
-}  // namespace
-
 std::unique_ptr<engine_server> engine_server::create(const std::string &settings_path) {
     vrd_ipc_st *ipc = vrd_ipc_create(endpoint_name, 0);
     if (ipc == nullptr) {
@@ -24,8 +17,16 @@ engine_server::engine_server(vrd_ipc_st *ipc, const std::string &settings_path)
       started_(clock::now()),
       settings_(settings_path),
       clients_(ipc),
-      calls_(settings_, clients_,
-             [this](const std::vector<std::uint32_t> &clients) { order_snapshot(clients); }),
+      calls_(
+          settings_, clients_,
+          [this](const std::vector<std::uint32_t> &clients) { order_snapshot(clients); },
+          [this](unsigned int ms, std::function<void()> what) {
+              if (ms == 0) {
+                  what();
+              } else {
+                  later(ms, std::move(what));
+              }
+          }),
       collector_([this](std::string snapshot, const std::vector<std::uint32_t> &clients) {
           deliver_origin(std::move(snapshot), clients);
       }) {
@@ -83,12 +84,11 @@ void engine_server::handle_call(const vrd_addr_st *addr, unsigned int request_id
         answer_call(addr, request_id, request, stranger);
         return;
     }
-    const std::optional<call_answer> told = settings_.take(call_name(call));
-    if (told && told->never) {
-        kze_log(3, "%s gets no answer", call_name(call));
+    const std::optional<call_answer> told = settings_.take(call_name(call), request.first);
+    const call_result result = calls_.carry_out(call, request, told);
+    if (!result.answered) {
         return;
     }
-    const call_result result = calls_.carry_out(call, request, told);
     if (!told || told->delay_ms == 0) {
         answer_call(addr, request_id, request, result);
         return;
@@ -107,17 +107,24 @@ void engine_server::answer_call(const vrd_addr_st *addr, unsigned int request_id
     answer.second = result.second;
     answer.payload = result.payload;
     respond(addr, request_id, command_call, answer);
-    if (result.code != 0 || !result.later) {
+    if (result.later) {
+        later(result.later->delay_ms,
+              [this, client = request.client, what = *result.later] { end_order(client, what); });
+    }
+}
+
+void engine_server::end_order(std::uint32_t client, const call_result::aftermath &what) {
+    if (what.kind != event_kind::completion) {
+        clients_.push(what.kind, what.payload);
         return;
     }
-    later(order_ms, [this, client = request.client, end = *result.later] {
-        record event;
-        event.what = static_cast<std::uint32_t>(event_kind::completion);
-        event.first = end.ticket;
-        event.second = end.result;
-        event.payload = end.result == 0 ? std::string_view(end.payload) : std::string_view();
-        clients_.push_to({client}, event);
-    });
+    record event;
+    event.what = static_cast<std::uint32_t>(event_kind::completion);
+    event.client = static_cast<std::uint32_t>(what.type);
+    event.first = what.ticket;
+    event.second = what.result;
+    event.payload = what.result == 0 ? std::string_view(what.payload) : std::string_view();
+    clients_.push_to({client}, event);
 }
 
 void engine_server::handle_ping(const vrd_addr_st *addr, unsigned int request_id,
@@ -157,11 +164,11 @@ void engine_server::order_snapshot(const std::vector<std::uint32_t> &clients) {
     }
 }
 
-/* Runs on the collector's thread. */
-void engine_server::deliver_origin(std::string snapshot,
-                                   const std::vector<std::uint32_t> &clients) {
+/* Runs on the collector's thread, and for a push on the loop's. */
+engine_clients::pushed engine_server::deliver_origin(std::string snapshot,
+                                                     const std::vector<std::uint32_t> &clients) {
     if (!calls_.collecting()) {
-        return;
+        return {};
     }
     const std::size_t lost = cut_at_line(snapshot, payload_limit);
     if (lost != 0) {
@@ -170,8 +177,9 @@ void engine_server::deliver_origin(std::string snapshot,
     record event;
     event.what = static_cast<std::uint32_t>(event_kind::origin);
     event.payload = snapshot;
-    const unsigned int taken = clients_.push_to(clients, event);
-    kze_log(3, "origin data of %zu bytes for %u clients", snapshot.size(), taken);
+    const engine_clients::pushed counts = clients_.push_to(clients, event);
+    kze_log(3, "origin data of %zu bytes for %u clients", snapshot.size(), counts.taken);
+    return counts;
 }
 
 void engine_server::on_tick(cl_timerplus *timer) {

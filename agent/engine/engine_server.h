@@ -48,12 +48,14 @@ class engine_server {
     void handle_call(const vrd_addr_st *addr, unsigned int request_id, const record &request);
     void answer_call(const vrd_addr_st *addr, unsigned int request_id, const record &request,
                      const call_result &result);
+    void end_order(std::uint32_t client, const call_result::aftermath &what);
     void handle_ping(const vrd_addr_st *addr, unsigned int request_id, const record &request);
     void handle_next(const vrd_addr_st *addr, unsigned int request_id, const record &request);
     void respond(const vrd_addr_st *addr, unsigned int request_id, unsigned int cmd,
                  const record &answer);
     void order_snapshot(const std::vector<std::uint32_t> &clients);
-    void deliver_origin(std::string snapshot, const std::vector<std::uint32_t> &clients);
+    engine_clients::pushed deliver_origin(std::string snapshot,
+                                          const std::vector<std::uint32_t> &clients);
     /* Runs it on the loop when the time has passed. */
     void later(unsigned int ms, std::function<void()> what);
     bool silent() const { return clock::now() < silent_until_; }

@@ -7,10 +7,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "agent/engine/engine_protocol.h"
 #include "agent/engine/owned_descriptor.h"
+#include "engine/qd_client.h"
 #include "kzautil.h"
 #include "vrdbase.h"
 
@@ -19,53 +22,13 @@ namespace {
 
 using nlohmann::json;
 
-constexpr unsigned int delay_limit_ms = 600000;
-constexpr unsigned int times_limit = 1000000;
-constexpr std::size_t version_length_limit = 64;
+/* The drive switches by their numbers. */
+constexpr const char *drive_names[] = {"drive", "collect"};
+static_assert(DRIVE_SWITCH_DRIVE == 0 && DRIVE_SWITCH_COLLECT == 1);
 constexpr off_t file_size_limit = 1 << 20;
 
 std::string system_error(const std::string &what, const std::string &path) {
     return what + " " + path + ": " + std::strerror(errno);
-}
-
-bool has(const json &in, const char *key) {
-    return in.contains(key) && !in.at(key).is_null();
-}
-
-/* Reads an optional whole number within bounds; returns what speaks against it. */
-std::string read_number(const json &in, const char *key, std::int64_t low, std::int64_t high,
-                        std::int64_t &out) {
-    if (!has(in, key)) {
-        return {};
-    }
-    const json &value = in.at(key);
-    if (!value.is_number_integer() ||
-        (value.is_number_unsigned() && value.get<std::uint64_t>() > INT64_MAX) ||
-        value.get<std::int64_t>() < low || value.get<std::int64_t>() > high) {
-        return std::string("\"") + key + "\" must be a whole number from " + std::to_string(low) +
-               " to " + std::to_string(high);
-    }
-    out = value.get<std::int64_t>();
-    return {};
-}
-
-std::string read_flag(const json &in, const char *key, bool &out) {
-    if (!has(in, key)) {
-        return {};
-    }
-    if (!in.at(key).is_boolean()) {
-        return std::string("\"") + key + "\" must be true or false";
-    }
-    out = in.at(key).get<bool>();
-    return {};
-}
-
-std::string read_text(const json &in, const char *key, std::string &out) {
-    if (!has(in, key) || !in.at(key).is_string()) {
-        return std::string("\"") + key + "\" must be there, as a text";
-    }
-    out = in.at(key).get<std::string>();
-    return {};
 }
 
 std::string read_call(const json &in, std::string &out) {
@@ -80,66 +43,58 @@ std::string read_call(const json &in, std::string &out) {
     return error;
 }
 
-/* Reads what a request or the file says of one answer; returns what speaks against it. */
-std::string read_answer(const json &in, call_answer &out) {
-    std::int64_t code = 0;
-    std::int64_t value = 0;
-    std::int64_t delay = 0;
-    std::int64_t times = 0;
-    bool refuse = false;
-    for (const std::string &error : {
-             read_number(in, "code", INT_MIN, INT_MAX, code),
-             read_number(in, "value", INT_MIN, INT_MAX, value),
-             read_number(in, "delay_ms", 0, delay_limit_ms, delay),
-             read_number(in, "times", 0, times_limit, times),
-             read_flag(in, "refuse", refuse),
-             read_flag(in, "never", out.never),
-         }) {
-        if (!error.empty()) {
-            return error;
-        }
+json to_json(const engine_settings::content &from) {
+    json out = {{"answers", json::object()},
+                {"versions", from.versions},
+                {"rises", json::object()},
+                {"packs", from.packs},
+                {"drive",
+                 {{drive_names[0], from.drive_states[0]}, {drive_names[1], from.drive_states[1]}}}};
+    for (const auto &[call, answer] : from.answers) {
+        out["answers"][call] = answer_to_json(answer);
     }
-    if (refuse && (has(in, "code") || out.never)) {
-        return "\"refuse\" stands alone, without \"code\" and \"never\"";
-    }
-    out.code = refuse ? client_offline : static_cast<int>(code);
-    if (has(in, "value")) {
-        out.value = static_cast<int>(value);
-    }
-    out.delay_ms = static_cast<unsigned int>(delay);
-    out.times = static_cast<unsigned int>(times);
-    return {};
-}
-
-json answer_to_json(const call_answer &from) {
-    json out = {{"code", from.code},
-                {"delay_ms", from.delay_ms},
-                {"times", from.times},
-                {"never", from.never}};
-    if (from.value) {
-        out["value"] = *from.value;
+    for (const auto &[type, rise] : from.rises) {
+        out["rises"][type] = rise_to_json(rise);
     }
     return out;
 }
 
-json to_json(const engine_settings::content &from) {
-    json answers = json::object();
-    for (const auto &[call, answer] : from.answers) {
-        answers[call] = answer_to_json(answer);
-    }
-    return {{"answers", answers}, {"versions", from.versions}};
-}
-
 engine_settings::content default_content() {
-    return {{}, {{"ioc", "1.0"}, {"ioa", "1"}, {"md", "1"}}};
+    engine_settings::content out;
+    out.versions = {{"ioc", "1.0"}, {"ioa", "1"}, {"md", "1"}};
+    return out;
 }
 
-std::string check_version(const std::string &version) {
-    const bool printable =
-        std::all_of(version.begin(), version.end(), [](char c) { return c > ' ' && c <= '~'; });
-    if (version.empty() || version.size() > version_length_limit || !printable) {
-        return "\"version\" must be 1 to 64 printable characters without blanks";
+/* A member that is an object, else an empty one. */
+const json &object_in(const json &in, const char *key) {
+    static const json empty = json::object();
+    const auto found = in.find(key);
+    return found != in.end() && found->is_object() ? *found : empty;
+}
+
+void parse_answers(const json &in, engine_settings::content &out, const std::string &path) {
+    for (const auto &[call, value] : object_in(in, "answers").items()) {
+        call_answer answer;
+        const std::optional<engine_call> known = call_of_name(call);
+        if (known && value.is_object() && read_answer(*known, value, answer).empty()) {
+            out.answers[call] = answer;
+        } else {
+            kze_log(2, "%s: the answer for \"%s\" is not valid, left out", path.c_str(),
+                    call.c_str());
+        }
     }
+}
+
+std::string read_drive(const json &in, int (&out)[2]) {
+    std::int64_t states[] = {out[0], out[1]};
+    for (std::size_t at = 0; at < 2; ++at) {
+        const std::string error = read_number(in, drive_names[at], INT_MIN, INT_MAX, states[at]);
+        if (!error.empty()) {
+            return error;
+        }
+    }
+    out[0] = static_cast<int>(states[0]);
+    out[1] = static_cast<int>(states[1]);
     return {};
 }
 
@@ -151,25 +106,25 @@ engine_settings::content parse(const std::string &text, const std::string &path)
         kze_log(2, "%s is no JSON object, the engine uses its defaults", path.c_str());
         return out;
     }
-    if (in.contains("answers") && in.at("answers").is_object()) {
-        for (const auto &[call, value] : in.at("answers").items()) {
-            call_answer answer;
-            if (call_of_name(call) && value.is_object() && read_answer(value, answer).empty()) {
-                out.answers[call] = answer;
-            } else {
-                kze_log(2, "%s: the answer for \"%s\" is not valid, left out", path.c_str(),
-                        call.c_str());
-            }
+    parse_answers(in, out, path);
+    for (const auto &[type, value] : object_in(in, "versions").items()) {
+        if (out.versions.count(type) != 0 && value.is_string() &&
+            check_version("version", value.get<std::string>()).empty()) {
+            out.versions[type] = value.get<std::string>();
         }
     }
-    if (in.contains("versions") && in.at("versions").is_object()) {
-        for (const auto &[type, value] : in.at("versions").items()) {
-            if (out.versions.count(type) != 0 && value.is_string() &&
-                check_version(value.get<std::string>()).empty()) {
-                out.versions[type] = value.get<std::string>();
-            }
+    for (const auto &[type, value] : object_in(in, "rises").items()) {
+        version_rise rise;
+        if (out.versions.count(type) != 0 && value.is_object() && read_rise(value, rise).empty()) {
+            out.rises[type] = rise;
         }
     }
+    for (const auto &[type, value] : object_in(in, "packs").items()) {
+        if (out.versions.count(type) != 0 && value.is_object()) {
+            out.packs[type] = value;
+        }
+    }
+    read_drive(object_in(in, "drive"), out.drive_states);
     return out;
 }
 
@@ -178,22 +133,32 @@ std::string change_answer(engine_settings::content &in, const json &request) {
     call_answer answer;
     std::string error = read_call(request, call);
     if (error.empty()) {
-        error = read_answer(request, answer);
+        error = find_unknown(
+            request, {"op", "call", "code", "value", "unwritten", "delay_ms", "times", "refuse",
+                      "never", "callback_delay_ms", "callback_never", "callback_type", "for_type"});
+    }
+    if (error.empty()) {
+        error = read_answer(*call_of_name(call), request, answer);
     }
     if (!error.empty()) {
         return error;
     }
-    const auto set = {"code", "value", "delay_ms", "refuse", "never"};
-    if (std::none_of(set.begin(), set.end(), [&](const char *key) { return has(request, key); })) {
-        return "say how to answer: \"code\", \"value\", \"delay_ms\", \"refuse\" or \"never\"";
+    const auto set = {"code",         "value", "unwritten",         "delay_ms",
+                      "refuse",       "never", "callback_delay_ms", "callback_never",
+                      "callback_type"};
+    if (std::none_of(set.begin(), set.end(),
+                     [&](const char *key) { return has_member(request, key); })) {
+        return "say how to answer: \"code\", \"value\", \"unwritten\", \"delay_ms\", \"refuse\", "
+               "\"never\", \"callback_delay_ms\", \"callback_never\" or \"callback_type\"";
     }
     in.answers[call] = answer;
     return {};
 }
 
 std::string clear_answers(engine_settings::content &in, const json &request) {
-    if (!has(request, "call")) {
+    if (!has_member(request, "call")) {
         in.answers.clear();
+        in.rises.clear();
         return {};
     }
     std::string call;
@@ -204,23 +169,90 @@ std::string clear_answers(engine_settings::content &in, const json &request) {
     return error;
 }
 
-std::string change_version(engine_settings::content &in, const json &request) {
-    std::string type;
-    std::string version;
+std::string read_type(const engine_settings::content &in, const json &request, std::string &type) {
     std::string error = read_text(request, "type", type);
     if (error.empty() && in.versions.count(type) == 0) {
         error = "no type \"" + type + "\"; the types are ioc ioa md";
     }
+    return error;
+}
+
+std::string change_version(engine_settings::content &in, const json &request) {
+    std::string type;
+    std::string version;
+    std::string error = read_type(in, request, type);
     if (error.empty()) {
         error = read_text(request, "version", version);
     }
     if (error.empty()) {
-        error = check_version(version);
+        error = check_version("version", version);
     }
     if (error.empty()) {
         in.versions[type] = version;
     }
     return error;
+}
+
+std::string change_rise(engine_settings::content &in, const json &request) {
+    std::string type;
+    version_rise rise;
+    std::string error = read_type(in, request, type);
+    if (error.empty()) {
+        error = find_unknown(request, {"op", "type", "to", "after_ms", "never", "times"});
+    }
+    if (error.empty()) {
+        error = read_rise(request, rise);
+    }
+    if (!error.empty()) {
+        return error;
+    }
+    if (rise.to || rise.never || rise.after_ms != 0) {
+        in.rises[type] = rise;
+    } else {
+        in.rises.erase(type);
+    }
+    return {};
+}
+
+std::string change_drive(engine_settings::content &in, const json &request) {
+    std::string error = find_unknown(request, {"op", drive_names[0], drive_names[1]});
+    if (error.empty() && !has_member(request, drive_names[0]) &&
+        !has_member(request, drive_names[1])) {
+        error = "say which state: \"drive\" or \"collect\", or both";
+    }
+    return error.empty() ? read_drive(request, in.drive_states) : error;
+}
+
+using settings_change = std::string (*)(engine_settings::content &in, const json &request);
+constexpr std::pair<const char *, settings_change> settings_requests[] = {
+    {"answer", change_answer}, {"clear", clear_answers}, {"version", change_version},
+    {"rise", change_rise},     {"drive", change_drive},
+};
+
+settings_change find_change(const json &request) {
+    const auto op = request.is_object() ? request.find("op") : request.end();
+    for (const auto &[name, how] : settings_requests) {
+        if (op != request.end() && *op == name) {
+            return how;
+        }
+    }
+    return nullptr;
+}
+
+/* Takes one use of what is set under a key. */
+template <typename Set>
+std::optional<Set> take_one(std::map<std::string, Set> &from, const std::string &key) {
+    const auto found = from.find(key);
+    if (found == from.end()) {
+        return std::nullopt;
+    }
+    const Set taken = found->second;
+    if (found->second.times == 1) {
+        from.erase(found);
+    } else if (found->second.times > 1) {
+        --found->second.times;
+    }
+    return taken;
 }
 
 bool same_file(const struct stat &left, const struct stat &right) {
@@ -247,66 +279,103 @@ engine_settings::engine_settings(std::string path)
     : path_(std::move(path)), content_(default_content()) {}
 
 bool engine_settings::is_settings_request(const json &request) {
-    if (!request.is_object() || !request.contains("op")) {
-        return false;
-    }
-    const json &op = request.at("op");
-    return op == "answer" || op == "clear" || op == "version";
+    return find_change(request) != nullptr;
 }
 
 json engine_settings::apply(const json &request) {
-    if (!request.is_object() || !has(request, "op") || !request.at("op").is_string()) {
-        return {{"ok", false}, {"error", "\"op\" must be there, as a text"}};
+    const settings_change how = find_change(request);
+    std::string error = "no settings request; there are";
+    if (how != nullptr) {
+        error = change_file([&](content &in) { return how(in, request); });
+    } else {
+        for (const auto &[name, known] : settings_requests) {
+            error += std::string(" ") + name;
+        }
     }
-    const std::string op = request.at("op").get<std::string>();
-    const std::string error = change_file([&](content &in) -> std::string {
-        if (op == "answer") {
-            return change_answer(in, request);
-        }
-        if (op == "clear") {
-            return clear_answers(in, request);
-        }
-        if (op == "version") {
-            return change_version(in, request);
-        }
-        return "no settings request \"" + op + "\"; there are answer, clear and version";
-    });
     if (!error.empty()) {
         return {{"ok", false}, {"error", error}};
     }
     return {{"ok", true}};
 }
 
-std::optional<call_answer> engine_settings::take(const std::string &call) {
+/* The file is written only for what is set for a number of uses. */
+std::optional<call_answer> engine_settings::take(const std::string &call, int type) {
+    const auto is_meant = [&](const content &in) {
+        const auto found = in.answers.find(call);
+        return found != in.answers.end() && found->second.for_type.value_or(type) == type;
+    };
     {
         const std::lock_guard<std::mutex> guard(lock_);
         refresh();
-        const auto found = content_.answers.find(call);
-        if (found == content_.answers.end()) {
+        if (!is_meant(content_)) {
             return std::nullopt;
         }
-        if (found->second.times == 0) {
-            return found->second;
+        if (const call_answer &answer = content_.answers.at(call); answer.times == 0) {
+            return answer;
         }
     }
     std::optional<call_answer> taken;
     const std::string error = change_file([&](content &in) -> std::string {
-        const auto found = in.answers.find(call);
-        if (found == in.answers.end()) {
-            return {};
-        }
-        taken = found->second;
-        if (found->second.times == 1) {
-            in.answers.erase(found);
-        } else if (found->second.times > 1) {
-            --found->second.times;
-        }
+        taken = is_meant(in) ? take_one(in.answers, call) : std::nullopt;
         return {};
     });
     if (!error.empty()) {
         kze_log(1, "the use of an answer isn't counted: %s", error.c_str());
     }
     return taken;
+}
+
+std::optional<version_rise> engine_settings::take_rise(const std::string &type) {
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        refresh();
+        const auto found = content_.rises.find(type);
+        if (found == content_.rises.end()) {
+            return std::nullopt;
+        }
+        if (found->second.times == 0) {
+            return found->second;
+        }
+    }
+    std::optional<version_rise> taken;
+    const std::string error = change_file([&](content &in) -> std::string {
+        taken = take_one(in.rises, type);
+        return {};
+    });
+    if (!error.empty()) {
+        kze_log(1, "the use of a set rise isn't counted: %s", error.c_str());
+    }
+    return taken;
+}
+
+std::string engine_settings::raise_version(const std::string &type, const std::string &version,
+                                           bool may_fall) {
+    return change_file([&](content &in) -> std::string {
+        if (may_fall || is_version_below(in.versions[type], version)) {
+            in.versions[type] = version;
+        }
+        return {};
+    });
+}
+
+std::string engine_settings::keep_pack(const std::string &type, const json &pack) {
+    return change_file([&](content &in) -> std::string {
+        in.packs[type] = pack;
+        return {};
+    });
+}
+
+int engine_settings::drive_state(int drive_switch) {
+    const std::lock_guard<std::mutex> guard(lock_);
+    refresh();
+    return content_.drive_states[drive_switch == DRIVE_SWITCH_DRIVE ? 0 : 1];
+}
+
+std::string engine_settings::set_drive_state(int drive_switch, int state) {
+    return change_file([&](content &in) -> std::string {
+        in.drive_states[drive_switch == DRIVE_SWITCH_DRIVE ? 0 : 1] = state;
+        return {};
+    });
 }
 
 std::string engine_settings::version(const std::string &type) {
@@ -395,6 +464,16 @@ std::string engine_settings::save() {
         stamp_ = {};
     }
     return {};
+}
+
+bool is_version_below(const std::string &left, const std::string &right) {
+    const auto numbers = [](const std::string &version) {
+        const std::size_t dot = version.find('.');
+        const char *minor = dot == std::string::npos ? "" : version.c_str() + dot + 1;
+        return std::pair(std::strtoull(version.c_str(), nullptr, 10),
+                         std::strtoull(minor, nullptr, 10));
+    };
+    return numbers(left) < numbers(right);
 }
 
 }  // namespace kze::engine

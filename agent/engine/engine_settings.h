@@ -17,18 +17,11 @@
 #include <optional>
 #include <string>
 
+#include "agent/engine/engine_answer.h"
+
 namespace kze::engine {
 
 constexpr char settings_file[] = "@/../var/lib/qd_agent.json";
-
-/* How one client function is to be answered. */
-struct call_answer {
-    int code = 0;             /* what the function returns; 0 lets the call take its course */
-    std::optional<int> value; /* what its callback or out-parameter gets in place of the usual */
-    unsigned int delay_ms = 0;
-    unsigned int times = 0; /* for how many calls; 0: until it is cleared */
-    bool never = false;     /* the call gets no answer at all */
-};
 
 /*
  * The settings in one file. Safe from any thread, and between processes: each change is made under
@@ -44,26 +37,46 @@ class engine_settings {
 
     /*
      * Carries out one of
-     *   {"op":"answer","call":name,"code":n,"value":n,"delay_ms":n,"times":n,"refuse":b,"never":b}
+     *   {"op":"answer","call":name, ...}, with the members of read_answer
      *   {"op":"clear"} or {"op":"clear","call":name}
      *   {"op":"version","type":"ioc|ioa|md","version":text}
-     * and returns the answer to it, {"ok":true} or {"ok":false,"error":text}. In "answer" only
-     * "call" and one of code, value, delay_ms, refuse and never must be there.
+     *   {"op":"rise","type":"ioc|ioa|md", ...}, with the members of read_rise; none: as usual
+     *   {"op":"drive","drive":n,"collect":n}, or one of the two
+     * and returns the answer to it, {"ok":true} or {"ok":false,"error":text}.
      */
     nlohmann::json apply(const nlohmann::json &request);
 
-    /* The answer set for a call of that name, if any; counts one of its times as used. */
-    std::optional<call_answer> take(const std::string &call);
+    /* The answer set for a call of that name with that first argument, if any; counts one of its
+     * times as used. */
+    std::optional<call_answer> take(const std::string &call, int type = 0);
 
     /* The version of "ioc", "ioa" or "md"; empty for another type. */
     std::string version(const std::string &type);
 
-    /* {"answers":{name:{...}},"versions":{type:text}}, for a status. */
+    /* How the type's version is to rise with this load, if that was set; counts as take does. */
+    std::optional<version_rise> take_rise(const std::string &type);
+
+    /* The following return what went wrong, an empty text when nothing did. */
+
+    /* Sets a type's version, but not to a lower one unless it may fall. */
+    std::string raise_version(const std::string &type, const std::string &version, bool may_fall);
+    /* Keeps what is told of the rule file that was loaded last. */
+    std::string keep_pack(const std::string &type, const nlohmann::json &pack);
+    std::string set_drive_state(int drive_switch, int state);
+
+    /* The state of a qd_drive_switch. */
+    int drive_state(int drive_switch);
+
+    /* {"answers":{name:{...}},"versions":{type:text},"rises":{type:{...}},"packs":{type:{...}},
+     * "drive":{"drive":n,"collect":n}}, for a status; the file has the same. */
     nlohmann::json describe();
 
     struct content {
         std::map<std::string, call_answer> answers;
         std::map<std::string, std::string> versions;
+        std::map<std::string, version_rise> rises;   /* by type of rules, as all but answers */
+        std::map<std::string, nlohmann::json> packs; /* objects */
+        int drive_states[2] = {0, 0};                /* by qd_drive_switch */
     };
 
   private:
@@ -79,6 +92,12 @@ class engine_settings {
     content content_;
     struct stat stamp_ {}; /* of the file as it was read; all zero: there was none */
 };
+
+/*
+ * Whether a version of rules is lower than another: both are "<number>" or "<number>.<number>", and
+ * what is no number counts as 0.
+ */
+bool is_version_below(const std::string &left, const std::string &right);
 
 }  // namespace kze::engine
 

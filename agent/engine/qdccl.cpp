@@ -36,11 +36,12 @@ int plain_call(engine_call call, int first, int second, std::string_view payload
         [&](client_session &session) { return session.call(call, first, second, payload).code; });
 }
 
-int number_call(engine_call call, int first, int second, int *out) {
+template <typename Number>
+int number_call(engine_call call, int first, int second, Number *out) {
     return with_session([&](client_session &session) {
         const client_session::reply reply = session.call(call, first, second, {});
-        if (reply.code == client_ok) {
-            *out = reply.second;
+        if (reply.code == client_ok && reply.payload != kze::engine::unwritten_mark) {
+            *out = static_cast<Number>(reply.second);
         }
         return reply.code;
     });
@@ -55,9 +56,9 @@ int subscribe(event_kind kind, qd_data_cb callback, void *context, engine_call c
 int order_update(engine_call call, enum _engine_type type, std::string_view payload,
                  qd_update_cb callback, void *context) {
     return with_session([&](client_session &session) {
-        return session.order(call, type, payload, [=](int result, std::string_view) {
+        return session.order(call, type, payload, [=](int of, int result, std::string_view) {
             if (callback != nullptr) {
-                callback(type, result, context);
+                callback(static_cast<enum _engine_type>(of), result, context);
             }
         });
     });
@@ -129,12 +130,7 @@ QDCCL_FUNCTION int x_client_engine_query_version(enum _engine_type type,
     if (version_out == nullptr) {
         return client_invalid;
     }
-    int version = 0;
-    const int code = number_call(engine_call::engine_query_version, type, 0, &version);
-    if (code == client_ok) {
-        *version_out = static_cast<unsigned int>(version);
-    }
-    return code;
+    return number_call(engine_call::engine_query_version, type, 0, version_out);
 }
 QDCCL_CHECK(x_client_engine_query_version);
 
@@ -144,7 +140,7 @@ QDCCL_FUNCTION int x_client_engine_query_version_str(enum _engine_type type, cha
     }
     return with_session([&](client_session &session) -> int {
         const auto reply = session.call(engine_call::engine_query_version_str, type, 0, {});
-        if (reply.code != client_ok) {
+        if (reply.code != client_ok || reply.payload.empty()) {
             return reply.code;
         }
         char *version = new_buffer(reply.payload);
@@ -223,7 +219,7 @@ QDCCL_FUNCTION int x_client_coordinate_dispose_trc(const char *request, unsigned
     if (!is_data(request, len) || callback == nullptr) {
         return client_invalid;
     }
-    const auto end = [=](int result, std::string_view data) {
+    const auto end = [=](int /* type */, int result, std::string_view data) {
         /* Without memory for the data the analysis has failed, as far as the caller can tell. */
         char *buffer = result == client_ok ? new_buffer(data) : nullptr;
         if (buffer == nullptr) {

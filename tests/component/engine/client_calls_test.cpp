@@ -1,6 +1,7 @@
 /* The calls of the client library against a running engine. */
 #include "agent/engine/engine_settings.h"
 #include "tests/component/engine/client_fixture.h"
+#include "tests/component/engine/engine_frames.h"
 
 namespace engine_test {
 namespace {
@@ -153,19 +154,6 @@ TEST_F(EngineClient, versions_are_those_that_were_set) {
     EXPECT_EQ(library->x_client_engine_query_version(ENGINE_IOC, nullptr), invalid);
 }
 
-TEST_F(EngineClient, update_takes_a_readable_file_and_leaves_the_version) {
-    start_both();
-    tree.files().write("pack.cfg", "rules");
-    EXPECT_EQ(library->x_client_engine_update(ENGINE_IOA, tree.path("pack.cfg").c_str()), 0);
-    EXPECT_EQ(status().at("updates").at("ioa"), tree.path("pack.cfg"));
-    EXPECT_EQ(version(ENGINE_IOA), "1");
-    EXPECT_EQ(library->x_client_engine_update(ENGINE_IOA, tree.path("none.cfg").c_str()), invalid);
-    EXPECT_EQ(library->x_client_engine_update(ENGINE_COLLECT, tree.path("pack.cfg").c_str()),
-              invalid);
-    EXPECT_EQ(library->x_client_engine_update(ENGINE_IOA, nullptr), invalid);
-    EXPECT_EQ(library->x_client_engine_update(ENGINE_IOA, ""), invalid);
-}
-
 TEST_F(EngineClient, update_gives_the_refusals_that_keep_a_pack) {
     start_both();
     tree.files().write("pack.cfg", "rules");
@@ -178,8 +166,8 @@ TEST_F(EngineClient, update_gives_the_refusals_that_keep_a_pack) {
 
 TEST_F(EngineClient, asynchronous_update_ends_in_its_callback_with_the_set_result) {
     start_both();
-    tree.files().write("pack.cfg", "rules");
-    const std::string pack = tree.path("pack.cfg");
+    tree.files().write("pack.ptn", rule_text(kze::rule_kind::md, "2"));
+    const std::string pack = tree.path("pack.ptn");
     EXPECT_EQ(library->x_client_engine_update_async(ENGINE_MD, pack.c_str(), on_update, &data), 0);
     ASSERT_TRUE(data.wait_for(1));
     ASSERT_TRUE(
@@ -227,22 +215,6 @@ TEST_F(EngineClient, largest_possible_rule_text_passes_and_one_byte_more_fails) 
     EXPECT_EQ(tree.ask({{"op", "rule-text"}, {"type", 1}}).at("bytes"), limit);
 }
 
-TEST_F(EngineClient, coordinate_orders_are_counted_by_kind) {
-    start_both();
-    EXPECT_EQ(library->x_client_coordinate(QD_TRACE_HUNTING, "frame", 5), 0);
-    EXPECT_EQ(library->x_client_coordinate(QD_TRACE_HUNTING, "frames", 6), 0);
-    EXPECT_EQ(library->x_client_coordinate(4, "frame", 5), invalid);
-    EXPECT_EQ(library->x_client_coordinate(QD_TRACE_LINKAGE, nullptr, 5), invalid);
-    EXPECT_EQ(status().at("orders").at("hunting"), (json{{"count", 2}, {"bytes", 6}}));
-}
-
-TEST_F(EngineClient, linkage_analysis_ends_in_its_callback_with_data) {
-    start_both();
-    EXPECT_EQ(library->x_client_coordinate_dispose_trc("order", 5, on_analysis, &data), 0);
-    ASSERT_TRUE(data.wait_for(1));
-    EXPECT_EQ(data.items().at(0), "0:{\"analysis\":\"linkage\",\"request_bytes\":5}");
-}
-
 TEST_F(EngineClient, linkage_analysis_that_fails_has_no_data) {
     start_both();
     ASSERT_TRUE(
@@ -250,38 +222,6 @@ TEST_F(EngineClient, linkage_analysis_that_fails_has_no_data) {
     EXPECT_EQ(library->x_client_coordinate_dispose_trc("order", 5, on_analysis, &data), 0);
     ASSERT_TRUE(data.wait_for(1));
     EXPECT_EQ(data.items().at(0), "12:null");
-}
-
-TEST_F(EngineClient, drive_switches_keep_what_they_were_set_to) {
-    start_both();
-    int result = 99;
-    int state = 99;
-    EXPECT_EQ(library->x_client_set_drive_switch(DRIVE_SWITCH_DRIVE, 1, &result), 0);
-    EXPECT_EQ(result, 0);
-    EXPECT_EQ(library->x_client_get_drive_state(&state), 0);
-    EXPECT_EQ(state, 1);
-    EXPECT_EQ(library->x_client_get_collect_state(&state), 0);
-    EXPECT_EQ(state, 0);
-    EXPECT_EQ(library->x_client_set_drive_switch(DRIVE_SWITCH_COLLECT, 1, &result), 0);
-    EXPECT_EQ(library->x_client_get_collect_state(&state), 0);
-    EXPECT_EQ(state, 1);
-    EXPECT_EQ(library->x_client_set_drive_switch(2, 1, &result), invalid);
-    EXPECT_EQ(library->x_client_set_drive_switch(DRIVE_SWITCH_DRIVE, 2, &result), invalid);
-    EXPECT_EQ(library->x_client_set_drive_switch(DRIVE_SWITCH_DRIVE, 0, nullptr), invalid);
-    EXPECT_EQ(library->x_client_get_drive_state(nullptr), invalid);
-    EXPECT_EQ(library->x_client_get_collect_state(nullptr), invalid);
-}
-
-TEST_F(EngineClient, drive_switch_told_to_try_again_gives_that_result_and_stays) {
-    start_both();
-    ASSERT_TRUE(
-        tree.order({{"op", "answer"}, {"call", "x_client_set_drive_switch"}, {"value", -2}}));
-    int result = 99;
-    int state = 99;
-    EXPECT_EQ(library->x_client_set_drive_switch(DRIVE_SWITCH_DRIVE, 1, &result), 0);
-    EXPECT_EQ(result, -2);
-    EXPECT_EQ(library->x_client_get_drive_state(&state), 0);
-    EXPECT_EQ(state, 0);
 }
 
 TEST_F(EngineClient, run_level_is_kept) {

@@ -220,34 +220,19 @@ TEST_F(EngineEvents, origin_data_of_several_megabytes_arrives_whole) {
     EXPECT_TRUE(data.items().at(1) == lines);
 }
 
-TEST_F(EngineEvents, origin_data_larger_than_a_message_is_cut_at_a_line_and_the_loss_is_logged) {
-    start_both();
-    ASSERT_TRUE(collect_on());
-    ASSERT_EQ(library->x_client_subscribe_origin_data(600, on_data, &data), 0);
-    ASSERT_TRUE(data.wait_for(1));
-    const std::string line = std::string(1023, 'x') + "\n";
-    std::string lines;
-    for (int number = 0; number < 20 * 1024; ++number) {
-        lines += line;
-    }
-    ASSERT_TRUE(tree.push("origin", lines).at("ok"));
-    ASSERT_TRUE(data.wait_for(2));
-    /* 16 MiB less the head of 24 bytes hold 16383 lines of 1 KiB. */
-    EXPECT_EQ(data.items().at(1).size(), 16383U * 1024U);
-    EXPECT_EQ(data.items().at(1).back(), '\n');
-    EXPECT_NE(tree.files().read("var/log/qd_agent/qd_agent.log").find("4097 lines are lost"),
-              std::string::npos);
-}
-
-TEST_F(EngineEvents, other_data_larger_than_a_message_is_refused) {
+TEST_F(EngineEvents, push_of_more_than_a_message_holds_is_refused_origin_data_too) {
     start_both();
     subscribe_all();
+    ASSERT_TRUE(collect_on());
+    ASSERT_EQ(library->x_client_subscribe_origin_data(600, on_data, &data), 0);
     const std::size_t limit = (16U << 20) - 24;
     EXPECT_TRUE(tree.push("alarm", std::string(limit, 'a')).at("ok"));
-    const json answer = tree.push("alarm", std::string(limit + 1, 'a'));
-    EXPECT_EQ(answer.at("ok"), false);
-    EXPECT_NE(answer.at("error").get<std::string>().find("larger than a message"),
-              std::string::npos);
+    for (const char *kind : {"alarm", "origin"}) {
+        const json answer = tree.push(kind, std::string(limit + 1, 'a'));
+        EXPECT_EQ(answer.at("ok"), false);
+        EXPECT_NE(answer.at("error").get<std::string>().find("larger than a message"),
+                  std::string::npos);
+    }
     ASSERT_TRUE(alarms.wait_for(1));
     EXPECT_EQ(alarms.items().at(0).size(), limit);
 }
@@ -296,7 +281,8 @@ TEST_F(EngineEvents, events_that_fill_the_bound_exactly_are_kept_and_the_next_is
     }
     EXPECT_FALSE(tree.push("alarm", std::string(eighth + 1, 'a')).at("ok"));
     EXPECT_TRUE(tree.push("alarm", std::string(eighth, 'a')).at("ok"));
-    EXPECT_FALSE(tree.push("alarm", "a").at("ok"));
+    EXPECT_EQ(tree.push("alarm", "a").at("error"),
+              "the client has 64 MiB of events to fetch and takes no more, the push is dropped");
     const json client = status().at("clients").at(0);
     EXPECT_EQ(client.at("events_waiting"), 8);
     EXPECT_EQ(client.at("events_dropped"), 2);

@@ -120,7 +120,7 @@ TEST_F(EngineOutage, call_in_the_middle_of_which_the_engine_dies_ends_at_once) {
 
 TEST_F(EngineOutage, update_whose_engine_dies_ends_in_its_callback_before_the_report) {
     start_both();
-    tree.files().write("pack.cfg", "rules");
+    tree.files().write("pack.cfg", "version=2\n");
     /* The engine takes 50 ms for an update and dies before. */
     ASSERT_EQ(library->x_client_engine_update_async(ENGINE_MD, tree.path("pack.cfg").c_str(),
                                                     on_update, &outages),

@@ -197,6 +197,7 @@ TEST_F(EngineSettings, refuse_what_is_not_meant_and_say_why) {
         error_of({{"op", "answer"}, {"call", "x_client_start"}, {"refuse", true}, {"code", 1}})
             .find("stands alone"),
         std::string::npos);
+    EXPECT_EQ(with("cod", 1), "no member \"cod\" is known here");
     EXPECT_NE(error_of({{"op", "version"}, {"type", "x"}, {"version", "1"}}).find("ioc ioa md"),
               std::string::npos);
     const auto version = [&](const std::string &text) {
@@ -211,6 +212,137 @@ TEST_F(EngineSettings, refuse_what_is_not_meant_and_say_why) {
     EXPECT_FALSE(engine_settings::is_settings_request({{"op", 1}}));
     EXPECT_FALSE(engine_settings::is_settings_request(json::array()));
     EXPECT_FALSE(engine_settings::is_settings_request({{"op", "status"}}));
+}
+
+TEST_F(EngineSettings, refuse_members_that_a_call_can_not_have_or_not_together) {
+    const auto error = [&](const std::string &call, json members) {
+        members["op"] = "answer";
+        members["call"] = call;
+        return error_of(members);
+    };
+    const std::string by_data = "x_client_engine_update_by_data";
+    EXPECT_EQ(error("x_client_start", {{"callback_delay_ms", 1}}),
+              "x_client_start has no callback");
+    EXPECT_EQ(error("x_client_engine_update", {{"callback_never", true}}),
+              "x_client_engine_update has no callback");
+    EXPECT_EQ(error("x_client_coordinate", {{"callback_type", 1}}),
+              "the callback of x_client_coordinate is told no engine type");
+    EXPECT_EQ(error(by_data, {{"unwritten", true}}),
+              by_data + " has no out-parameter to leave unwritten");
+    EXPECT_EQ(error("x_client_get_drive_state", {{"unwritten", true}, {"value", 1}}),
+              "\"unwritten\" and \"value\" exclude one another");
+    for (const json &other : {json{{"code", -1}}, json{{"refuse", true}}, json{{"never", true}}}) {
+        json members = other;
+        members["callback_delay_ms"] = 5;
+        EXPECT_EQ(error(by_data, members),
+                  "a call that fails or gets no answer has no callback either");
+    }
+    for (const json &other :
+         {json{{"callback_delay_ms", 5}}, json{{"callback_type", 5}}, json{{"value", 5}}}) {
+        json members = other;
+        members["callback_never"] = true;
+        EXPECT_EQ(error(by_data, members),
+                  "a callback that never comes has no delay, type or value");
+    }
+    EXPECT_EQ(error("x_client_start", {{"code", 1}, {"for_type", 1}}),
+              "x_client_start has no type as its first argument");
+    EXPECT_NE(error(by_data, {{"for_type", 7}}).find("say how to answer"), std::string::npos);
+    EXPECT_EQ(error(by_data, {{"callback_delay_ms", 600000}, {"callback_type", -1}}), "");
+    EXPECT_NE(error(by_data, {{"callback_delay_ms", 600001}}).find("from 0 to 600000"),
+              std::string::npos);
+}
+
+TEST_F(EngineSettings, keep_every_member_for_the_next_process) {
+    ASSERT_EQ(error_of({{"op", "answer"},
+                        {"call", "x_client_engine_update_by_data"},
+                        {"callback_delay_ms", 20},
+                        {"callback_type", 3},
+                        {"for_type", 7}}),
+              "");
+    ASSERT_EQ(
+        error_of({{"op", "answer"}, {"call", "x_client_coordinate"}, {"callback_never", true}}),
+        "");
+    ASSERT_EQ(
+        error_of({{"op", "answer"}, {"call", "x_client_set_drive_switch"}, {"unwritten", true}}),
+        "");
+    ASSERT_EQ(error_of({{"op", "drive"}, {"drive", INT_MIN}, {"collect", INT_MAX}}), "");
+    engine_settings other(file());
+    EXPECT_EQ(other.describe(), settings.describe());
+    EXPECT_FALSE(other.take("x_client_engine_update_by_data", 8));
+    const auto answer = other.take("x_client_engine_update_by_data", 7);
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->callback_delay_ms, 20U);
+    EXPECT_EQ(answer->callback_type, 3);
+    EXPECT_TRUE(other.take("x_client_coordinate", 2)->callback_never);
+    EXPECT_TRUE(other.take("x_client_set_drive_switch", 1)->unwritten);
+    EXPECT_EQ(other.drive_state(0), INT_MIN);
+    EXPECT_EQ(other.drive_state(1), INT_MAX);
+}
+
+TEST_F(EngineSettings, count_no_use_of_an_answer_that_is_for_another_type) {
+    ASSERT_EQ(error_of({{"op", "answer"},
+                        {"call", "x_client_engine_update"},
+                        {"code", -8},
+                        {"for_type", 1},
+                        {"times", 1}}),
+              "");
+    EXPECT_FALSE(settings.take("x_client_engine_update", 2));
+    EXPECT_TRUE(settings.take("x_client_engine_update", 1));
+    EXPECT_FALSE(settings.take("x_client_engine_update", 1));
+}
+
+TEST_F(EngineSettings, keep_how_a_version_rises_for_as_many_loads_as_was_set) {
+    ASSERT_EQ(
+        error_of({{"op", "rise"}, {"type", "ioc"}, {"to", "9.9"}, {"after_ms", 5}, {"times", 2}}),
+        "");
+    engine_settings other(file());
+    EXPECT_FALSE(other.take_rise("ioa"));
+    for (int use = 0; use < 2; ++use) {
+        const auto rise = other.take_rise("ioc");
+        ASSERT_TRUE(rise);
+        EXPECT_EQ(rise->to, "9.9");
+        EXPECT_EQ(rise->after_ms, 5U);
+        EXPECT_FALSE(rise->never);
+    }
+    EXPECT_FALSE(settings.take_rise("ioc"));
+    ASSERT_EQ(error_of({{"op", "rise"}, {"type", "md"}, {"never", true}}), "");
+    for (int use = 0; use < 5; ++use) {
+        EXPECT_TRUE(other.take_rise("md")->never);
+    }
+    ASSERT_EQ(error_of({{"op", "rise"}, {"type", "md"}}), "");
+    EXPECT_FALSE(other.take_rise("md"));
+}
+
+TEST_F(EngineSettings, refuse_a_rise_or_a_drive_state_that_is_not_meant) {
+    const auto rise = [&](json members) {
+        members["op"] = "rise";
+        return error_of(members);
+    };
+    EXPECT_NE(rise({{"type", "x"}}).find("ioc ioa md"), std::string::npos);
+    EXPECT_NE(rise({{"type", "ioc"}, {"after_ms", -1}}).find("from 0 to 600000"),
+              std::string::npos);
+    EXPECT_NE(rise({{"type", "ioc"}, {"to", ""}}).find("\"to\" must be"), std::string::npos);
+    EXPECT_EQ(rise({{"type", "ioc"}, {"never", true}, {"to", "2.0"}}),
+              "\"never\" excludes \"to\" and \"after_ms\"");
+    EXPECT_EQ(rise({{"type", "ioc"}, {"after", 1}}), "no member \"after\" is known here");
+    EXPECT_EQ(error_of({{"op", "drive"}}), "say which state: \"drive\" or \"collect\", or both");
+    EXPECT_NE(error_of({{"op", "drive"}, {"drive", "on"}}).find("whole number"), std::string::npos);
+    EXPECT_EQ(error_of({{"op", "drive"}, {"driver", 1}}), "no member \"driver\" is known here");
+    EXPECT_EQ(settings.drive_state(0), 0);
+}
+
+TEST_F(EngineSettings, raise_a_version_but_let_it_fall_only_where_it_may) {
+    using kze::engine::is_version_below;
+    EXPECT_TRUE(is_version_below("5.9", "5.10"));
+    EXPECT_TRUE(is_version_below("1.999", "2.0"));
+    EXPECT_FALSE(is_version_below("2.0", "2.0"));
+    EXPECT_TRUE(is_version_below("9", "10"));
+    EXPECT_TRUE(is_version_below("none", "0.1"));
+    EXPECT_EQ(settings.raise_version("ioc", "5.10", false), "");
+    EXPECT_EQ(settings.raise_version("ioc", "5.9", false), "");
+    EXPECT_EQ(settings.version("ioc"), "5.10");
+    EXPECT_EQ(settings.raise_version("ioc", "5.9", true), "");
+    EXPECT_EQ(settings.version("ioc"), "5.9");
 }
 
 TEST_F(EngineSettings, take_a_broken_file_as_none_and_its_valid_parts_where_it_has_some) {

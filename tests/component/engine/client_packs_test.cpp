@@ -1,0 +1,192 @@
+/* Rule files that the engine loads, and the versions to which they raise it. */
+#include "agent/common/md5.h"
+#include "tests/component/engine/client_fixture.h"
+#include "tests/component/engine/engine_frames.h"
+
+namespace engine_test {
+namespace {
+
+using kze::rule_kind;
+
+constexpr int bad_rules = -7;
+
+class EngineRuleFiles : public EngineClient {
+  protected:
+    /* Writes a rule file and gives its path. */
+    std::string rules(rule_kind kind, const std::string &version) {
+        tree.files().write("rules", rule_text(kind, version));
+        return tree.path("rules");
+    }
+    int load(rule_kind kind, const std::string &version) {
+        return library->x_client_engine_update(static_cast<_engine_type>(kind),
+                                               rules(kind, version).c_str());
+    }
+    int load_async(const std::string &version) {
+        return library->x_client_engine_update_async(
+            ENGINE_MD, rules(rule_kind::md, version).c_str(), on_update, &data);
+    }
+    bool rise(const std::string &type, json members) {
+        members["op"] = "rise";
+        members["type"] = type;
+        return tree.order(members);
+    }
+};
+
+TEST_F(EngineRuleFiles, version_rises_to_that_of_the_file_and_outlives_the_engine) {
+    start_both();
+    EXPECT_EQ(load(rule_kind::ioc, "5.10"), 0);
+    EXPECT_EQ(version(ENGINE_IOC), "5.10");
+    EXPECT_EQ(load(rule_kind::ioa, "77"), 0);
+    EXPECT_EQ(version(ENGINE_IOA), "77");
+    EXPECT_EQ(load_async("4294967295"), 0);
+    ASSERT_TRUE(data.wait_for(1));
+    EXPECT_EQ(data.items().at(0), "3:0");
+    EXPECT_EQ(version(ENGINE_MD), "4294967295");
+    const json before = status();
+    EXPECT_EQ(before.at("updates").at("ioa"), tree.path("rules"));
+    tree.kill_engine(SIGKILL);
+    tree.start_engine();
+    const json after = status();
+    EXPECT_EQ(after.at("versions"), (json{{"ioc", "5.10"}, {"ioa", "77"}, {"md", "4294967295"}}));
+    EXPECT_EQ(after.at("packs"), before.at("packs"));
+}
+
+TEST_F(EngineRuleFiles, loaded_file_is_told_with_its_text) {
+    start_both();
+    ASSERT_EQ(load(rule_kind::ioa, "12"), 0);
+    const std::string text = rule_text(rule_kind::ioa, "12");
+    const std::string md5 = kze::md5_of_bytes(text).value();
+    json pack = status().at("packs").at("ioa");
+    EXPECT_GT(pack.at("time_us").get<std::int64_t>(), 0);
+    pack.erase("time_us");
+    EXPECT_EQ(pack, (json{{"file", tree.path("rules")},
+                          {"version", "12"},
+                          {"rules", 1},
+                          {"full", true},
+                          {"bytes", text.size()},
+                          {"md5", md5}}));
+    const json held = status().at("rules").at(0);
+    EXPECT_EQ(held.at("part"), "file");
+    EXPECT_EQ(held.at("name"), "ioa");
+    EXPECT_EQ(held.at("source"), tree.path("rules"));
+    EXPECT_EQ(held.at("md5"), md5);
+    EXPECT_EQ(held.at("first_line"), "version=12");
+    EXPECT_EQ(tree.ask({{"op", "rule-text"}, {"type", 2}, {"part", "file"}}).at("text"), text);
+}
+
+TEST_F(EngineRuleFiles, broken_file_is_refused_with_its_code_and_the_reason_is_logged) {
+    start_both();
+    for (const auto &[kind, text] : {std::pair(ENGINE_IOC, "{"), std::pair(ENGINE_IOA, "rule=x\n"),
+                                     std::pair(ENGINE_MD, "")}) {
+        tree.files().write("broken", text);
+        EXPECT_EQ(library->x_client_engine_update(kind, tree.path("broken").c_str()), bad_rules)
+            << kind;
+    }
+    EXPECT_EQ(library->x_client_engine_update_async(ENGINE_MD, tree.path("broken").c_str(),
+                                                    on_update, &data),
+              bad_rules);
+    EXPECT_EQ(library->x_client_engine_update(ENGINE_IOA, tree.path("var").c_str()), bad_rules);
+    EXPECT_NE(tree.files().read("var/log/qd_agent/qd_agent.log").find("broken\": line 1: "),
+              std::string::npos);
+    EXPECT_EQ(status().at("versions"), (json{{"ioc", "1.0"}, {"ioa", "1"}, {"md", "1"}}));
+    EXPECT_TRUE(status().at("packs").empty());
+    EXPECT_EQ(data.count(), 0U);
+}
+
+TEST_F(EngineRuleFiles, file_that_is_none_or_of_a_type_without_files_is_refused) {
+    start_both();
+    const std::string path = rules(rule_kind::ioa, "2");
+    EXPECT_EQ(library->x_client_engine_update(ENGINE_IOA, tree.path("none.cfg").c_str()), invalid);
+    EXPECT_EQ(library->x_client_engine_update(ENGINE_COLLECT, path.c_str()), invalid);
+    EXPECT_EQ(library->x_client_engine_update(ENGINE_CUSTOM_IOA, path.c_str()), invalid);
+    EXPECT_EQ(library->x_client_engine_update(ENGINE_IOA, nullptr), invalid);
+    EXPECT_EQ(library->x_client_engine_update(ENGINE_IOA, ""), invalid);
+}
+
+TEST_F(EngineRuleFiles, refused_load_leaves_the_version) {
+    start_both();
+    for (const int code : {-8, -14, 3}) {
+        ASSERT_TRUE(tree.order({{"op", "answer"},
+                                {"call", "x_client_engine_update"},
+                                {"for_type", ENGINE_IOC},
+                                {"code", code}}));
+        EXPECT_EQ(load(rule_kind::ioc, "9.0"), code);
+    }
+    EXPECT_EQ(load(rule_kind::ioa, "9"), 0);
+    EXPECT_EQ(status().at("versions"), (json{{"ioc", "1.0"}, {"ioa", "9"}, {"md", "1"}}));
+}
+
+TEST_F(EngineRuleFiles, lower_version_is_taken_and_changes_nothing) {
+    start_both();
+    ASSERT_EQ(load(rule_kind::ioc, "5.10"), 0);
+    const json before = status();
+    EXPECT_EQ(load(rule_kind::ioc, "5.9"), 0);
+    EXPECT_EQ(load(rule_kind::ioc, "4.200"), 0);
+    EXPECT_EQ(version(ENGINE_IOC), "5.10");
+    EXPECT_EQ(status().at("packs"), before.at("packs"));
+    EXPECT_EQ(load(rule_kind::ioc, "5.10"), 0);
+    EXPECT_EQ(status().at("rules").at(0).at("count"), 2);
+}
+
+TEST_F(EngineRuleFiles, version_rises_as_much_later_as_was_set) {
+    start_both();
+    ASSERT_TRUE(rise("ioc", {{"after_ms", 600}, {"times", 1}}));
+    EXPECT_EQ(load(rule_kind::ioc, "2.0"), 0);
+    EXPECT_EQ(version(ENGINE_IOC), "1.0");
+    EXPECT_TRUE(kze_test::eventually([this] { return version(ENGINE_IOC) == "2.0"; }));
+    EXPECT_EQ(load(rule_kind::ioc, "2.1"), 0);
+    EXPECT_EQ(version(ENGINE_IOC), "2.1");
+}
+
+TEST_F(EngineRuleFiles, version_jumps_to_the_one_that_was_set_and_may_fall_to_it) {
+    start_both();
+    ASSERT_TRUE(rise("ioa", {{"to", "50"}}));
+    EXPECT_EQ(load(rule_kind::ioa, "5"), 0);
+    EXPECT_EQ(version(ENGINE_IOA), "50");
+    ASSERT_TRUE(rise("ioa", {{"to", "3"}}));
+    EXPECT_EQ(load(rule_kind::ioa, "60"), 0);
+    EXPECT_EQ(version(ENGINE_IOA), "3");
+    EXPECT_EQ(status().at("packs").at("ioa").at("version"), "60");
+}
+
+TEST_F(EngineRuleFiles, version_that_is_never_to_rise_stays_until_it_is_cleared) {
+    start_both();
+    ASSERT_TRUE(rise("ioc", {{"never", true}}));
+    EXPECT_EQ(load(rule_kind::ioc, "2.0"), 0);
+    EXPECT_EQ(version(ENGINE_IOC), "1.0");
+    EXPECT_EQ(status().at("packs").at("ioc").at("version"), "2.0");
+    EXPECT_EQ(status().at("rises").at("ioc").at("never"), true);
+    ASSERT_TRUE(rise("ioc", json::object()));
+    EXPECT_TRUE(status().at("rises").empty());
+    EXPECT_EQ(load(rule_kind::ioc, "2.0"), 0);
+    EXPECT_EQ(version(ENGINE_IOC), "2.0");
+    ASSERT_TRUE(rise("ioc", {{"never", true}}));
+    ASSERT_TRUE(tree.order({{"op", "clear"}}));
+    EXPECT_TRUE(status().at("rises").empty());
+}
+
+TEST_F(EngineRuleFiles, load_that_fails_in_its_callback_leaves_the_version) {
+    start_both();
+    ASSERT_TRUE(tree.order({{"op", "answer"},
+                            {"call", "x_client_engine_update_async"},
+                            {"value", -16},
+                            {"times", 1}}));
+    EXPECT_EQ(load_async("8"), 0);
+    ASSERT_TRUE(data.wait_for(1));
+    EXPECT_EQ(version(ENGINE_MD), "1");
+    ASSERT_TRUE(tree.order({{"op", "answer"},
+                            {"call", "x_client_engine_update_async"},
+                            {"callback_type", ENGINE_IOA},
+                            {"callback_delay_ms", 300},
+                            {"times", 1}}));
+    EXPECT_EQ(load_async("8"), 0);
+    ASSERT_TRUE(data.wait_for(2));
+    ASSERT_TRUE(tree.order(
+        {{"op", "answer"}, {"call", "x_client_engine_update_async"}, {"callback_never", true}}));
+    EXPECT_EQ(load_async("9"), 0);
+    EXPECT_EQ(data.items(), (std::vector<std::string>{"3:-16", "2:0"}));
+    EXPECT_EQ(version(ENGINE_MD), "9");
+}
+
+}  // namespace
+}  // namespace engine_test
