@@ -3,6 +3,7 @@
 #include <new>
 
 #include "config/kzemm_config.h"
+#include "datapath/kzemm_mutex_lock.h"
 #include "engine/kzemm_loader.h"
 #include "kzautil.h"
 #include "vrdbase.h"
@@ -11,18 +12,6 @@ namespace {
 
 constexpr char log_directory[] = "@/../var/log/agent/kzemdlmgr/task";
 constexpr int log_files = 5;
-
-// Holds a mutex for as long as it lives.
-class mutex_lock {
-  public:
-    explicit mutex_lock(kze_mutex_t to_hold) : mutex(to_hold) { kze_mutex_lock(mutex); }
-    ~mutex_lock() { kze_mutex_unlock(mutex); }
-    mutex_lock(const mutex_lock &) = delete;
-    mutex_lock &operator=(const mutex_lock &) = delete;
-
-  private:
-    const kze_mutex_t mutex;
-};
 
 // Of these types only the latest request counts.
 bool replaces_older(KZEMM_TASK_TYPE type) {
@@ -191,7 +180,9 @@ void kzemm_task::erase_spe_type_task(KZEMM_TASK_TYPE type) {
 
 void kzemm_task::clear_task_list() {
     while (!task_list.empty()) {
-        task_list.front()->release();
+        if (kzemm::task_info *const task = task_list.front()) {
+            task->release();
+        }
         task_list.pop_front();
     }
 }
