@@ -54,6 +54,7 @@ exit_status show_rules(const command_line &line) {
     if (line.out.json()) {
         line.out.json_line({{"texts", status.at("rules")},
                             {"packs", status.at("packs")},
+                            {"loads", status.at("loads")},
                             {"versions", status.at("versions")}});
     } else {
         print_rules(status, line.out);

@@ -81,12 +81,25 @@ void print_packs(const json &packs, const output &out) {
     for (const auto &[type, pack] : packs.items()) {
         std::vector<table::cell> row = {{type, look::strong},
                                         {"version " + pack.value("version", std::string())},
-                                        {std::to_string(pack.value("rules", 0)) + " rules"}};
+                                        {std::to_string(pack.value("rules", 0)) + " rules, " +
+                                         std::to_string(pack.value("rules_held", 0)) + " held"}};
         for (table::cell &mark : marks_of(pack)) {
             row.push_back(std::move(mark));
         }
         row.push_back({printable(pack.value("file", std::string()))});
         rows.add(std::move(row));
+    }
+    rows.print(out, 2);
+}
+
+void print_loads(const json &loads, const output &out) {
+    table rows;
+    for (const json &load : loads) {
+        const bool answered = load.at("answered").get<bool>();
+        rows.add({{human_time(load.at("time_us").get<std::int64_t>())},
+                  {"type " + load.at("type").dump()},
+                  {answered ? "code " + load.at("code").dump() : "no answer"},
+                  {printable(load.at("file").get<std::string>())}});
     }
     rows.print(out, 2);
 }
@@ -161,6 +174,10 @@ void print_rules(const json &status, const output &out) {
         out.line("  none");
     }
     print_packs(packs, out);
+    if (const json &loads = member(status, "loads"); !loads.empty()) {
+        out.line(out.paint(look::strong, "Last loads"));
+        print_loads(loads, out);
+    }
     table versions;
     for (const auto &[type, version] : member(status, "versions").items()) {
         versions.add({{type, look::strong}, {version.get<std::string>()}});

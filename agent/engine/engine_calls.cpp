@@ -18,6 +18,8 @@ using nlohmann::json;
 
 /* How long an asynchronous order keeps the engine busy before its callback's turn comes. */
 constexpr unsigned int order_ms = 50;
+/* What is told of the past: so many of the last loads and drive orders. */
+constexpr std::size_t loads_kept = 64;
 constexpr std::size_t drive_orders_kept = 16;
 constexpr std::size_t name_limit = 64;
 constexpr int cycle_limit_s = 7 * 24 * 3600;
@@ -32,6 +34,13 @@ std::optional<event_kind> coordinate_kind(int trace_type) {
             return event_kind::hunting;
         default:
             return std::nullopt;
+    }
+}
+
+void keep_newest(std::deque<json> &in, json what, std::size_t kept) {
+    in.push_back(std::move(what));
+    if (in.size() > kept) {
+        in.pop_front();
     }
 }
 
@@ -56,6 +65,9 @@ call_result engine_calls::carry_out(engine_call call, const record &request,
     call_result result = outcome(call, request, told.value_or(call_answer()));
     if (call == engine_call::set_drive_switch) {
         note_drive_order(request, result);
+    }
+    if (call == engine_call::engine_update || call == engine_call::engine_update_async) {
+        note_load(call, request, result);
     }
     return result;
 }
@@ -366,10 +378,20 @@ void engine_calls::note_drive_order(const record &request, const call_result &re
             order["result"] = result.payload == unwritten_mark ? json() : json(result.second);
         }
     }
-    drive_orders_.push_back(order);
-    if (drive_orders_.size() > drive_orders_kept) {
-        drive_orders_.pop_front();
+    keep_newest(drive_orders_, std::move(order), drive_orders_kept);
+}
+
+void engine_calls::note_load(engine_call call, const record &request, const call_result &result) {
+    bool escaped = false;
+    json load = {{"time_us", now_us()},
+                 {"type", request.first},
+                 {"file", text_of_bytes(request.payload.substr(0, PATH_MAX), escaped)},
+                 {"asynchronous", call == engine_call::engine_update_async},
+                 {"answered", result.answered}};
+    if (result.answered) {
+        load["code"] = result.code;
     }
+    keep_newest(loads_, std::move(load), loads_kept);
 }
 
 void engine_calls::describe(json &into) const {
@@ -378,6 +400,7 @@ void engine_calls::describe(json &into) const {
     }
     into["run_level"] = run_level_;
     into["drive_orders"] = drive_orders_;
+    into["loads"] = loads_;
     into["orders"] = json::object();
     for (const auto &[kind, order] : orders_) {
         into["orders"][kind] = {{"count", order.count}, {"bytes", order.bytes}};

@@ -89,6 +89,7 @@ class engine_calls {
     std::uint64_t count_order(const char *kind, std::size_t bytes);
     call_result set_drive(const record &request);
     void note_drive_order(const record &request, const call_result &result);
+    void note_load(engine_call call, const record &request, const call_result &result);
 
     engine_settings &settings_;
     engine_clients &clients_;
@@ -97,7 +98,8 @@ class engine_calls {
     std::map<int, bool> capabilities_;
     std::atomic<bool> collecting_{false};
     int run_level_ = 0;
-    std::deque<nlohmann::json> drive_orders_;   /* the newest at the end */
+    std::deque<nlohmann::json> loads_; /* the newest at the end, as below */
+    std::deque<nlohmann::json> drive_orders_;
     std::map<std::string, order_count> orders_; /* by kind of order */
     std::map<int, std::string> updates_;        /* the path that came last, by type */
     engine_rules rules_;

@@ -1,5 +1,7 @@
 #include "agent/engine/engine_server.h"
 
+#include <iterator>
+
 #include "agent/common/control.h"
 #include "vrdbase.h"
 
@@ -197,7 +199,8 @@ void engine_server::on_tick(cl_timerplus *timer) {
 }
 
 void engine_server::later(unsigned int ms, std::function<void()> what) {
-    later_task &task = tasks_.emplace_back(later_task{this, std::move(what), nullptr});
+    later_task &task = tasks_.emplace_back(later_task{this, std::move(what), nullptr, {}});
+    task.place = std::prev(tasks_.end());
     task.timer = cl_timerplus_start(ms, 0, 0, on_later, &task);
     if (task.timer == nullptr) {
         kze_log(1, "no timer for an answer, it is lost");
@@ -210,7 +213,7 @@ void engine_server::on_later(cl_timerplus *timer) {
     engine_server *server = task->owner;
     const std::function<void()> what = std::move(task->what);
     cl_timerplus_close(timer);
-    server->tasks_.remove_if([task](const later_task &one) { return &one == task; });
+    server->tasks_.erase(task->place);
     what();
 }
 

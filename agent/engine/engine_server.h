@@ -37,6 +37,7 @@ class engine_server {
         engine_server *owner;
         std::function<void()> what;
         cl_timerplus *timer;
+        std::list<later_task>::iterator place;
     };
 
     engine_server(vrd_ipc_st *ipc, const std::string &settings_path);

@@ -239,6 +239,12 @@ settings_change find_change(const json &request) {
     return nullptr;
 }
 
+/* What is told of a pack may have come from a file that a person has changed. */
+std::uint64_t rules_held(const json &pack) {
+    const auto found = pack.find("rules_held");
+    return found != pack.end() && found->is_number_unsigned() ? found->get<std::uint64_t>() : 0;
+}
+
 /* Takes one use of what is set under a key. */
 template <typename Set>
 std::optional<Set> take_one(std::map<std::string, Set> &from, const std::string &key) {
@@ -360,7 +366,10 @@ std::string engine_settings::raise_version(const std::string &type, const std::s
 
 std::string engine_settings::keep_pack(const std::string &type, const json &pack) {
     return change_file([&](content &in) -> std::string {
-        in.packs[type] = pack;
+        json &kept = in.packs[type];
+        const std::uint64_t before = pack.at("full") == true ? 0 : rules_held(kept);
+        kept = pack;
+        kept["rules_held"] = before + pack.at("rules").get<std::uint64_t>();
         return {};
     });
 }

@@ -60,7 +60,8 @@ class engine_settings {
 
     /* Sets a type's version, but not to a lower one unless it may fall. */
     std::string raise_version(const std::string &type, const std::string &version, bool may_fall);
-    /* Keeps what is told of the rule file that was loaded last. */
+    /* Keeps what is told of the rule file that was loaded last, with its numbers of "rules" and
+     * whether it is "full"; adds "rules_held", in which those before count where it isn't. */
     std::string keep_pack(const std::string &type, const nlohmann::json &pack);
     std::string set_drive_state(int drive_switch, int state);
 

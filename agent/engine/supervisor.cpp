@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "agent/common/tree.h"
@@ -186,14 +187,15 @@ int supervise(const service &of, int report_descriptor) {
         ::sigaddset(&signals, signal);
     }
     ::sigprocmask(SIG_SETMASK, &signals, nullptr);
-    supervisor_lock lock(of);
-    if (!lock.take()) {
+    auto lock = std::make_unique<supervisor_lock>(of);
+    if (!lock->take()) {
         report(report_to, "another supervisor has taken the service");
         return 1;
     }
     program_keeper keeper(of, signals);
     std::string error;
     if (!keeper.start(error)) {
+        lock.reset(); /* who reads the report is to find the service down */
         report(report_to, error);
         return 1;
     }

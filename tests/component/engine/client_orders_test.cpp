@@ -177,6 +177,19 @@ TEST_F(EngineOrders, event_that_is_never_to_come_does_not_come) {
     EXPECT_EQ(json::parse(linkages.items().at(0)).at("number"), 2);
 }
 
+TEST_F(EngineOrders, thousands_of_orders_that_wait_for_their_events_hold_nothing_up) {
+    start_both();
+    subscribe_all();
+    constexpr std::size_t count = 5000;
+    ASSERT_TRUE(answer("x_client_coordinate", {{"callback_delay_ms", 3000}}));
+    for (std::size_t number = 0; number < count; ++number) {
+        ASSERT_EQ(coordinate(QD_TRACE_LINKAGE, order_frame("x")), 0);
+    }
+    ASSERT_TRUE(linkages.wait_for(count));
+    EXPECT_EQ(outages.count(), 0U);
+    EXPECT_EQ(json::parse(linkages.items().at(count - 1)).at("number"), count);
+}
+
 TEST_F(EngineOrders, order_that_nobody_has_registered_for_is_taken_all_the_same) {
     start_both();
     EXPECT_EQ(coordinate(QD_TRACE_LINKAGE, order_frame("x")), 0);

@@ -62,6 +62,7 @@ TEST_F(EngineRuleFiles, loaded_file_is_told_with_its_text) {
     EXPECT_EQ(pack, (json{{"file", tree.path("rules")},
                           {"version", "12"},
                           {"rules", 1},
+                          {"rules_held", 1},
                           {"full", true},
                           {"bytes", text.size()},
                           {"md5", md5}}));
@@ -72,6 +73,56 @@ TEST_F(EngineRuleFiles, loaded_file_is_told_with_its_text) {
     EXPECT_EQ(held.at("md5"), md5);
     EXPECT_EQ(held.at("first_line"), "version=12");
     EXPECT_EQ(tree.ask({{"op", "rule-text"}, {"type", 2}, {"part", "file"}}).at("text"), text);
+}
+
+TEST_F(EngineRuleFiles, incremental_files_add_to_the_rules_that_are_held) {
+    start_both();
+    kze::rule_file file;
+    const auto load_ioc = [&](const std::string &version, bool full, std::size_t rules) {
+        file.version = version;
+        file.full = full;
+        file.rules.assign(rules, "ip:192.0.2.1");
+        tree.files().write("rules", kze::rule_file_text(file));
+        return library->x_client_engine_update(ENGINE_IOC, tree.path("rules").c_str());
+    };
+    const auto held = [this] { return status().at("packs").at("ioc").at("rules_held"); };
+    ASSERT_EQ(load_ioc("2.1", false, 2), 0);
+    EXPECT_EQ(held(), 2);
+    ASSERT_EQ(load_ioc("2.2", false, 3), 0);
+    EXPECT_EQ(held(), 5);
+    ASSERT_EQ(load_ioc("3.0", true, 4), 0);
+    EXPECT_EQ(held(), 4);
+    ASSERT_EQ(load_ioc("3.1", false, 1), 0);
+    EXPECT_EQ(held(), 5);
+}
+
+TEST_F(EngineRuleFiles, last_loads_are_told_in_their_order_with_what_became_of_them) {
+    start_both();
+    ASSERT_TRUE(tree.order(
+        {{"op", "answer"}, {"call", "x_client_engine_update"}, {"code", -8}, {"times", 1}}));
+    EXPECT_EQ(load(rule_kind::ioc, "2.0"), -8);
+    EXPECT_EQ(load(rule_kind::ioc, "2.0"), 0);
+    EXPECT_EQ(load_async("5"), 0);
+    EXPECT_EQ(library->x_client_engine_update(ENGINE_IOA, "/none"), invalid);
+    json loads = status().at("loads");
+    for (json &one : loads) {
+        EXPECT_GT(one.at("time_us").get<std::int64_t>(), 0);
+        one.erase("time_us");
+    }
+    const auto row = [](int type, const std::string &file, bool asynchronous, int code) {
+        return json{{"type", type},
+                    {"file", file},
+                    {"asynchronous", asynchronous},
+                    {"answered", true},
+                    {"code", code}};
+    };
+    const std::string file = tree.path("rules");
+    EXPECT_EQ(loads, (json::array({row(1, file, false, -8), row(1, file, false, 0),
+                                   row(3, file, true, 0), row(2, "/none", false, invalid)})));
+    for (int number = 0; number < 100; ++number) {
+        library->x_client_engine_update(ENGINE_IOA, "/none");
+    }
+    EXPECT_EQ(status().at("loads").size(), 64U);
 }
 
 TEST_F(EngineRuleFiles, broken_file_is_refused_with_its_code_and_the_reason_is_logged) {
