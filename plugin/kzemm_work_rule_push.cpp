@@ -111,7 +111,9 @@ malloc_ptr wrap_trust_list(const char *white_ip) {
         return nullptr;
     }
     cJSON_AddTrueToObject(list.get(), "need_update");
-    if (cJSON_AddItemToObject(content.get(), "white_ip", list.get()) != 0) {
+    // The CS form keeps the key where it is and so can't fail for want of memory, which would leave
+    // an envelope without a list.
+    if (cJSON_AddItemToObjectCS(content.get(), "white_ip", list.get()) != 0) {
         list.release();
     }
     const cjson_ptr message(cJSON_CreateObject());
@@ -119,7 +121,7 @@ malloc_ptr wrap_trust_list(const char *white_ip) {
         kze_log(2, "new msg json obj failed");
         return nullptr;
     }
-    if (cJSON_AddItemToObject(message.get(), "tkbfd", content.get()) != 0) {
+    if (cJSON_AddItemToObjectCS(message.get(), "tkbfd", content.get()) != 0) {
         content.release();
     }
     malloc_ptr text(cJSON_PrintUnformatted(message.get()));
