@@ -25,6 +25,7 @@ struct engine_state {
     int drive_state = 0;
     int collect_state = 0;
     int drive_result = 0;
+    std::deque<std::optional<int>> drive_results;
     std::set<void *> buffers;
     unsigned int frees = 0;
     qd_offline_cb offline_cb = nullptr;
@@ -193,7 +194,12 @@ int fake_set_drive_switch(int target, int value, int *result_out) {
     const int result =
         record_call("x_client_set_drive_switch", list(target, std::to_string(value)));
     const std::lock_guard<std::mutex> lock(s_mutex);
-    *result_out = s_state.drive_result;
+    if (s_state.drive_results.empty()) {
+        *result_out = s_state.drive_result;
+        return result;
+    }
+    *result_out = s_state.drive_results.front().value_or(*result_out);
+    s_state.drive_results.pop_front();
     return result;
 }
 
@@ -292,6 +298,11 @@ void set_engine_collect_state(int state) {
 void set_engine_drive_result(int further_code) {
     const std::lock_guard<std::mutex> lock(s_mutex);
     s_state.drive_result = further_code;
+}
+
+void engine_drive_results(const std::vector<std::optional<int>> &further_codes) {
+    const std::lock_guard<std::mutex> lock(s_mutex);
+    s_state.drive_results.assign(further_codes.begin(), further_codes.end());
 }
 
 char *engine_buffer(const std::string &data) {

@@ -8,6 +8,7 @@
 #include <pthread.h>
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -54,6 +55,9 @@ void set_engine_version(_engine_type type, const std::string &version);
 void set_engine_drive_state(int state);
 void set_engine_collect_state(int state);
 void set_engine_drive_result(int further_code);
+// The further codes of the next drive switch orders, in order, whatever their result; an order
+// without a value leaves the caller's as it is. After them it is as above.
+void engine_drive_results(const std::vector<std::optional<int>> &further_codes);
 
 // A new buffer of the engine, to be given back with x_client_free.
 char *engine_buffer(const std::string &data);

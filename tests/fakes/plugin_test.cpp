@@ -16,7 +16,9 @@
 #include "tests/fakes/fake_log.h"
 #include "tests/fakes/faults.h"
 #include "tests/fakes/inspectors.h"
+#include "tests/fakes/message_faults.h"
 #include "tests/fakes/thread_watch.h"
+#include "tests/fakes/threads.h"
 #include "tests/fakes/virtual_time.h"
 
 void reset_fakes() {
@@ -30,6 +32,8 @@ void reset_fakes() {
     fakes::reset_ipc();
     fakes::reset_faults();
     fakes::reset_thread_watch();
+    fakes::reset_messages();
+    fakes::reset_threads();
     fakes::reset_log();
     fakes::clear_journal();
 }
@@ -58,6 +62,7 @@ void plugin_test::TearDown() {
     EXPECT_EQ(fakes::unjoined_kze_threads(), 0U) << "task threads are left";
     EXPECT_THAT(fakes::take_left_ipc_handles(), testing::IsEmpty())
         << "endpoints or addresses are left open";
+    EXPECT_EQ(fakes::open_messages(), 0) << "messages were not released";
     EXPECT_EQ(fakes::outstanding_engine_buffers(), 0U) << "engine buffers were not given back";
     EXPECT_EQ(fakes::open_handles(), 0U) << "libraries are left open";
     EXPECT_EQ(fakes::config_open().values, 0U) << "configuration values were not freed";
