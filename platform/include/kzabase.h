@@ -46,8 +46,11 @@ KZABASE_API int kze_cond_broadcast(kze_cond_t cond);
 /* Releases a condition on which nobody waits; null is allowed. */
 KZABASE_API void kze_cond_destroy(kze_cond_t cond);
 
-/* Starts a joinable thread that runs routine(argument). *out is its handle, on failure untouched.
- * Every thread started must be joined. */
+/*
+ * Starts a joinable thread that runs routine(argument). *out is its handle, on failure untouched.
+ * The routine begins some 10 ms later, so that the caller, unless it is held up for longer, is the
+ * first to go on. Every thread started must be joined.
+ */
 KZABASE_API int kze_thread_start(kze_thread_t *out, void *(*routine)(void *), void *argument);
 
 /*
