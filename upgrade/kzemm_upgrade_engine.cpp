@@ -21,13 +21,13 @@ constexpr int md_max_failures = 10;
 struct pack_names {
     const char *arrival;
     const char *backup_pattern;
-    const char *backup_prefix;
-    const char *config;  // inside the pack
+    const char *backup_format;  // takes the directory and a number
+    const char *config;         // inside the pack
 };
 
-constexpr pack_names ioa_names = {"ioa_linux_en.tgz", "ioa_linux_bk_*.tgz", "ioa_linux_bk_",
-                                  "linux_kzedbd.cfg"};
-constexpr pack_names md_names = {"md_linux.tgz", "md_linux_bk_*.tgz", "md_linux_bk_",
+constexpr pack_names ioa_names = {"ioa_linux_en.tgz", "ioa_linux_bk_*.tgz",
+                                  "%s/ioa_linux_bk_%d.tgz", "linux_kzedbd.cfg"};
+constexpr pack_names md_names = {"md_linux.tgz", "md_linux_bk_*.tgz", "%s/md_linux_bk_%d.tgz",
                                  "linux_kzemsi.ptn"};
 
 // The backup that an earlier pass has left, the first one in directory order; else empty.
@@ -43,10 +43,10 @@ void find_backup(upgrade_path &backup, const char *rules, const char *pattern) {
 
 // Moves a pack that has arrived to a backup name of its own, in place of the backup that is there.
 // 0, or -1 with the old backup gone already.
-int take_arrival(upgrade_path &backup, const char *arrival, const char *rules, const char *prefix) {
+int take_arrival(upgrade_path &backup, const char *arrival, const char *rules, const char *format) {
     kze_log(3, "has new tgz, rename");
     delete_if_present(backup);
-    kze_str_snprintf(backup, sizeof(backup), "%s/%s%d.tgz", rules, prefix, kze_rand_by_time());
+    kze_str_snprintf(backup, sizeof(backup), format, rules, kze_rand_by_time());
     kze_log(3, "tgz_rename_name: %s", backup);
     if (kze_file_rename(arrival, backup) != 0) {
         kze_log(1, "rename %s to  %s failed", arrival, backup);
@@ -113,7 +113,7 @@ int CUpgradeRelay::upgrade_eng_handle(engine_type_e type) try {
     join_path(arrival, rules, names.arrival);
     kze_log(3, "new tgz_name: %s", arrival);
     if (kze_path_is_exist_u(arrival) != 0) {
-        if (take_arrival(backup, arrival, rules, names.backup_prefix) != 0) {
+        if (take_arrival(backup, arrival, rules, names.backup_format) != 0) {
             return -1;
         }
         if (type == ENGINE_MD) {
