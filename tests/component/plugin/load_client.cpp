@@ -8,26 +8,26 @@
 
 #define EXPORTED extern "C" __attribute__((visibility("default")))
 
-/* Functions that these tests have no question about. */
-#define UNASKED(name)     \
-    EXPORTED int name() { \
-        return 0;         \
+/* Functions that these tests have no question about; their parameters follow the name. */
+#define UNASKED(name, ...)           \
+    EXPORTED int name(__VA_ARGS__) { \
+        return 0;                    \
     }
 
 using load_stage::call_kind;
 using load_stage::engine;
 
-UNASKED(x_client_engine_update)
-UNASKED(x_client_engine_update_async)
-UNASKED(x_client_engine_control)
-UNASKED(x_client_engine_query_version)
-UNASKED(x_client_engine_query_version_str)
-UNASKED(x_client_engine_set_runlevel)
-UNASKED(x_client_engine_subscribe_alarm)
-UNASKED(x_client_subscribe_origin_data)
-UNASKED(x_client_register_coordinate_cb)
-UNASKED(x_client_subscribe_clt)
-UNASKED(x_client_engine_subscribe_credible)
+UNASKED(x_client_engine_update, _engine_type, const char *)
+UNASKED(x_client_engine_update_async, _engine_type, const char *, qd_update_cb, void *)
+UNASKED(x_client_engine_control, _engine_type, int)
+UNASKED(x_client_engine_query_version, _engine_type, unsigned int *)
+UNASKED(x_client_engine_query_version_str, _engine_type, char **)
+UNASKED(x_client_engine_set_runlevel, int)
+UNASKED(x_client_engine_subscribe_alarm, qd_data_cb, void *)
+UNASKED(x_client_subscribe_origin_data, unsigned int, qd_data_cb, void *)
+UNASKED(x_client_register_coordinate_cb, int, qd_data_cb, void *)
+UNASKED(x_client_subscribe_clt, qd_data_cb, void *)
+UNASKED(x_client_engine_subscribe_credible, qd_data_cb, void *)
 
 EXPORTED int x_client_start(const qd_client_callbacks *, void *) {
     engine::instance().start();
