@@ -212,7 +212,8 @@ TEST_F(life, watch_shows_log_and_records_until_the_hosts_end) {
         const std::string line = watching.read_line();
         ASSERT_NE(line, "") << "it has ended";
         log = log || line.find("plug-in  work loop start") != std::string::npos;
-        record = record || line.find("gateway  record 1: 5 origin") != std::string::npos;
+        record = record || (line.find("gateway  record ") != std::string::npos &&
+                            line.find(": 5 origin") != std::string::npos);
     }
     tree.must({"down"});
     const int status = watching.wait();
