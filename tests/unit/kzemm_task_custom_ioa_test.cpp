@@ -192,7 +192,7 @@ TEST_F(deal_customioa_task_test, drops_zero_bytes_at_the_end) {
 
 TEST_F(deal_customioa_task_test, refuses_a_body_of_zero_bytes_alone_and_none_at_all) {
     const std::string expected = "load msg_json failed, err: " + parse_error("");
-    for (const size_t size : {0, 1, 3, 5000}) {
+    for (const unsigned int size : {0U, 1U, 3U, 5000U}) {
         expect_refused(std::string(size, '\0'), expected);
     }
 }
