@@ -22,6 +22,7 @@ struct engine_state {
     std::map<int, int> control_results;
     std::map<std::string, std::function<void(const engine_call &)>> hooks;
     std::map<int, std::string> versions;
+    fakes::version_text version_text = fakes::version_text::on_success;
     int drive_state = 0;
     int collect_state = 0;
     int drive_result = 0;
@@ -129,12 +130,15 @@ int fake_query_version(_engine_type type, unsigned int *version_out) {
 
 int fake_query_version_str(_engine_type type, char **version_out) {
     const int result = record_call("x_client_engine_query_version_str", std::to_string(type));
-    if (result == 0) {
-        std::string version;
-        {
-            const std::lock_guard<std::mutex> lock(s_mutex);
-            version = s_state.versions[type];
-        }
+    std::string version;
+    fakes::version_text when;
+    {
+        const std::lock_guard<std::mutex> lock(s_mutex);
+        version = s_state.versions[type];
+        when = s_state.version_text;
+    }
+    if (when == fakes::version_text::always ||
+        (when == fakes::version_text::on_success && result == 0)) {
         *version_out = fakes::engine_buffer(version);
     }
     return result;
@@ -283,6 +287,11 @@ void on_engine_call(const std::string &name, std::function<void(const engine_cal
 void set_engine_version(_engine_type type, const std::string &version) {
     const std::lock_guard<std::mutex> lock(s_mutex);
     s_state.versions[type] = version;
+}
+
+void engine_hands_out_version(version_text when) {
+    const std::lock_guard<std::mutex> lock(s_mutex);
+    s_state.version_text = when;
 }
 
 void set_engine_drive_state(int state) {

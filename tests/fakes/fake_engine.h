@@ -52,6 +52,10 @@ void on_engine_call(const std::string &name, std::function<void(const engine_cal
 
 // What the queries put into their out-parameters on success.
 void set_engine_version(_engine_type type, const std::string &version);
+// Whether x_client_engine_query_version_str hands out a text: on success (to begin with), never, or
+// in any case.
+enum class version_text { on_success, never, always };
+void engine_hands_out_version(version_text when);
 void set_engine_drive_state(int state);
 void set_engine_collect_state(int state);
 void set_engine_drive_result(int further_code);

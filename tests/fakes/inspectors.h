@@ -8,6 +8,7 @@
 #include "datapath/kzemm_task.h"
 #include "engine/kzemm_loader.h"
 #include "plugin/kzemm_work.h"
+#include "upgrade/kzemm_upgrade.h"
 
 struct kzemm_work_inspector {
     static bool &running(kzemm_work &work) { return work.running; }
@@ -29,6 +30,13 @@ struct kzemm_task_inspector {
     static kze_mutex_t mutex(const kzemm_task &task) { return task.mutex; }
     static std::list<kzemm::task_info *> &task_list(kzemm_task &task) { return task.task_list; }
     static std::string &cur_rule_id(kzemm_task &task) { return task.cur_rule_id; }
+};
+
+struct kzemm_upgrade_inspector {
+    static ioc_st &ev(CUpgradeRelay &relay) { return relay.ev; }
+    static cl_timerplus *upgrade_timer(const CUpgradeRelay &relay) { return relay.upgrade_timer; }
+    static pthread_t upgrade_thread(const CUpgradeRelay &relay) { return relay.upgrade_thread; }
+    static bool thread_running(const CUpgradeRelay &relay) { return relay.thread_running; }
 };
 
 struct kzemm_config_inspector {

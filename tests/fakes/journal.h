@@ -26,6 +26,7 @@ enum class what {
     library,        // "open libqdccl.so", "close libqdccl.so"
     ipc,            // a call of the IPC layer
     thread,         // a call on a thread, a mutex or a condition of the agent: "start", "lock"
+    file,           // a call on files or commands: file_faults.h
 };
 
 struct record {

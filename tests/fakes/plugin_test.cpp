@@ -15,6 +15,7 @@
 #include "tests/fakes/fake_libraries.h"
 #include "tests/fakes/fake_log.h"
 #include "tests/fakes/faults.h"
+#include "tests/fakes/file_faults.h"
 #include "tests/fakes/inspectors.h"
 #include "tests/fakes/message_faults.h"
 #include "tests/fakes/thread_watch.h"
@@ -31,6 +32,7 @@ void reset_fakes() {
     fakes::reset_libraries();
     fakes::reset_ipc();
     fakes::reset_faults();
+    fakes::reset_file_faults();
     fakes::reset_thread_watch();
     fakes::reset_messages();
     fakes::reset_threads();
