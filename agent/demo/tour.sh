@@ -9,6 +9,8 @@ if [ $# -ne 1 ] || [ ! -x "$1/bin/kzectl" ]; then
 fi
 # shellcheck source=agent/demo/lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+# shellcheck source=agent/demo/tour_packs.sh
+source "$(dirname "${BASH_SOURCE[0]}")/tour_packs.sh"
 
 tree=$(cd "$1" && pwd)
 kzectl=$tree/bin/kzectl
@@ -190,6 +192,7 @@ clean_stop() {
 printf '%sA tour of the threat module manager%s\n' "$bold" "$plain"
 printf 'The agent runs in %s: real processes, sockets and files.\n' "$tree"
 "$kzectl" down --timeout 10 >"$work/out" 2>&1 || true
+look_for_packs_as_often_as_possible
 start_of_the_agent
 capabilities_follow_configuration
 origin_data_reaches_the_gateway
@@ -197,4 +200,5 @@ results_pass_unchanged
 outage_is_noticed_and_mended
 waits_grow_while_the_engine_stays_away
 refused_capability_is_kept_for_a_retry
+rule_packs
 clean_stop "$(mark)"

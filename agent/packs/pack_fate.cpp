@@ -129,7 +129,8 @@ void pack_log::deleted(const std::string &path) {
         replaces_ = false;
         tell(fate::replaced, name, "a new arrival takes its place");
     } else if (kind_ == rule_kind::ioc) {
-        tell(fate::obsolete, name, "not above a full pack that is there, or above 0.0");
+        tell(fate::obsolete, name,
+             "a full pack at or above it is there, or its version is not above 0.0");
     }
 }
 

@@ -1,0 +1,117 @@
+/* Rule packs from the rule directory to the engine, at the shortest interval that is possible. */
+#include <gmock/gmock.h>
+
+#include <algorithm>
+
+#include "tests/system/agent_tree.h"
+
+namespace kze_test {
+namespace {
+
+using nlohmann::json;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+class packs : public system_test {
+  protected:
+    void SetUp() override {
+        tree.write("config/kzemdlmgr.ini", "[time]\nupgrade_check_interval = 60\n");
+        tree.switch_on();
+        tree.must({"up"});
+        tree.see("start upgrade timer(60000) success.", 0, "upgrade");
+        mark_ = tree.mark("upgrade");
+    }
+
+    /* Makes packs of the form and its version; their paths. */
+    std::string make(const std::string &form, const std::string &rule, const std::string &version,
+                     const std::vector<std::string> &options = {}) const {
+        tree.write("var/rules.txt", rule + "\n");
+        std::vector<std::string> words = {
+            "pack",      "make",  form, tree.path("var/rules.txt").string(),
+            "--version", version, "-o", tree.path("var").string()};
+        words.insert(words.end(), options.begin(), options.end());
+        return tree.ask(words).value("pack", std::string());
+    }
+    void drop(std::vector<std::string> files) const {
+        files.insert(files.begin(), {"pack", "drop"});
+        tree.must(files);
+    }
+    /* Waits until a pack, by name or pattern, meets its fate. */
+    json see_fate(const std::string &pack, const std::string &fate, int seconds) const {
+        return tree.ask({"pack", "wait", pack, fate, "--after", std::to_string(mark_), "--timeout",
+                         std::to_string(seconds)});
+    }
+    std::vector<std::string> left() const {
+        std::vector<std::string> names;
+        for (const auto &entry : std::filesystem::directory_iterator(tree.path("hlthreat_rule"))) {
+            names.push_back(entry.path().filename().string());
+        }
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+    json versions() const { return tree.ask({"engine", "status"})["versions"]; }
+
+    static constexpr int first_look = 90; /* seconds to the first look, with time to spare */
+    std::int64_t mark_ = 0;
+};
+
+TEST_F(packs, packs_of_all_kinds_raise_the_engines_versions_and_go) {
+    drop({make("ioc-full", "ip:192.0.2.1", "5.0"), make("ioc-inc", "ip:192.0.2.2", "4.9"),
+          make("ioc-inc", "ip:192.0.2.3", "5.1", {"--from", "5.0"}),
+          make("ioc-inc", "ip:192.0.2.4", "5.2", {"--from", "5.1", "--corrupt", "archive"}),
+          make("ioa", "a rule", "12"), make("md", "Name.A:00", "7")});
+    tree.write("config/ioc_full_tag", "");
+
+    see_fate("ioc_inc_[any-4.9].tgz", "obsolete", first_look);
+    EXPECT_EQ(see_fate("ioc_full_5.0.tgz", "applied", 30)["engine"], "5.0");
+    EXPECT_EQ(see_fate("ioc_inc_[5.0-5.1].tgz", "applied", 30)["engine"], "5.1");
+    see_fate("ioc_inc_[5.1-5.2].tgz", "unpack failed", 30);
+    EXPECT_EQ(see_fate("ioa_linux_bk_*", "applied", 30)["engine"], "12");
+    see_fate("md_linux_bk_*", "applied", 30);
+
+    EXPECT_THAT(left(), ElementsAre("ioc_inc_[5.1-5.2].tgz"));
+    EXPECT_FALSE(std::filesystem::exists(tree.path("config/ioc_full_tag")));
+    EXPECT_THAT(tree.read("qd_agent/bin/kzedbd.cfg"), HasSubstr("rule=a rule"));
+    const json now = versions();
+    EXPECT_EQ(now["ioc"], "5.1");
+    EXPECT_EQ(now["ioa"], "12");
+    EXPECT_EQ(now["md"], "7");
+
+    const json list = tree.ask({"pack", "list"});
+    EXPECT_EQ(list["engine"], "5.1");
+    EXPECT_EQ(list["packs"][0]["verdict"], "goes");
+}
+
+TEST_F(packs, what_the_engine_cannot_take_now_is_kept_and_applied_at_the_next_look) {
+    tree.must({"engine", "answer", "x_client_engine_update", "--code", "-8", "--times", "1"});
+    tree.must(
+        {"engine", "answer", "x_client_engine_update_async", "--value", "-3", "--times", "1"});
+    drop({make("ioc-full", "ip:192.0.2.1", "5.0"), make("md", "Name.A:00", "7")});
+
+    EXPECT_EQ(see_fate("ioc_full_5.0.tgz", "refused and kept", first_look)["code"], -8);
+    see_fate("md_linux_bk_*", "refused and kept", 30);
+    EXPECT_EQ(see_fate("ioc_full_5.0.tgz", "applied", first_look)["engine"], "5.0");
+    see_fate("md_linux_bk_*", "applied", 30);
+    EXPECT_EQ(tree.ctl({"pack", "watch", "--until-empty", "--timeout", "10"}).status, done);
+    EXPECT_THAT(left(), IsEmpty());
+}
+
+TEST_F(packs, rules_that_the_engine_refuses_and_packs_behind_its_version_are_dropped) {
+    tree.must({"engine", "version", "ioc", "4.0"});
+    drop({make("ioc-full", "ip:192.0.2.1", "3.0"),
+          make("ioc-inc", "ip:192.0.2.2", "5.0", {"--corrupt", "rules"}),
+          make("ioa", "a rule", "12", {"--corrupt", "rules"}),
+          make("md", "Name.A:00", "7", {"--corrupt", "rules"})});
+    EXPECT_THAT(see_fate("ioc_full_3.0.tgz", "too old", first_look)["reason"], HasSubstr("4.0"));
+    see_fate("ioc_inc_[any-5.0].tgz", "refused and dropped", 30);
+    see_fate("ioa_linux_bk_*", "refused and dropped", 30);
+    see_fate("md_linux_bk_*", "refused and dropped", 30);
+    EXPECT_THAT(left(), ElementsAre("ioc_inc_[any-5.0].json")) << "what was refused can be studied";
+    EXPECT_EQ(versions()["ioc"], "4.0");
+    EXPECT_EQ(versions()["ioa"], "1");
+    EXPECT_EQ(versions()["md"], "1");
+}
+
+}  // namespace
+}  // namespace kze_test
