@@ -401,10 +401,10 @@ TEST_F(ctmioa_verdict_test, a_verdict_may_come_while_the_identifier_is_taken) {
         engine = std::thread(
             [this] { kzemm_task::engine_upd_by_data_cb(ENGINE_CUSTOM_IOA, -1, &task); });
     });
-    EXPECT_EQ(deal(R"({"rulesId":"a","rulesInfo":"r"})"), 0);
+    EXPECT_EQ(deal(R"({"rulesId":"a_newer_id","rulesInfo":"r"})"), 0);
     engine.join();
     EXPECT_LE(gateway_sends().size(), 1U) << "none while the identifier is empty";
-    EXPECT_EQ(fields::cur_rule_id(task), "a");
+    EXPECT_EQ(fields::cur_rule_id(task), "a_newer_id");
 }
 
 // ---- report_ctmioa_info ----
