@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "tests/support/child_process.h"
 #include "tests/system/agent_tree.h"
 
 namespace kze_test {
@@ -15,11 +16,13 @@ using ::testing::IsEmpty;
 
 class packs : public system_test {
   protected:
-    void SetUp() override {
-        tree.write("config/kzemdlmgr.ini", "[time]\nupgrade_check_interval = 60\n");
+    /* Starts the agent, which looks for packs so often. */
+    void start(int interval_seconds) {
+        const std::string seconds = std::to_string(interval_seconds);
+        tree.write("config/kzemdlmgr.ini", "[time]\nupgrade_check_interval = " + seconds + "\n");
         tree.switch_on();
         tree.must({"up"});
-        tree.see("start upgrade timer(60000) success.", 0, "upgrade");
+        tree.see("start upgrade timer(" + seconds + "000) success.", 0, "upgrade");
         mark_ = tree.mark("upgrade");
     }
 
@@ -52,11 +55,14 @@ class packs : public system_test {
     }
     json versions() const { return tree.ask({"engine", "status"})["versions"]; }
 
+    static constexpr int shortest_interval = 60;
+    static constexpr int longest_interval = 300;
     static constexpr int first_look = 90; /* seconds to the first look, with time to spare */
     std::int64_t mark_ = 0;
 };
 
 TEST_F(packs, packs_of_all_kinds_raise_the_engines_versions_and_go) {
+    start(shortest_interval);
     drop({make("ioc-full", "ip:192.0.2.1", "5.0"), make("ioc-inc", "ip:192.0.2.2", "4.9"),
           make("ioc-inc", "ip:192.0.2.3", "5.1", {"--from", "5.0"}),
           make("ioc-inc", "ip:192.0.2.4", "5.2", {"--from", "5.1", "--corrupt", "archive"}),
@@ -84,6 +90,7 @@ TEST_F(packs, packs_of_all_kinds_raise_the_engines_versions_and_go) {
 }
 
 TEST_F(packs, what_the_engine_cannot_take_now_is_kept_and_applied_at_the_next_look) {
+    start(shortest_interval);
     tree.must({"engine", "answer", "x_client_engine_update", "--code", "-8", "--times", "1"});
     tree.must(
         {"engine", "answer", "x_client_engine_update_async", "--value", "-3", "--times", "1"});
@@ -98,6 +105,7 @@ TEST_F(packs, what_the_engine_cannot_take_now_is_kept_and_applied_at_the_next_lo
 }
 
 TEST_F(packs, rules_that_the_engine_refuses_and_packs_behind_its_version_are_dropped) {
+    start(shortest_interval);
     tree.must({"engine", "version", "ioc", "4.0"});
     drop({make("ioc-full", "ip:192.0.2.1", "3.0"),
           make("ioc-inc", "ip:192.0.2.2", "5.0", {"--corrupt", "rules"}),
@@ -111,6 +119,30 @@ TEST_F(packs, rules_that_the_engine_refuses_and_packs_behind_its_version_are_dro
     EXPECT_EQ(versions()["ioc"], "4.0");
     EXPECT_EQ(versions()["ioa"], "1");
     EXPECT_EQ(versions()["md"], "1");
+}
+
+/* The fate and the pack of the next event that a watch prints. */
+std::string next_event(child_process &watch) {
+    const json event = json::parse(watch.read_line(), nullptr, false);
+    return event.is_object() ? event.value("fate", "") + " " + event.value("pack", "") : "none";
+}
+
+TEST_F(packs, a_watch_shows_what_comes_is_replaced_and_taken_away_meanwhile) {
+    start(longest_interval);
+    const std::string full = make("ioc-full", "ip:192.0.2.1", "5.0");
+    drop({make("ioa", "a rule", "12")});
+    child_process watch({tree.path("bin/kzectl").string(), "pack", "watch", "--json", "--from-now",
+                         "--until-empty", "--timeout", "60"});
+    EXPECT_EQ(next_event(watch), "waiting ioa_linux_en.tgz");
+    drop({full});
+    EXPECT_EQ(next_event(watch), "new ioc_full_5.0.tgz");
+    drop({full});
+    EXPECT_EQ(next_event(watch), "replaced ioc_full_5.0.tgz");
+    tree.remove("hlthreat_rule/ioa_linux_en.tgz");
+    EXPECT_EQ(next_event(watch), "gone ioa_linux_en.tgz");
+    tree.remove("hlthreat_rule/ioc_full_5.0.tgz");
+    EXPECT_EQ(next_event(watch), "gone ioc_full_5.0.tgz");
+    EXPECT_EQ(watch.wait(), 0) << watch.read_errors();
 }
 
 }  // namespace
