@@ -104,9 +104,9 @@ void print(const timed_event &shown, const output &out) {
              out.paint(look::strong, pack) + (reason.empty() ? "" : "  " + reason));
 }
 
-pid_t host_process() {
-    const std::vector<tree_process> hosts = tree_processes("bin/kze_agent");
-    return hosts.empty() ? 0 : hosts.front().pid;
+/* A child of the host that has yet to become tar looks like the host, whatever its number. */
+bool host_runs() {
+    return !tree_processes("bin/kze_agent").empty();
 }
 
 /*
@@ -117,19 +117,19 @@ void follow(
     const watch_options &options,
     const std::function<bool(const std::vector<timed_event> &, const pack_watcher &)> &is_done) {
     const deadline until(options.timeout > 0 ? options.timeout : -1);
-    const pid_t host = host_process();
+    const bool was_running = host_runs();
     pack_watcher eyes = options.from_now ? pack_watcher::from_now() : pack_watcher(options.after);
     for (int looks = 0;; ++looks) {
         if (is_done(eyes.look(), eyes)) {
             return;
         }
-        if (looks % looks_between_host_checks == 0 && (host == 0 || host_process() != host)) {
+        if (looks % looks_between_host_checks == 0 && !host_runs()) {
             if (is_done(eyes.look(), eyes)) {
                 return;
             }
-            throw failure(exit_not_running, host == 0 ? "the host isn't running; start it with "
-                                                        "\"kzectl up\""
-                                                      : "the host has ended");
+            throw failure(exit_not_running,
+                          was_running ? "the host has ended"
+                                      : "the host isn't running; start it with \"kzectl up\"");
         }
         if (until.passed()) {
             throw failure(exit_timed_out, "the time is up");

@@ -157,12 +157,19 @@ pid_t host_process() {
     return hosts.empty() ? 0 : hosts.front().pid;
 }
 
+/* Its children run the same program until they have become another. */
+bool is_running(pid_t host) {
+    const std::vector<tree_process> hosts = tree_processes("bin/kze_agent");
+    return std::any_of(hosts.begin(), hosts.end(),
+                       [host](const tree_process &each) { return each.pid == host; });
+}
+
 exit_status watch(bool from_now, const output &out) {
     const pid_t host = host_process();
     watcher eyes(from_now);
     for (int looks = 0;; ++looks) {
         eyes.look_and_print(out);
-        if (looks % looks_between_host_checks == 0 && (host == 0 || host_process() != host)) {
+        if (looks % looks_between_host_checks == 0 && (host == 0 || !is_running(host))) {
             eyes.look_and_print(out);
             throw failure(exit_not_running, host == 0 ? "the host isn't running; start it with "
                                                         "\"kzectl up\""
