@@ -52,7 +52,7 @@ std::vector<table::cell> reply_row(const linkage_reply &reply) {
             {human_time(reply.received_us), look::faint},
             {failed ? "failed" : "result", failed ? look::bad : look::good},
             {human_size(static_cast<std::uint64_t>(reply.size))},
-            {printable(reply.data) + (cut ? " ..." : "")}};
+            {failed ? "-" : printable(reply.data) + (cut ? " ..." : "")}};
 }
 
 /* ---- list, show ---- */
@@ -259,7 +259,7 @@ void add_tail(CLI::App &to, command_line &line) {
 void add_wait(CLI::App &to, command_line &line) {
     auto options = std::make_shared<wait_options>();
     CLI::App *command = add_command(to, "wait", "Waits for a reply and prints its number",
-                                    "last=$(kzectl lkg mark) && kzectl request lkganal TEXT && "
+                                    "last=$(kzectl lkg mark) && kzectl request lkganal --text x && "
                                     "kzectl lkg wait --after $last --timeout 10");
     command
         ->add_option("--after", options->after,

@@ -87,6 +87,19 @@ TEST_F(services, change_of_configuration_reaches_the_plug_in_at_once) {
     }));
 }
 
+TEST_F(services, linkage_analysis_that_is_requested_ends_as_a_reply_that_is_kept) {
+    tree.switch_on();
+    tree.must({"up"});
+    tree.see("work loop start");
+    tree.must({"request", "lkganal", "--text", "who was it"});
+    tree.must({"lkg", "wait", "--result", "--contains", "who was it"});
+    tree.must({"engine", "answer", "x_client_coordinate_dispose_trc", "--value", "-3"});
+    tree.must({"request", "lkganal", "--text", "and who was that"});
+    EXPECT_EQ(tree.ask({"lkg", "wait", "--failed", "--after", "1"})["id"], 2);
+    tree.must({"down"});
+    EXPECT_EQ(tree.ask({"lkg", "list"})["replies"].size(), 2U) << "kept without the service";
+}
+
 TEST_F(services, change_while_nobody_is_there_is_made_and_says_so) {
     const command_result set =
         tree.ctl({"config", "set", "/mgr/base_collect", "/adv_threats", "true"});
