@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <memory>
+#include <new>
 
 #include "kzautil.h"
 #include "vrdbase.h"
@@ -107,7 +108,7 @@ void kzemm_config::check_content() {
     }
 }
 
-int kzemm_config::load_ctm_cfg_rule() {
+int kzemm_config::load_ctm_cfg_rule() try {
     char path[path_size] = {};
     kze_dirutils_path_transform(rule_path, path, sizeof(path));
     const bool exists = is_file_exist(path) != 0;
@@ -134,11 +135,14 @@ int kzemm_config::load_ctm_cfg_rule() {
         kze_log(1, "save file err");
     }
     return result;
+} catch (const std::bad_alloc &) {
+    return -1;
 }
 
-int kzemm_config::set_ctmioa_rule_id(const std::string &id) {
+int kzemm_config::set_ctmioa_rule_id(const std::string &id) try {
     char path[path_size] = {};
     kze_dirutils_path_transform(rule_path, path, sizeof(path));
+    std::string kept = id;  // so that nothing can fail once the file has it
     // A missing file is not made here: load_ctm_cfg_rule is the one that creates it.
     const ini_ptr ini(kze_ini_file_load(path));
     if (ini == nullptr) {
@@ -152,9 +156,11 @@ int kzemm_config::set_ctmioa_rule_id(const std::string &id) {
     }
     if (result == 0) {
         kze_log(3, "update ruleid success");
-        ctmioa_rule_id = id;
+        ctmioa_rule_id.swap(kept);
     } else {
         kze_log(1, "save file err");
     }
     return result;
+} catch (const std::bad_alloc &) {
+    return -1;
 }

@@ -63,9 +63,12 @@ int run_linkage_analysis(const TASK_COORDINATE &request) {
 
 }  // namespace
 
-kzemm_task::kzemm_task() : mutex(kze_mutex_init()), cond(kze_cond_init()) {}
+kzemm_task::kzemm_task() : mutex(kze_mutex_init()), cond(kze_cond_init()) {
+    take_verdicts();
+}
 
 kzemm_task::~kzemm_task() {
+    refuse_verdicts();
     kze_cond_destroy(cond);
     kze_mutex_destroy(mutex);
 }
@@ -137,6 +140,9 @@ int kzemm_task::create_task_thread() {
     if (thread != 0) {
         kze_log(2, "task thread is exist");
         return 0;
+    }
+    if (mutex == nullptr || cond == nullptr) {
+        return -1;  // no memory when the queue was made
     }
     const int result = kze_thread_start(&thread, static_thread_routine, this);
     if (result != 0) {

@@ -72,6 +72,7 @@ class kzemm_task {
     // header alone tells its length. 0 when the engine took them, else -1. On the task thread.
     int deal_customioa_task(const char *data, unsigned int len);
     // The engine's verdict on the rules, on a thread of the engine client; user is the kzemm_task.
+    // One that comes after that has ended is passed over.
     static void engine_upd_by_data_cb(_engine_type type, int ret, void *user);
     // Tells the console the outcome. 0 or -1; without an identifier nothing is sent.
     int report_ctmioa_info(_customioa_info &info);
@@ -86,6 +87,10 @@ class kzemm_task {
   private:
     friend struct kzemm_task_inspector;  // tests look at the fields through it
 
+    // From the constructor to the destructor, which waits for a verdict that is being handled.
+    void take_verdicts();
+    void refuse_verdicts();
+
     static void *static_thread_routine(void *task);
     void task_thread_routine();
 
@@ -95,8 +100,8 @@ class kzemm_task {
     kze_mutex_t mutex;
     kze_cond_t cond;
     std::list<kzemm::task_info *> task_list;  // each with its reference
-    // The identifier of the update in flight. Deliberately unlocked: the task thread writes it once
-    // the engine took the rules, and the engine's callback reads it after that. A newer update puts
+    // The identifier of the update in flight. The task thread writes it once the engine took the
+    // rules, and the engine's callback reads it. Nothing keeps the two in step: a newer update puts
     // its own in place while an older one is still at work, which is then reported under it.
     std::string cur_rule_id;
 };

@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <new>
 
 #include "config/kzemm_config.h"
@@ -25,6 +26,11 @@ struct json_deleter {
 struct cjson_deleter {
     void operator()(cJSON *object) const { cJSON_Delete(object); }
 };
+
+// The engine's verdicts come on its own threads, also while the worker stops. The mutex keeps the
+// task queue in being while one is handled, and its identifier whole.
+std::mutex s_verdict_mutex;
+kzemm_task *s_verdict_taker = nullptr;
 
 // The JSON text of a request's frame, without the zero bytes behind it.
 size_t text_length(const char *body, const _module_header &header) {
@@ -79,30 +85,50 @@ int kzemm_task::deal_customioa_task(const char *data, unsigned int len) {
     kze_log(3, "json parse custom ioa success,rule id:%s, ioa_data len:%d", rule_id,
             static_cast<int>(rules_len));
 
-    const auto update = reinterpret_cast<x_client_engine_update_by_data_fn>(
-        kzemm_loader::get_instance().get_x_client_engine_update_by_data_fn());
-    const int result = update(ENGINE_CUSTOM_IOA, rules, rules_len, engine_upd_by_data_cb, this);
+    _customioa_info info = {};
+    std::string taken_rule_id;
     try {
-        if (result != 0) {
-            _customioa_info info{result, rule_id};
-            kze_log(1, "invoke engine update by data failed:%d", result);
-            report_ctmioa_info(info);
-            return -1;
-        }
-        cur_rule_id = rule_id;
+        info.rule_id = rule_id;
+        taken_rule_id = rule_id;  // so that nothing can fail once the engine has the rules
     } catch (const std::bad_alloc &) {
         kze_log(1, "no memory for the rule id");
         return -1;
     }
+    const auto update = reinterpret_cast<x_client_engine_update_by_data_fn>(
+        kzemm_loader::get_instance().get_x_client_engine_update_by_data_fn());
+    info.ret = update(ENGINE_CUSTOM_IOA, rules, rules_len, engine_upd_by_data_cb, this);
+    if (info.ret != 0) {
+        kze_log(1, "invoke engine update by data failed:%d", info.ret);
+        report_ctmioa_info(info);
+        return -1;
+    }
+    {
+        const std::lock_guard<std::mutex> lock(s_verdict_mutex);
+        cur_rule_id.swap(taken_rule_id);
+    }
     kze_log(3, "invoke engine update by data success");
     return 0;
+}
+
+void kzemm_task::take_verdicts() {
+    const std::lock_guard<std::mutex> lock(s_verdict_mutex);
+    s_verdict_taker = this;
+}
+
+void kzemm_task::refuse_verdicts() {
+    const std::lock_guard<std::mutex> lock(s_verdict_mutex);
+    s_verdict_taker = nullptr;
 }
 
 void kzemm_task::engine_upd_by_data_cb(_engine_type type, int ret, void *user) {
     if (type != ENGINE_CUSTOM_IOA) {
         return;
     }
+    const std::lock_guard<std::mutex> lock(s_verdict_mutex);
     auto *const task = static_cast<kzemm_task *>(user);
+    if (task != s_verdict_taker) {
+        return;  // the worker has ended meanwhile, and its task queue with it
+    }
     kze_log(3, "custom ioa update callback ret:%d, cur rule id:%s", ret, task->cur_rule_id.c_str());
     try {
         if (ret == 0 && kzemm_config::get_instance().set_ctmioa_rule_id(task->cur_rule_id) != 0) {
@@ -199,6 +225,9 @@ int kzemm_task::send_ctmdata_to_gw(KZEMM_DATA_TYPE type, const char *data, unsig
     }
     std::string frame;
     add_msg_header(data, len, frame, proto_type_result, host_order);
+    if (frame.empty()) {
+        return -1;
+    }
     const auto send = reinterpret_cast<kzethtgw_async_send_fn>(
         kzemm_loader::get_instance().get_kzethtgw_async_send_fn());
     if (send(type, frame.data(), static_cast<unsigned int>(frame.size())) != 0) {

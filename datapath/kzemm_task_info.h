@@ -18,7 +18,7 @@ enum KZEMM_TASK_TYPE : int {
 // Whether a number names a task type.
 bool is_task_type(int type);
 
-// The request of a task. As an argument it borrows its data; the one within a task owns a copy.
+// The request of a task, with a copy of its data.
 struct TASK_COORDINATE {
     char *data = nullptr;
     unsigned int size = 0;

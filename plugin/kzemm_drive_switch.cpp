@@ -31,12 +31,14 @@ constexpr int update_times = 10;  // as it is logged
 constexpr int state_on = 1;
 constexpr int state_off = 0;
 
-// Further results of a drive switch order.
+// What x_client_set_drive_switch leaves behind `ret`.
 constexpr int drive_ret_done = 0;
 constexpr int drive_ret_done_too = -1;
 constexpr int drive_ret_try_again = -2;
 
-pthread_t drive_thread_id = 0;  // 0: there is no thread
+// 0: there is no thread. A thread that ends before its identifier is stored leaves a stale one,
+// which may be probed as living or not.
+pthread_t drive_thread_id = 0;
 drive_switch_ctx retry_drive_ctx = {};
 cl_timerplus *retry_timer = nullptr;  // null: not armed
 unsigned int retry_count = 0;

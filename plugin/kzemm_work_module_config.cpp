@@ -36,6 +36,8 @@ constexpr config_module modules[] = {
 };
 
 // Endpoint and address of retry_request_cfg; made on first need and kept for the process's life.
+// The endpoint is bound to the worker that was there then: after a restart in one process it is
+// deaf.
 vrd_ipc_st *retry_ipc = nullptr;
 vrd_addr_st *retry_addr = nullptr;
 

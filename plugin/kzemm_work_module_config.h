@@ -2,7 +2,7 @@
  * Configuration modules: the requests for them and their answers. State that outlives the worker is
  * kept at file level, since an answer finds its way by the module's name alone.
  *
- * Everything here runs on the worker thread.
+ * Everything here runs on the worker thread, but for engine_upd_by_data_cb.
  */
 #ifndef KZEMDLMGR_PLUGIN_KZEMM_WORK_MODULE_CONFIG_H
 #define KZEMDLMGR_PLUGIN_KZEMM_WORK_MODULE_CONFIG_H

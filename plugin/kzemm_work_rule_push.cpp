@@ -110,7 +110,10 @@ malloc_ptr wrap_trust_list(const char *white_ip) {
         kze_log(2, "new content json obj failed");
         return nullptr;
     }
-    cJSON_AddTrueToObject(list.get(), "need_update");
+    if (cJSON_AddTrueToObject(list.get(), "need_update") == nullptr) {
+        kze_log(2, "new content json obj failed");
+        return nullptr;
+    }
     // The CS form keeps the key where it is and so can't fail for want of memory, which would leave
     // an envelope without a list.
     if (cJSON_AddItemToObjectCS(content.get(), "white_ip", list.get()) != 0) {

@@ -609,13 +609,25 @@ TEST_F(send_ctmdata_to_gw_test, tells_of_a_gateway_that_refuses_and_frees_nothin
     EXPECT_EQ(fakes::engine_frees(), 0U);
 }
 
-TEST_F(send_ctmdata_to_gw_test, tells_of_a_frame_without_memory) {
+TEST_F(send_ctmdata_to_gw_test, a_frame_without_memory_never_reaches_the_gateway) {
     fakes::fail_allocation(1, header_size + 9);
-    fakes::gateway_returns(-1);  // what it says of an empty frame
     EXPECT_EQ(send(8, "some text", 9), -1);
     EXPECT_TRUE(fakes::allocation_failed());
-    EXPECT_THAT(log_lines(), ElementsAre(at(1, "malloc 29 byte failed"),
-                                         at(1, "send data to kzethtgw failed, type: 8")));
+    EXPECT_THAT(log_lines(), ElementsAre(at(1, "malloc 29 byte failed")));
+    EXPECT_EQ(fakes::count(fakes::what::gateway), 0U);
+}
+
+// ---- verdicts around the end ----
+
+TEST_F(send_ctmdata_to_gw_test, a_verdict_for_a_queue_that_has_ended_is_passed_over) {
+    void *ended = nullptr;
+    {
+        const kzemm_task gone;
+        ended = const_cast<kzemm_task *>(&gone);
+    }
+    kzemm_task::engine_upd_by_data_cb(static_cast<_engine_type>(7), 0, ended);
+    EXPECT_THAT(log_lines(), IsEmpty());
+    EXPECT_EQ(fakes::count(fakes::what::gateway), 0U);
 }
 
 }  // namespace
