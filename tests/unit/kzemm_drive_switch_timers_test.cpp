@@ -292,6 +292,19 @@ TEST_F(kzemm_drive_switch_timers_test,
                 ElementsAre(at(3, "update timer has got the max time:10"), stop_line()));
 }
 
+TEST_F(kzemm_drive_switch_timers_test, an_answer_behind_the_thread_is_handled_beside_the_wait) {
+    set_states(0, 0);
+    while_a_thread_runs([] { respond("1", "1"); });
+    respond_and_finish("1", "0");
+    EXPECT_THAT(orders(), ElementsAre("0, 1"));
+    expect_wait_armed();
+    fakes::clear_journal();
+    fakes::let_pass(wait_ms);
+    EXPECT_THAT(log_lines(),
+                ElementsAre(at(3, "update timer has got the max time:10"), stop_line()));
+    EXPECT_THAT(orders(), SizeIs(1));
+}
+
 TEST_F(kzemm_drive_switch_timers_test, a_wait_that_cannot_be_armed_is_told_of) {
     while_a_thread_runs([] {
         fakes::clear_journal();

@@ -254,6 +254,14 @@ TEST_F(kzemm_work_module_config_test, a_request_says_success_when_no_module_was_
                             at(3, "request cfgc success")));
 }
 
+TEST_F(kzemm_work_module_config_test, a_request_without_an_endpoint_asks_for_nothing) {
+    fields::ipc(work) = nullptr;
+    EXPECT_EQ(work.request_cfg(), 0);
+    EXPECT_THAT(ipc_requests(), IsEmpty());
+    EXPECT_THAT(controls(), SizeIs(capabilities));
+    EXPECT_THAT(request_lines(), ElementsAre(at(3, "request cfgc success")));
+}
+
 // ---- handle_cfg_msg ----
 
 class handle_cfg_msg_test : public kzemm_work_module_config_test {
