@@ -203,8 +203,8 @@ TEST_F(EngineOutage, stop_waits_for_a_callback_that_runs) {
     std::atomic<bool> entered{false};
     std::atomic<bool> left{false};
     data.react_with([&] {
-        entered = true;
         EXPECT_EQ(library->x_client_engine_control(ENGINE_IOC, ENGINE_SWITCH_ON), 0);
+        entered = true;
         std::this_thread::sleep_for(milliseconds(200)); /* a slow callback, not a wait */
         left = true;
     });
