@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <thread>
 
 #include "datapath/kzemm_task.h"
@@ -620,11 +621,9 @@ TEST_F(send_ctmdata_to_gw_test, a_frame_without_memory_never_reaches_the_gateway
 // ---- verdicts around the end ----
 
 TEST_F(send_ctmdata_to_gw_test, a_verdict_for_a_queue_that_has_ended_is_passed_over) {
-    void *ended = nullptr;
-    {
-        const kzemm_task gone;
-        ended = const_cast<kzemm_task *>(&gone);
-    }
+    std::optional<kzemm_task> queue;
+    kzemm_task *const ended = &queue.emplace();
+    queue.reset();
     kzemm_task::engine_upd_by_data_cb(static_cast<_engine_type>(7), 0, ended);
     EXPECT_THAT(log_lines(), IsEmpty());
     EXPECT_EQ(fakes::count(fakes::what::gateway), 0U);
