@@ -331,5 +331,27 @@ TEST_F(pack_watch, without_a_host_what_lies_there_is_told_and_the_status_is_3) {
         << "what nobody takes isn't waited for";
 }
 
+/* What the host forks for tar runs the host's program for a moment, under any process number. */
+TEST_F(pack_watch, a_process_of_the_hosts_program_that_ends_is_not_the_hosts_end) {
+    const std::string program = tree.path("bin/kze_agent").string();
+    std::filesystem::copy_file("/bin/sleep", program,
+                               std::filesystem::copy_options::overwrite_existing);
+    tree.write("hlthreat_rule/ioc_full_5.0.tgz", "");
+    child_process lower({program, "1000"});
+    child_process higher({program, "1000"});
+    for (const pid_t pid : {lower.pid(), higher.pid()}) {
+        const std::string link = "/proc/" + std::to_string(pid) + "/exe";
+        ASSERT_TRUE(eventually([&] { return std::filesystem::read_symlink(link) == program; }));
+    }
+    child_process watch({KZE_KZECTL, "--tree", tree.path("").string(), "pack", "watch", "--json",
+                         "--timeout", "2.5"});
+    EXPECT_THAT(watch.read_line(), HasSubstr("waiting"));
+    child_process &first = lower.pid() < higher.pid() ? lower : higher;
+    first.signal(SIGKILL);
+    first.wait();
+    EXPECT_THAT(watch.read_line(), HasSubstr("the time is up"));
+    EXPECT_EQ(WEXITSTATUS(watch.wait()), 4);
+}
+
 }  // namespace
 }  // namespace kze_test
