@@ -7,6 +7,7 @@ namespace load_stage {
 namespace {
 
 constexpr std::chrono::seconds deadline{60};
+constexpr std::chrono::milliseconds callback_delay{50};
 
 }  // namespace
 
@@ -104,10 +105,13 @@ void engine::routine() {
         if (ends) {
             return;
         }
-        const std::function<void()> job = std::move(jobs.front());
+        if (changed.wait_until(lock, jobs.front().due, [this] { return ends; })) {
+            return;
+        }
+        const std::function<void()> run = std::move(jobs.front().run);
         jobs.pop_front();
         lock.unlock();
-        job();
+        run();
         lock.lock();
         --due;
     }
@@ -130,10 +134,10 @@ int engine::call(call_kind kind, const char *data, unsigned int len) {
     return 0;
 }
 
-void engine::call_back(std::function<void()> job) {
+void engine::call_back(std::function<void()> what) {
     {
         const std::lock_guard<std::mutex> lock(mutex);
-        jobs.push_back(std::move(job));
+        jobs.push_back({std::chrono::steady_clock::now() + callback_delay, std::move(what)});
         ++due;
     }
     changed.notify_all();

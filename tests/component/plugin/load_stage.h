@@ -65,7 +65,9 @@ class __attribute__((visibility("default"))) engine {
     void start();
     void stop();
     int call(call_kind kind, const char *data, unsigned int len);
-    void call_back(std::function<void()> job);
+    // Runs it on the engine's thread a little later, by when the call that asks for it has
+    // returned.
+    void call_back(std::function<void()> what);
     char *new_buffer(std::size_t size);
     void free_buffer(void *buffer);
     int gateway_take(int type);
@@ -87,7 +89,11 @@ class __attribute__((visibility("default"))) engine {
     std::vector<arrival> arrived;
     std::thread thread;
     bool ends = false;
-    std::deque<std::function<void()>> jobs;
+    struct job {
+        std::chrono::steady_clock::time_point due;
+        std::function<void()> run;
+    };
+    std::deque<job> jobs;
     std::size_t due = 0;
 };
 
