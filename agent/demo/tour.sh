@@ -11,6 +11,8 @@ fi
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 # shellcheck source=agent/demo/tour_packs.sh
 source "$(dirname "${BASH_SOURCE[0]}")/tour_packs.sh"
+# shellcheck source=agent/demo/tour_requests.sh
+source "$(dirname "${BASH_SOURCE[0]}")/tour_requests.sh"
 
 tree=$(cd "$1" && pwd)
 kzectl=$tree/bin/kzectl
@@ -200,5 +202,6 @@ results_pass_unchanged
 outage_is_noticed_and_mended
 waits_grow_while_the_engine_stays_away
 refused_capability_is_kept_for_a_retry
+management
 rule_packs
 clean_stop "$(mark)"
