@@ -28,8 +28,10 @@ class LinkageService : public service_test {
     }
     texts kept() {
         texts all;
-        for (const auto &reply : *reader_.newest(100)) {
-            all.push_back(reply.data);
+        const auto found = reader_.newest(100);
+        EXPECT_TRUE(found.has_value()) << reader_.problem();
+        for (std::size_t i = 0; found && i < found->size(); ++i) {
+            all.push_back((*found)[i].data);
         }
         return all;
     }
