@@ -58,6 +58,8 @@ packs_are_made_and_dropped() {
     see_version ioc 1.0
     see_version ioa 1
     see_version md 1
+    note 'kzectl reload: the first look is then a whole interval away'
+    see "$kzectl" reload
     pack_mark=$(mark upgrade)
     "$kzectl" pack drop "$work"/packs/*.tgz >"$work/out"
     show cat "$work/out"
