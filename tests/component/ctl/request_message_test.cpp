@@ -58,7 +58,7 @@ TEST(read_response, has_a_problem_and_no_code_for_each_defect) {
         EXPECT_NE(read_response(good.substr(0, size)).problem, "") << size;
     }
     EXPECT_FALSE(read_response(good + " ").code);
-    for (const std::size_t at : {0, 3, 6, 7, 8, 9, 16, 19, 20}) {
+    for (const std::size_t at : {0U, 3U, 6U, 7U, 8U, 9U, 16U, 19U, 20U}) {
         std::string bad = good;
         bad[at] = static_cast<char>(bad[at] ^ 0x7F);
         EXPECT_FALSE(read_response(bad).code) << at;
