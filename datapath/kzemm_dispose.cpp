@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <memory>
 #include <new>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -11,13 +13,11 @@
 
 #include "config/kzemm_config.h"
 #include "datapath/kzemm_gateway.h"
-#include "new/kzerespdsppl_re.pb.h"
 #include "vrdbase.h"
 
 namespace {
 
 using google::protobuf::Arena;
-using google::protobuf::RepeatedPtrField;
 using kzav_trace::event_action;
 using kzav_trace::process_vertex;
 using kzerespdsppl_re::kze_respdsp_alert_info;
@@ -29,8 +29,58 @@ constexpr unsigned int max_retries = 3;
 constexpr bool host_order = false;
 constexpr bool net_order = true;
 
-// Up to this many comparisons looking at everything is quicker than making an index.
-constexpr size_t comparisons_without_index = 256;
+// For up to this many wanted nodes looking at every process is quicker than making an index.
+constexpr int nodes_without_index = 16;
+
+// What a message may hold of memory beyond its delivery.
+constexpr size_t kept_bytes_limit = size_t{4} << 20;
+
+// The memory that the last message needed. Taken whole by one delivery at a time; a second one that
+// comes meanwhile does without.
+std::atomic_flag s_kept_taken = ATOMIC_FLAG_INIT;
+std::unique_ptr<char[]> s_kept;
+size_t s_kept_bytes = 0;
+
+/*
+ * The arena of one delivery, in kept memory where that is free: fresh memory for thousands of small
+ * messages costs about as much as reading them.
+ */
+class delivery_arena {
+  public:
+    delivery_arena() : has_kept(!s_kept_taken.test_and_set(std::memory_order_acquire)) {
+        google::protobuf::ArenaOptions options;
+        if (has_kept) {
+            options.initial_block = s_kept.get();
+            options.initial_block_size = s_kept_bytes;
+        }
+        arena.emplace(options);
+    }
+
+    ~delivery_arena() {
+        const size_t used = arena->SpaceAllocated();
+        arena.reset();
+        if (has_kept) {
+            keep(used);
+            s_kept_taken.clear(std::memory_order_release);
+        }
+    }
+
+    delivery_arena(const delivery_arena &) = delete;
+    delivery_arena &operator=(const delivery_arena &) = delete;
+
+    Arena *get() { return &*arena; }
+
+  private:
+    static void keep(size_t bytes) {
+        if (bytes > s_kept_bytes && bytes <= kept_bytes_limit) {
+            s_kept.reset(new (std::nothrow) char[bytes]);
+            s_kept_bytes = s_kept != nullptr ? bytes : 0;
+        }
+    }
+
+    const bool has_kept;
+    std::optional<Arena> arena;
+};
 
 void add_process(kze_respdsp_alert_info &to, const process_vertex &from) {
     auto *const process = to.add_proc_info();
@@ -69,15 +119,17 @@ void add_matches_by_index(kze_respdsp_alert_info &to, const event_action &action
     }
 }
 
-void add_matches(kze_respdsp_alert_info &to, const event_action &action) {
-    const size_t comparisons = static_cast<size_t>(action.alert_node_id_size()) *
-                               static_cast<size_t>(action.process_list_size());
-    if (comparisons <= comparisons_without_index) {
+}  // namespace
+
+void add_matching_processes(kze_respdsp_alert_info &to, const event_action &action) {
+    if (action.alert_node_id_size() <= nodes_without_index) {
         add_matches_one_by_one(to, action);
     } else {
         add_matches_by_index(to, action);
     }
 }
+
+namespace {
 
 void fill_alert(kze_respdsp_alert_info &alert, const event_action &action) {
     alert.set_alert_id(action.alert_id());
@@ -88,7 +140,7 @@ void fill_alert(kze_respdsp_alert_info &alert, const event_action &action) {
     alert.set_is_force_dsp(false);
     alert.set_opr_type(kzerespdsppl_re::DSP_OPR_UNKNOW);
     alert.set_task_type(kzerespdsppl_re::DSP_TASK_TYPE_AUTO);
-    add_matches(alert, action);
+    add_matching_processes(alert, action);
 }
 
 bool has_rule(const kzav_trace_info &info) {
@@ -101,8 +153,8 @@ void make_request(auto_dispose_ipc_ctx *ctx) {
 }
 
 bool dispose(char *data, unsigned int len, vrd_ipc_st *ipc, vrd_addr_st *addr) {
-    Arena arena;
-    auto &info = *Arena::CreateMessage<kzav_trace_info>(&arena);
+    delivery_arena arena;
+    auto &info = *Arena::CreateMessage<kzav_trace_info>(arena.get());
     if (!info.ParseFromArray(data + sizeof(_module_header),
                              static_cast<int>(len - sizeof(_module_header)))) {
         kze_log(2, "parse qd_engine_sub_credible data to proto failed");
@@ -243,8 +295,9 @@ bool build_auto_dispose_pbdata(const kzav_trace_info &info, std::string &out) {
         kze_log(3, "no action need dispose.");
         return false;
     }
-    Arena arena;
-    auto &request = *Arena::CreateMessage<kze_respdsp_icdt_req>(&arena);
+    Arena own;
+    Arena *const arena = info.GetArena() != nullptr ? info.GetArena() : &own;
+    auto &request = *Arena::CreateMessage<kze_respdsp_icdt_req>(arena);
     request.set_agent_id(info.agent_id());
     for (const event_action &action : actions) {
         fill_alert(*request.add_alert_info(), action);

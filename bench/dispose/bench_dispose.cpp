@@ -1,0 +1,255 @@
+// A credible event from the callback to both sends, against the plain way of doing it: a message on
+// the heap, two serializations to strings, two framed copies, processes searched one by one.
+//
+// Both sides get the same event, call by call in turn. Matching is measured alone as well.
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "agent/host/malloc_policy.h"
+#include "config/kzemm_config.h"
+#include "datapath/kzemm_dispose.h"
+#include "engine/kzemm_loader.h"
+#include "new/kzerespdsppl_re.pb.h"
+#include "vrdbase.h"
+
+struct kzemm_config_inspector {
+    static void turn_dispose_on() { kzemm_config::get_instance().dispose_web_switch = true; }
+};
+
+namespace {
+
+auto_dispose_ipc_ctx *s_sent = nullptr;
+
+}  // namespace
+
+// In place of the IPC layer's: the request is taken at no cost, and answered after the measurement.
+int vrd_ipc_make_request(vrd_ipc_st *, const vrd_addr_st *, unsigned int, const char *,
+                         unsigned int, vrd_ipc_reply_cb, void *context, unsigned int) {
+    s_sent = static_cast<auto_dispose_ipc_ctx *>(context);
+    return 0;
+}
+
+namespace {
+
+using kzav_trace::event_action;
+using kzav_trace::process_vertex;
+using kzerespdsppl_re::kze_respdsp_icdt_req;
+
+constexpr size_t header_size = sizeof(_module_header);
+
+double now_us() {
+    return std::chrono::duration<double, std::micro>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+template <typename call>
+double cost_of(const call &run) {
+    const double begun = now_us();
+    run();
+    return now_us() - begun;
+}
+
+double median(std::vector<double> values) {
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
+std::string hex(unsigned long long number, int digits) {
+    char text[65];
+    snprintf(text, sizeof(text), "%0*llx", digits, number * 0x9E3779B97F4A7C15ULL);
+    return std::string(text).substr(0, static_cast<size_t>(digits));
+}
+
+void fill_process(process_vertex &process, unsigned int number) {
+    process.set_node_id(1000 + number);
+    process.set_process_id(2000 + number);
+    process.set_process_guid(hex(number, 16) + hex(number + 1, 16));
+    process.set_process_path("/usr/lib/application-" + std::to_string(number % 97) + "/bin/worker");
+    process.set_process_md5(hex(number, 16) + hex(number + 7, 16));
+    process.set_process_currentdir("/var/lib/application-" + std::to_string(number % 97));
+    process.set_process_commandline(process.process_path() +
+                                    " --config /etc/application.conf --instance " +
+                                    std::to_string(number));
+    process.set_process_user("www-data");
+    process.set_process_createtime(1795235523000LL + number);
+    process.set_thread_tid(2000 + number);
+    process.set_login_name("root");
+}
+
+// The event's frame: `alerts` actions, which share the processes, each naming ten of its own.
+std::string make_frame(unsigned int processes, unsigned int alerts) {
+    kzav_trace_info info;
+    info.set_agent_id("7d0c1f0a9e5b4a53b7d5c0ffee123456");
+    info.set_cmd(kzav_trace::TRACE_CMD_CREDIBLE_EVENT);
+    auto *const rule = info.mutable_credible_event()->mutable_rule();
+    rule->set_scene(kzav_trace::EVENT_WEB);
+    rule->set_rule_name("a web server starts a shell");
+    for (unsigned int each = 0; each < alerts; ++each) {
+        event_action *const action = rule->add_match_action();
+        action->set_alert_id(hex(each, 16));
+        for (unsigned int number = each; number < processes; number += alerts) {
+            fill_process(*action->add_process_list(), number);
+        }
+        const auto own = static_cast<unsigned int>(action->process_list_size());
+        for (unsigned int number = 0; number < std::min(own, 10U); ++number) {
+            action->add_alert_node_id(
+                action->process_list(static_cast<int>(number * own / 10 % own)).node_id());
+        }
+    }
+    std::string frame;
+    add_msg_header(info.SerializeAsString().data(), static_cast<uint32_t>(info.ByteSizeLong()),
+                   frame, 1, 0);
+    return frame;
+}
+
+void plain_frame(const std::string &payload, const char *header) {
+    const malloc_ptr frame(static_cast<char *>(malloc(header_size + payload.size())));
+    memcpy(frame.get(), header, header_size);
+    memcpy(frame.get() + header_size, payload.data(), payload.size());
+    asm volatile("" : : "r"(frame.get()) : "memory");
+}
+
+void plain_matches(kzerespdsppl_re::kze_respdsp_alert_info &alert, const event_action &action) {
+    for (const uint64_t wanted : action.alert_node_id()) {
+        for (const process_vertex &process : action.process_list()) {
+            if (process.node_id() == wanted) {
+                auto *const found = alert.add_proc_info();
+                found->set_pid(process.process_id());
+                found->set_create_time(static_cast<uint64_t>(process.process_createtime()));
+                found->set_process_path(process.process_path());
+                found->set_md5(process.process_md5());
+            }
+        }
+    }
+}
+
+void plain_way(const std::string &delivered) {
+    kzav_trace_info info;
+    if (!info.ParseFromArray(delivered.data() + header_size,
+                             static_cast<int>(delivered.size() - header_size))) {
+        abort();
+    }
+    info.mutable_credible_event()->set_disposal_state(kzav_trace::DISPOSAL_STATE_AUTO_DISPOSING);
+    std::string event;
+    info.SerializeToString(&event);
+    plain_frame(event, delivered.data());
+    kze_respdsp_icdt_req request;
+    request.set_agent_id(info.agent_id());
+    for (const event_action &action : info.credible_event().rule().match_action()) {
+        auto *const alert = request.add_alert_info();
+        alert->set_alert_id(action.alert_id());
+        alert->set_task_id(gen_uuid());
+        alert->set_type(kzerespdsppl_re::DSP_TYPE_DISPOSE);
+        alert->set_source(kzerespdsppl_re::DSP_SOURCE_AGENT);
+        alert->set_task_type(kzerespdsppl_re::DSP_TASK_TYPE_AUTO);
+        plain_matches(*alert, action);
+    }
+    std::string order;
+    request.SerializeToString(&order);
+    plain_frame(order, delivered.data());
+}
+
+void own_way(std::string &delivered) {
+    if (!do_auto_dispose(delivered.data(), static_cast<unsigned int>(delivered.size()), nullptr,
+                         nullptr)) {
+        fprintf(stderr, "the event was not handled\n");
+        exit(1);
+    }
+}
+
+void release_sent() {
+    on_auto_dispose_cb(0, 0, nullptr, 0, s_sent);
+    s_sent = nullptr;
+}
+
+void measure_handling(unsigned int processes, unsigned int alerts) {
+    std::string frame = make_frame(processes, alerts);
+    const unsigned int rounds = std::max(40U, 400000 / (processes + 100));
+    std::vector<double> plain;
+    std::vector<double> own;
+    std::vector<double> ratios;
+    for (unsigned int round = 0; round < rounds + 8; ++round) {
+        double plain_us = 0;
+        double own_us = 0;
+        for (unsigned int side = 0; side < 2; ++side) {  // neither side always runs second
+            if ((round + side) % 2 == 0) {
+                plain_us = cost_of([&] { plain_way(frame); });
+            } else {
+                own_us = cost_of([&] { own_way(frame); });
+                release_sent();
+            }
+        }
+        if (round >= 8) {  // what comes first warms up
+            plain.push_back(plain_us);
+            own.push_back(own_us);
+            ratios.push_back(own_us / plain_us);
+        }
+    }
+    printf("%9u %7u %10zu %10.1f %10.1f %7.2f %7.2f\n", processes, alerts, frame.size(),
+           median(plain), median(own), median(own) / median(plain), median(ratios));
+}
+
+// One action with so many wanted nodes and processes; the nodes are spread over the processes.
+void measure_matching(int nodes, int processes) {
+    kzav_trace_info info;
+    auto *const rule = info.mutable_credible_event()->mutable_rule();
+    event_action *const action = rule->add_match_action();
+    for (int number = 0; number < processes; ++number) {
+        fill_process(*action->add_process_list(), static_cast<unsigned int>(number));
+    }
+    for (int number = 0; number < nodes; ++number) {
+        action->add_alert_node_id(action->process_list(number * (processes / nodes)).node_id());
+    }
+    const int rounds = nodes * processes > 100000 ? 40 : 4000;
+    std::vector<double> loop;
+    std::vector<double> own;
+    for (int round = 0; round < rounds; ++round) {
+        kzerespdsppl_re::kze_respdsp_alert_info by_loop;
+        kzerespdsppl_re::kze_respdsp_alert_info by_index;
+        loop.push_back(cost_of([&] { plain_matches(by_loop, *action); }));
+        own.push_back(cost_of([&] { add_matching_processes(by_index, *action); }));
+        if (by_loop.SerializeAsString() != by_index.SerializeAsString()) {
+            fprintf(stderr, "the two ways differ\n");
+            exit(1);
+        }
+    }
+    printf("%9d %9d %10.2f %10.2f %7.3f\n", nodes, processes, median(loop), median(own),
+           median(own) / median(loop));
+}
+
+}  // namespace
+
+int main() {
+    setenv("KZE_AGENT_HOME", BENCH_HOME, 1);
+    error_output_set_level(0);
+    kze::keep_freed_memory();
+    kzemm_config_inspector::turn_dispose_on();
+    if (kzemm_loader::get_instance().init() != 0) {
+        fprintf(stderr, "the stub libraries are not in " BENCH_HOME "/..\n");
+        return 1;
+    }
+    printf("Credible events: do_auto_dispose against the plain way, medians\n");
+    printf("%9s %7s %10s %10s %10s %7s %7s\n", "processes", "alerts", "bytes", "plain us", "own us",
+           "ratio", "paired");
+    for (const unsigned int processes : {10U, 100U, 1000U, 10000U}) {
+        for (const unsigned int alerts : {1U, 10U}) {
+            measure_handling(processes, alerts);
+        }
+    }
+    printf("\nMatching: wanted nodes against processes, medians\n");
+    printf("%9s %9s %10s %10s %7s\n", "nodes", "processes", "loop us", "own us", "ratio");
+    measure_matching(10, 10);
+    measure_matching(10, 1000);
+    measure_matching(100, 1000);
+    measure_matching(1000, 10000);
+    kzemm_loader::get_instance().uninit();
+    return 0;
+}
