@@ -73,13 +73,14 @@ bool kzemm_invoke::Initialize() {
     }
     const auto get_class_object = reinterpret_cast<DllGetClassObject_fn>(entry);
     void *object = nullptr;
-    if (const int code = get_class_object(&CLSID_NULL, MbFrame::IRtmFrame::IRtmFrame_ID, &object);
-        code != 0) {
-        kzemm_bus_log(0, "mb get object failed!0x%08x", static_cast<unsigned int>(code));
+    const int object_code =
+        get_class_object(&CLSID_NULL, MbFrame::IRtmFrame::IRtmFrame_ID, &object);
+    frame = static_cast<MbFrame::IRtmFrame *>(object);
+    if (object_code != 0) {
+        kzemm_bus_log(0, "mb get object failed!0x%08x", static_cast<unsigned int>(object_code));
         UnInitialize();
         return false;
     }
-    frame = static_cast<MbFrame::IRtmFrame *>(object);
     if (const int code = frame->Advise(this, advise_mode); code != 0) {
         kzemm_bus_log(0, "mb advise failed!0x%08x", static_cast<unsigned int>(code));
         UnInitialize();

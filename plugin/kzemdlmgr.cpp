@@ -6,6 +6,7 @@
 #include <cstring>
 #include <new>
 
+#include "datapath/kzemm_invoke.h"
 #include "engine/kzemm_loader.h"
 #include "kzautil.h"
 #include "plugin/kzemm_work.h"
@@ -59,6 +60,10 @@ int kzemdlmgr_init(void) {
     if (loader.init() != 0) {
         kze_log(1, "load lib fiailed");
         loader.uninit();
+        return -1;
+    }
+    if (!kzemm_invoke::GetInstance().Initialize()) {
+        kze_log(1, "load mb failed");  // the two libraries stay loaded here
         return -1;
     }
     const int result =

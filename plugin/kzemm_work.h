@@ -63,6 +63,8 @@ class kzemm_work {
     // that fails.
     void check_qd_status();
     static void check_qd_status_cb(cl_timerplus *timer);
+    // Tells the message bus that the engine was away. Always 0.
+    int qd_client_offline_to_fmb();
 
     // ---- the engine's capabilities (kzemm_work_switching.cpp) ----
 
@@ -132,12 +134,14 @@ class kzemm_work {
 
     // ---- the engine's data (kzemm_work_engine_data.cpp), on threads of the client library ----
 
-    // Each takes over the data; user is not read.
+    // Each takes over the data; user is not read where nothing else is said.
     static void qd_alarm_cb(char *data, unsigned int len, void *user);
     static void qd_coordinate_hunting_cb(char *data, unsigned int len, void *user);
     static void qd_coordinate_linkage_cb(char *data, unsigned int len, void *user);
     static void qd_coordinate_append_cb(char *data, unsigned int len, void *user);
     static void qd_origin_cb(char *data, unsigned int len, void *user);
+    // user is the kzemm_work.
+    static void qd_eng_sub_credible_cb(char *data, unsigned int len, void *user);
     // Sends the result of a linkage analysis to the linkage service. Takes over the data when err
     // is 0 and leaves it alone otherwise; user is not read.
     void qd_send_to_kzelkganal(_x_error err, char *data, unsigned int len, void *user);

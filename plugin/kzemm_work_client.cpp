@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "config/kzemm_config.h"
+#include "datapath/kzemm_invoke.h"
 #include "engine/kzemm_loader.h"
 #include "kzabase.h"
 #include "kzautil.h"
@@ -168,6 +169,14 @@ void kzemm_work::check_qd_status() {
     qd_client_subscribe_origin();
     qd_client_subscribe_RealTime();
     request_cfg();
+    qd_client_offline_to_fmb();
+}
+
+int kzemm_work::qd_client_offline_to_fmb() {
+    constexpr char text[] = "offline";
+    kzemm_invoke::Publish(KZEMM_PUBLISH_OFFLINE, text, sizeof(text) - 1,
+                          &kzemm_invoke::GetInstance());
+    return 0;
 }
 
 void kzemm_work::check_qd_status_cb(cl_timerplus *timer) {

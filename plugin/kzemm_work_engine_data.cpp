@@ -1,7 +1,9 @@
 // The engine's data on its way out: to the gateway, and linkage results to the linkage service.
 
 #include "config/kzemm_config.h"
+#include "datapath/kzemm_dispose.h"
 #include "datapath/kzemm_gateway.h"
+#include "datapath/kzemm_invoke.h"
 #include "engine/kzemm_loader.h"
 #include "plugin/kzemm_work.h"
 #include "vrdbase.h"
@@ -10,10 +12,13 @@ namespace {
 
 constexpr unsigned int cmd_linkage_result = 5;
 
+void give_back_to_engine(char *data) {
+    reinterpret_cast<x_client_free_fn>(kzemm_loader::get_instance().get_x_client_free_fn())(data);
+}
+
 void free_engine_data(char *data) {
     if (data != nullptr) {
-        reinterpret_cast<x_client_free_fn>(kzemm_loader::get_instance().get_x_client_free_fn())(
-            data);
+        give_back_to_engine(data);
     }
 }
 
@@ -41,6 +46,9 @@ void kzemm_work::qd_coordinate_append_cb(char *data, unsigned int len, void *) {
 
 void kzemm_work::qd_origin_cb(char *data, unsigned int len, void *) {
     kze_log(3, "get qd_origin data");
+    if (kzemm_config::get_instance().get_origin_forward_swith()) {
+        kzemm_invoke::Publish(KZEMM_PUBLISH_ORIGIN, data, len, &kzemm_invoke::GetInstance());
+    }
     if (!kzemm_config::get_instance().get_report_switch()) {
         kze_log(3, "report switch is off");
         free_engine_data(data);
@@ -55,6 +63,19 @@ void kzemm_work::qd_origin_cb(char *data, unsigned int len, void *) {
     }
     free_engine_data(data);  // before the gateway call: the engine's buffer is the large one
     send_data_via_gw(KZEMM_DATA_ORIGIN, frame, frame_len);
+}
+
+void kzemm_work::qd_eng_sub_credible_cb(char *data, unsigned int len, void *user) {
+    kze_log(3, "get qd_eng_sub_credible data");
+    const kzemm_config &config = kzemm_config::get_instance();
+    const auto *const work = static_cast<kzemm_work *>(user);
+    if (!config.get_dispose_web_switch() && !config.get_dispose_phishing_switch()) {
+        kze_log(3, "auto dispose is disabled, only send to thtgw");
+        send_data_via_gw(KZEMM_DATA_CREDIBLE, data, len);
+    } else if (!do_auto_dispose(data, len, work->ipc, work->rpdsp_addr)) {
+        kze_log(2, "do auto dispose failed");
+    }
+    give_back_to_engine(data);
 }
 
 void kzemm_work::qd_send_to_kzelkganal(_x_error err, char *data, unsigned int len, void *) {

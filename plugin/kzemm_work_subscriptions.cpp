@@ -20,6 +20,11 @@ int register_coordinate(qd_trace_type type, qd_data_cb callback) {
                                                                                nullptr);
 }
 
+int subscribe_credible(qd_data_cb callback, void *user) {
+    return reinterpret_cast<x_client_engine_subscribe_credible_fn>(
+        kzemm_loader::get_instance().get_x_client_engine_subscribe_credible_fn())(callback, user);
+}
+
 int subscribe_origin(unsigned int cycle, qd_data_cb callback) {
     return reinterpret_cast<x_client_subscribe_origin_data_fn>(
         kzemm_loader::get_instance().get_x_client_subscribe_origin_data_fn())(cycle, callback,
@@ -37,7 +42,9 @@ int kzemm_work::qd_client_subscribe() {
     kze_log(3, "qd register linakge coordinate cb ret: %d", linkage);
     const int append = register_coordinate(QD_TRACE_APPEND, qd_coordinate_append_cb);
     kze_log(3, "qd register append coordinate cb ret: %d", append);
-    return alarm == 0 && hunting == 0 && linkage == 0 && append == 0 ? 0 : -1;
+    const int credible = subscribe_credible(qd_eng_sub_credible_cb, this);
+    kze_log(3, "qd register engine credible cb ret: %d", credible);
+    return alarm == 0 && hunting == 0 && linkage == 0 && append == 0 && credible == 0 ? 0 : -1;
 }
 
 int kzemm_work::qd_client_subscribe_origin() {

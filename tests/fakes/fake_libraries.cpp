@@ -6,6 +6,7 @@
 #include <mutex>
 
 #include "kzautil.h"
+#include "tests/fakes/fake_bus.h"
 #include "tests/fakes/fake_central_config.h"
 #include "tests/fakes/fake_engine.h"
 #include "tests/fakes/fake_gateway.h"
@@ -141,6 +142,7 @@ void reset_libraries() {
     add_library(engine_library, engine_symbols());
     add_library(gateway_library, gateway_symbols());
     add_library(config_library, config_symbols());
+    add_library(bus_library, bus_symbols());
 }
 
 }  // namespace fakes

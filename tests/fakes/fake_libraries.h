@@ -14,10 +14,12 @@ namespace fakes {
 constexpr char engine_library[] = "libqdccl.so";
 constexpr char gateway_library[] = "libkzethtgw.3.so";
 constexpr char config_library[] = "libkzacfgc.so";
+constexpr char bus_library[] = "libkzamb.1.so";
 
 using symbols = std::map<std::string, void *>;
 
-// Makes a library known. The engine client, the gateway and the central configuration are.
+// Makes a library known. The engine client, the gateway, the central configuration and the message
+// bus are.
 void add_library(const std::string &file, const symbols &exported);
 
 // kze_dll_open gives this code, and a null handle.

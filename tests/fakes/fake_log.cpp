@@ -1,5 +1,8 @@
 #include "tests/fakes/fake_log.h"
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -29,6 +32,24 @@ __attribute__((format(printf, 1, 0))) std::string format_text(const char *format
     return text;
 }
 
+// What follows the prefix of a record of the message-bus objects: process, word of the level, tag,
+// source and line. The whole, marked, of a text without one.
+std::string behind_prefix(const std::string &whole, int level, const std::string &source_file) {
+    const char *const words[] = {"[ERROR]", "[WARN]", "[INFO]", "[DEBUG]"};
+    std::string process = std::to_string(getpid());
+    process.resize(std::max(process.size(), size_t{5}), ' ');
+    const std::string prefix =
+        "[PID:" + process + "]\t" + words[level] + "\t[kzemdlmgr] [" + source_file + "(";
+    if (whole.compare(0, prefix.size(), prefix) != 0) {
+        return "without its prefix: " + whole;
+    }
+    const size_t end = whole.find_first_not_of("0123456789", prefix.size());
+    if (end == prefix.size() || whole.compare(end, 3, ")] ") != 0) {
+        return "without its line: " + whole;
+    }
+    return whole.substr(end + 3);
+}
+
 }  // namespace
 
 namespace fakes {
@@ -45,6 +66,29 @@ std::vector<record> log_lines_from(const std::string &source_file) {
         }
     }
     return result;
+}
+
+std::vector<record> bus_lines() {
+    return journal({what::bus_log});
+}
+
+testing::Matcher<const std::string &> bus_text(int level,
+                                               const testing::Matcher<const std::string &> &text,
+                                               const std::string &source_file) {
+    return testing::ResultOf(
+        [level, source_file](const std::string &whole) {
+            return behind_prefix(whole, level, source_file);
+        },
+        text);
+}
+
+testing::Matcher<const record &> bus_at(int level,
+                                        const testing::Matcher<const std::string &> &text,
+                                        const std::string &source_file) {
+    return testing::AllOf(
+        testing::Field("kind", &record::kind, what::bus_log),
+        testing::Field("level", &record::level, level),
+        testing::Field("text", &record::text, bus_text(level, text, source_file)));
 }
 
 bool await_log(int level, const std::string &text) {
@@ -107,7 +151,7 @@ void kze_log_output(int level, const char *format, ...) {
     va_start(args, format);
     const std::string text = format_text(format, args);
     va_end(args);
-    fakes::note(fakes::what::log, text, level + 1, "-");
+    fakes::note(fakes::what::bus_log, text, level);
 }
 
 unsigned int vrd_get_hostid(void) {

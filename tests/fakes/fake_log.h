@@ -17,6 +17,9 @@ namespace fakes {
 
 std::vector<record> log_lines();
 std::vector<record> log_lines_from(const std::string &source_file);
+// The records of the message-bus objects, which write to a log of their own.
+std::vector<record> bus_lines();
+
 // Waits for a line, also one that is there already. False after the deadline.
 bool await_log(int level, const std::string &text);
 
@@ -36,6 +39,15 @@ inline testing::Matcher<const record &> at(int level,
     return testing::AllOf(testing::Field("level", &record::level, level),
                           testing::Field("text", &record::text, text));
 }
+
+// Matches the text of such a record, and the record: with its whole prefix, for a level of that
+// log, 0 error to 3 debug.
+testing::Matcher<const std::string &> bus_text(int level,
+                                               const testing::Matcher<const std::string &> &text,
+                                               const std::string &source_file = "kzemm_invoke.cpp");
+testing::Matcher<const record &> bus_at(int level,
+                                        const testing::Matcher<const std::string &> &text,
+                                        const std::string &source_file = "kzemm_invoke.cpp");
 
 }  // namespace fakes
 

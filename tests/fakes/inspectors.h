@@ -5,6 +5,7 @@
 #define KZEMDLMGR_TESTS_FAKES_INSPECTORS_H
 
 #include "config/kzemm_config.h"
+#include "datapath/kzemm_invoke.h"
 #include "datapath/kzemm_task.h"
 #include "engine/kzemm_loader.h"
 #include "plugin/kzemm_work.h"
@@ -30,6 +31,21 @@ struct kzemm_task_inspector {
     static kze_mutex_t mutex(const kzemm_task &task) { return task.mutex; }
     static std::list<kzemm::task_info *> &task_list(kzemm_task &task) { return task.task_list; }
     static std::string &cur_rule_id(kzemm_task &task) { return task.cur_rule_id; }
+};
+
+struct kzemm_invoke_inspector {
+    // Takes the singleton off a bus that is not told.
+    static void reset() {
+        kzemm_invoke &plugin = kzemm_invoke::GetInstance();
+        plugin.dispatch = nullptr;
+        plugin.dll = nullptr;
+        plugin.frame = nullptr;
+    }
+
+    static MbFrame::IDispatch *dispatch() { return kzemm_invoke::GetInstance().dispatch; }
+    static kze_mutex_t mutex() { return kzemm_invoke::GetInstance().mutex; }
+    static void *dll() { return kzemm_invoke::GetInstance().dll; }
+    static MbFrame::IRtmFrame *frame() { return kzemm_invoke::GetInstance().frame; }
 };
 
 struct kzemm_upgrade_inspector {

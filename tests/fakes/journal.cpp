@@ -64,7 +64,7 @@ void clear_journal() {
 }
 
 void PrintTo(const record &each, std::ostream *out) {
-    if (each.kind == what::log) {
+    if (each.kind == what::log || each.kind == what::bus_log) {
         *out << each.level << ' ' << each.file << ": ";
     }
     *out << '"' << each.text << '"';

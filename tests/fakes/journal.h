@@ -16,9 +16,11 @@ namespace fakes {
 
 enum class what {
     log,            // a record of the log: level, source file, text
+    bus_log,        // a record of the message-bus objects' own log: level, text with its prefix
     log_directory,  // autolog_init: the directory; level is the number of files
     engine,         // a call of the engine client
     gateway,        // a call of the gateway
+    bus,            // a call of the message bus: "advise 1", "dispatch 18"
     config,         // a call of the central configuration
     timer,          // "start 1 1000/1000", "stop 1", "close 1": number, first and period in ms
     sleep,          // microseconds

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "tests/fakes/fake_bus.h"
 #include "tests/fakes/fake_central_config.h"
 #include "tests/fakes/fake_engine.h"
 #include "tests/fakes/fake_gateway.h"
@@ -25,9 +26,11 @@
 void reset_fakes() {
     kzemm_loader_inspector::reset();
     kzemm_config_inspector::reset();
+    kzemm_invoke_inspector::reset();
     fakes::reset_virtual_time();
     fakes::reset_engine();
     fakes::reset_gateway();
+    fakes::reset_bus();
     fakes::reset_config();
     fakes::reset_libraries();
     fakes::reset_ipc();
@@ -59,6 +62,8 @@ void plugin_test::TearDown() {
         kzemm_loader_inspector::kzethtgw_handle() != nullptr) {
         kzemm_loader::get_instance().uninit();
     }
+    kzemm_invoke::GetInstance().UnInitialize();  // which the plug-in itself never does
+    EXPECT_EQ(fakes::bus_frame_references(), 0) << "the bus's object was not released";
     EXPECT_EQ(fakes::open_timers().size(), 0U) << "timers are left open";
     EXPECT_EQ(fakes::unjoined_threads(), 0U) << "threads are left";
     EXPECT_EQ(fakes::unjoined_kze_threads(), 0U) << "task threads are left";
@@ -93,6 +98,11 @@ void plugin_test::install_vrd_services(int status) const {
 
 std::string plugin_test::service_calls() const {
     return read_file("service_calls");
+}
+
+void plugin_test::install_bus() const {
+    std::filesystem::create_directory(in_tree("agent_plugins"));
+    write_file("agent_plugins/libkzamb.1.so", "");
 }
 
 void plugin_test::load_libraries() {

@@ -31,6 +31,10 @@ class plugin_test : public testing::Test {
     // What the service tool was called with so far, a line for each call.
     std::string service_calls() const;
 
+    // Puts the message bus's library into the tree, where there is none to begin with. What it is
+    // opened as is the fake.
+    void install_bus() const;
+
     // Loads the plug-in's table of engine and gateway functions; TearDown unloads it.
     void load_libraries();
     // Makes the configuration singleton with what the fake store holds; TearDown releases it.

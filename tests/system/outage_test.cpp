@@ -26,7 +26,7 @@ class outage : public system_test {
         for (const char *registered :
              {"qd subscribe alarm ret: 0", "qd register hunting coordinate cb ret: 0",
               "qd register linakge coordinate cb ret: 0", "qd register append coordinate cb ret: 0",
-              "qd subscribe origin data success"}) {
+              "qd register engine credible cb ret: 0", "qd subscribe origin data success"}) {
             next = tree.see(registered, next);
         }
     }

@@ -8,6 +8,7 @@
 #include <functional>
 #include <thread>
 
+#include "tests/fakes/fake_bus.h"
 #include "tests/fakes/fake_central_config.h"
 #include "tests/fakes/fake_engine.h"
 #include "tests/fakes/fake_ipc.h"
@@ -22,6 +23,7 @@
 
 using fakes::at;
 using fakes::await_log;
+using fakes::bus_at;
 using fakes::engine_library;
 using fakes::gateway_library;
 using fakes::log_lines;
@@ -63,7 +65,7 @@ class kzemdlmgr_test : public plugin_test {
     static std::vector<fakes::record> lines(
         const std::function<bool(const fakes::record &)> &wanted) {
         std::vector<fakes::record> result;
-        for (const fakes::record &each : log_lines()) {
+        for (const fakes::record &each : fakes::journal({fakes::what::log, fakes::what::bus_log})) {
             if (wanted(each)) {
                 result.push_back(each);
             }
@@ -95,6 +97,8 @@ TEST_F(kzemdlmgr_test, init_loads_the_libraries_and_starts_the_worker) {
         host_lines(),
         ElementsAre(at(3, "begin to init plugin kzemdlmgr"), at(3, "load lib qdccl success"),
                     at(3, "load lib kzethtgw success"), at(3, "kzemm_loader init success"),
+                    bus_at(2, "lite no kzamb path: " +
+                                  in_tree("bin/../agent_plugins/libkzamb.1.so") + ", not load"),
                     at(3, "init plugin kzemdlmgr success")));
     EXPECT_EQ(fakes::unjoined_threads(), 2U);  // the worker and its relay
     EXPECT_EQ(fakes::unjoined_kze_threads(), 1U);
@@ -173,6 +177,97 @@ TEST_F(kzemdlmgr_test, a_negative_code_of_the_thread_library_is_logged_as_it_is)
     fakes::isolated_threads_fail(-7);
     EXPECT_EQ(kzemdlmgr_init(), -1);
     EXPECT_THAT(log_lines(), Contains(at(1, "cl_ev_create_isolated_thread failed, ret: -7")));
+}
+
+// ---- the message bus ----
+
+TEST_F(kzemdlmgr_test, init_joins_the_message_bus_between_the_libraries_and_the_worker) {
+    install_bus();
+    fakes::isolated_threads_fail(11);  // so that what comes behind is the host's own
+    EXPECT_EQ(kzemdlmgr_init(), -1);
+    EXPECT_THAT(
+        fakes::texts(
+            {fakes::what::log, fakes::what::bus_log, fakes::what::library, fakes::what::bus}),
+        ElementsAre("begin to init plugin kzemdlmgr", "open libqdccl.so", "load lib qdccl success",
+                    "open libkzethtgw.3.so", "load lib kzethtgw success",
+                    "kzemm_loader init success", "open libkzamb.1.so", "get object", "advise 1",
+                    "cl_ev_create_isolated_thread failed, ret: 11", "kzemm_loader uninit",
+                    "close libqdccl.so", "close libkzethtgw.3.so"));
+    EXPECT_EQ(kzemm_invoke_inspector::dispatch(), fakes::bus_dispatch());
+}
+
+TEST_F(kzemdlmgr_test, a_plugin_that_ended_stays_on_the_message_bus) {
+    install_bus();
+    start_plugin();
+    EXPECT_EQ(kzemdlmgr_uninit(), 0);
+    EXPECT_EQ(fakes::open_handles(fakes::bus_library), 1U);
+    EXPECT_EQ(fakes::bus_frame_references(), 1);
+    EXPECT_EQ(kzemm_invoke_inspector::dispatch(), fakes::bus_dispatch());
+
+    EXPECT_THAT(fakes::texts({fakes::what::bus}), ElementsAre("get object", "advise 1"));
+    fakes::clear_journal();
+    start_plugin();
+    EXPECT_EQ(kzemdlmgr_uninit(), 0);
+    EXPECT_EQ(fakes::times_opened(fakes::bus_library), 1U);
+    EXPECT_THAT(fakes::texts({fakes::what::bus}), IsEmpty());
+}
+
+// Lets joining the bus fail in one of its steps.
+struct bus_failure {
+    const char *name;
+    void (*make)();
+    const char *line;
+};
+
+class kzemdlmgr_bus_failure_test : public kzemdlmgr_test,
+                                   public testing::WithParamInterface<bus_failure> {};
+
+INSTANTIATE_TEST_SUITE_P(
+    , kzemdlmgr_bus_failure_test,
+    testing::Values(bus_failure{"open", [] { fakes::library_missing(fakes::bus_library, 79); },
+                                "mb dll open failed!0x0000004f"},
+                    bus_failure{
+                        "symbol",
+                        [] { fakes::symbol_missing(fakes::bus_library, "DllGetClassObject"); },
+                        "mb dll_get_addr failed!0x00000002"},
+                    bus_failure{"object", [] { fakes::bus_get_object_returns(-1); },
+                                "mb get object failed!0xffffffff"},
+                    bus_failure{"advise", [] { fakes::bus_advise_returns(0x1234); },
+                                "mb advise failed!0x00001234"}),
+    [](const auto &each) { return each.param.name; });
+
+TEST_P(kzemdlmgr_bus_failure_test, fails_init_without_a_worker_and_the_libraries_stay_loaded) {
+    install_bus();
+    GetParam().make();
+    EXPECT_EQ(kzemdlmgr_init(), -1);
+    EXPECT_THAT(
+        host_lines(),
+        ElementsAre(at(3, "begin to init plugin kzemdlmgr"), at(3, "load lib qdccl success"),
+                    at(3, "load lib kzethtgw success"), at(3, "kzemm_loader init success"),
+                    bus_at(0, GetParam().line), at(1, "load mb failed")));
+    EXPECT_EQ(fakes::open_handles(engine_library), 1U);
+    EXPECT_EQ(fakes::open_handles(gateway_library), 1U);
+    EXPECT_EQ(fakes::open_handles(fakes::bus_library), 0U);
+    EXPECT_EQ(fakes::unjoined_threads(), 0U);
+    EXPECT_EQ(kzemdlmgr_uninit(), 0);
+    EXPECT_THAT(log_lines().back(), at(2, "plugin kzemdlmgr is already stop"));
+    EXPECT_EQ(fakes::open_handles(engine_library), 1U) << "which such an end doesn't change";
+}
+
+TEST_P(kzemdlmgr_bus_failure_test, does_not_keep_a_later_init_back) {
+    install_bus();
+    GetParam().make();
+    EXPECT_EQ(kzemdlmgr_init(), -1);
+    fakes::library_works(fakes::bus_library);
+    fakes::bus_get_object_returns(0);
+    fakes::bus_advise_returns(0);
+    fakes::forget_one_handle(engine_library);  // the loader opens its libraries over the old ones
+    fakes::forget_one_handle(gateway_library);
+    fakes::clear_journal();
+    start_plugin();
+    EXPECT_THAT(host_lines(), Contains(at(3, "kzemm_loader is initialized")));
+    EXPECT_EQ(kzemm_invoke_inspector::dispatch(), fakes::bus_dispatch());
+    EXPECT_EQ(kzemdlmgr_uninit(), 0);
 }
 
 // ---- the worker's thread ----

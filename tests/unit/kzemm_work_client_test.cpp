@@ -479,7 +479,7 @@ TEST_F(kzemm_work_client_test, the_way_back_has_a_fixed_order) {
     go_offline_with_watch();
     let_pass(watch_period_ms);
 
-    std::vector<testing::Matcher<std::string>> expected = {
+    std::vector<testing::Matcher<const std::string &>> expected = {
         "x_clinet is offline, start restart client",
         "stop 1",
         "close 1",
@@ -510,6 +510,8 @@ TEST_F(kzemm_work_client_test, the_way_back_has_a_fixed_order) {
              "qd register linakge coordinate cb ret: 0",
              "x_client_register_coordinate_cb(2)",
              "qd register append coordinate cb ret: 0",
+             "x_client_engine_subscribe_credible",
+             "qd register engine credible cb ret: 0",
              "get collect report cycle : 300 succeed",
              "x_client_subscribe_origin_data(300)",
              "qd subscribe origin data success, cycle: 300",
@@ -537,9 +539,10 @@ TEST_F(kzemm_work_client_test, the_way_back_has_a_fixed_order) {
     expected.insert(expected.end(), 4, testing::StartsWith("request 1004, "));
     expected.emplace_back("request cfgc success");
     expected.emplace_back("destroy address agt_cfgc");
-    EXPECT_THAT(
-        fakes::texts({fakes::what::log, fakes::what::engine, fakes::what::timer, fakes::what::ipc}),
-        ElementsAreArray(expected));
+    expected.push_back(fakes::bus_text(0, "bus need init first."));
+    EXPECT_THAT(fakes::texts({fakes::what::log, fakes::what::bus_log, fakes::what::engine,
+                              fakes::what::timer, fakes::what::ipc}),
+                ElementsAreArray(expected));
 }
 
 TEST_F(kzemm_work_client_test, the_offline_line_has_level_3) {
@@ -578,7 +581,7 @@ TEST_F(kzemm_work_client_test, the_modules_are_asked_for_again_on_the_worker_s_e
     }
 }
 
-TEST_F(kzemm_work_client_test, without_an_address_of_the_service_the_way_back_ends_there) {
+TEST_F(kzemm_work_client_test, without_an_address_of_the_service_no_module_is_asked_for) {
     init_config();
     go_offline_with_watch();
     fakes::addr_create_fails("agt_cfgc");

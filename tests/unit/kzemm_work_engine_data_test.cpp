@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "plugin/kzemm_work.h"
+#include "tests/fakes/fake_bus.h"
 #include "tests/fakes/fake_engine.h"
 #include "tests/fakes/fake_gateway.h"
 #include "tests/fakes/fake_ipc.h"
@@ -61,7 +62,7 @@ struct switches {
 };
 
 // For each state of the two switches. Whether data is forwarded to the bus doesn't change what
-// happens to it here.
+// else happens to it.
 class kzemm_work_origin_test : public kzemm_work_engine_data_test,
                                public testing::WithParamInterface<switches> {
   protected:
@@ -188,6 +189,100 @@ TEST_P(kzemm_work_origin_report_on_test, drops_and_frees_what_cannot_be_framed) 
         ElementsAre(at(3, "get qd_origin data"),
                     at(2, "malloc " + std::to_string(frame_size) + " byte for send msg failed."),
                     at(2, "add module head failed"), at(2, "convert origin data failed")));
+}
+
+// ---- origin data on the message bus ----
+
+class kzemm_work_origin_bus_test : public kzemm_work_engine_data_test {
+  protected:
+    void SetUp() override {
+        kzemm_work_engine_data_test::SetUp();
+        kzemm_config_inspector::origin_forward_switch() = true;
+        kzemm_config_inspector::report_switch() = true;
+        fakes::advise_plugin();
+    }
+
+    static std::vector<std::string> in_order() {
+        return fakes::texts(
+            {fakes::what::log, fakes::what::bus_log, fakes::what::bus, fakes::what::gateway});
+    }
+};
+
+TEST_F(kzemm_work_origin_bus_test, is_published_before_it_is_reported) {
+    const std::string frame_size = std::to_string(origin_frame("text").size());
+    kzemm_work::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
+    EXPECT_THAT(
+        in_order(),
+        ElementsAre("get qd_origin data", fakes::bus_text(3, "rec one message."), "dispatch 18",
+                    fakes::bus_text(3, "Event: 18 OriginCltJson: text", "kzemm_event.cpp"),
+                    "kzethtgw_async_send(5, " + frame_size + " bytes)",
+                    "send data to thtgw success"));
+    ASSERT_THAT(fakes::bus_events(), SizeIs(1));
+    EXPECT_EQ(fakes::bus_events()[0].data, "text");
+}
+
+TEST_F(kzemm_work_origin_bus_test, is_published_also_while_nothing_is_reported) {
+    kzemm_config_inspector::report_switch() = false;
+    kzemm_work::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
+    EXPECT_THAT(
+        in_order(),
+        ElementsAre("get qd_origin data", fakes::bus_text(3, "rec one message."), "dispatch 18",
+                    fakes::bus_text(3, "Event: 18 OriginCltJson: text", "kzemm_event.cpp"),
+                    "report switch is off"));
+    EXPECT_EQ(fakes::engine_frees(), 1U);
+}
+
+TEST_F(kzemm_work_origin_bus_test, is_the_engines_until_the_publication_is_over) {
+    unsigned int frees_before = 77;
+    fakes::on_bus_dispatch([&](MbFrame::IEvent *) { frees_before = fakes::engine_frees(); });
+    kzemm_work::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
+    EXPECT_EQ(frees_before, 0U);
+    EXPECT_EQ(fakes::engine_frees(), 1U);
+}
+
+TEST_F(kzemm_work_origin_bus_test, is_not_published_with_the_switch_off) {
+    kzemm_config_inspector::origin_forward_switch() = false;
+    kzemm_work::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
+    EXPECT_THAT(fakes::texts({fakes::what::bus, fakes::what::bus_log}), IsEmpty());
+    EXPECT_THAT(fakes::gateway_sends(), SizeIs(1));
+}
+
+TEST_F(kzemm_work_origin_bus_test, follows_its_switch_at_each_delivery) {
+    for (const bool forward : {true, false, true}) {
+        kzemm_config_inspector::origin_forward_switch() = forward;
+        kzemm_work::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
+    }
+    EXPECT_THAT(fakes::bus_events(), SizeIs(2));
+    EXPECT_THAT(fakes::gateway_sends(), SizeIs(3));
+}
+
+TEST_F(kzemm_work_origin_bus_test, costs_one_error_a_delivery_without_a_bus_and_nothing_else) {
+    kzemm_invoke_inspector::reset();
+    kzemm_work::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
+    kzemm_work::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
+    EXPECT_THAT(fakes::bus_lines(), ElementsAre(fakes::bus_at(0, "bus need init first."),
+                                                fakes::bus_at(0, "bus need init first.")));
+    EXPECT_THAT(log_lines(),
+                ElementsAre(at(3, "get qd_origin data"), at(3, "send data to thtgw success"),
+                            at(3, "get qd_origin data"), at(3, "send data to thtgw success")));
+}
+
+TEST_F(kzemm_work_origin_bus_test, is_reported_and_freed_when_the_bus_refuses_it) {
+    fakes::bus_dispatch_returns(-1);
+    kzemm_work::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
+    EXPECT_THAT(
+        fakes::bus_lines(),
+        ElementsAre(fakes::bus_at(3, "rec one message."), fakes::bus_at(0, "Error to Invoke data."),
+                    fakes::bus_at(3, "Event: 18 OriginCltJson: text", "kzemm_event.cpp")));
+    EXPECT_THAT(fakes::gateway_sends(), SizeIs(1));
+    EXPECT_EQ(fakes::engine_frees(), 1U);
+}
+
+TEST_F(kzemm_work_origin_bus_test, is_not_published_when_it_is_null_or_empty) {
+    kzemm_work::qd_origin_cb(nullptr, 4, nullptr);
+    kzemm_work::qd_origin_cb(fakes::engine_buffer("text"), 0, nullptr);
+    EXPECT_THAT(fakes::texts({fakes::what::bus, fakes::what::bus_log}), IsEmpty());
+    EXPECT_EQ(fakes::engine_frees(), 1U);
 }
 
 TEST_F(kzemm_work_engine_data_test, looks_at_the_report_switch_at_each_delivery) {

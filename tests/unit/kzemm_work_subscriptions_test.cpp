@@ -12,7 +12,6 @@ using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::Field;
 using testing::IsEmpty;
-using testing::IsNull;
 
 namespace {
 
@@ -37,7 +36,7 @@ class kzemm_work_registration_test : public kzemm_work_subscriptions_test,
                                      public testing::WithParamInterface<size_t> {};
 
 INSTANTIATE_TEST_SUITE_P(refused, kzemm_work_registration_test,
-                         testing::Range(size_t{0}, size_t{4}));
+                         testing::Range(size_t{0}, size_t{5}));
 
 // The report switch and the origin forward switch.
 class kzemm_work_origin_test : public kzemm_work_subscriptions_test,
@@ -65,10 +64,9 @@ INSTANTIATE_TEST_SUITE_P(refused, kzemm_work_bad_cycle_test,
                          testing::Values("119", "601", "0", "-1", "", "often"));
 
 const char *const registrations[] = {
-    "x_client_engine_subscribe_alarm",
-    "x_client_register_coordinate_cb(3)",
-    "x_client_register_coordinate_cb(1)",
-    "x_client_register_coordinate_cb(2)",
+    "x_client_engine_subscribe_alarm",    "x_client_register_coordinate_cb(3)",
+    "x_client_register_coordinate_cb(1)", "x_client_register_coordinate_cb(2)",
+    "x_client_engine_subscribe_credible",
 };
 
 const char *const registration_lines[] = {
@@ -76,6 +74,7 @@ const char *const registration_lines[] = {
     "qd register hunting coordinate cb ret: ",
     "qd register linakge coordinate cb ret: ",
     "qd register append coordinate cb ret: ",
+    "qd register engine credible cb ret: ",
 };
 
 }  // namespace
@@ -84,12 +83,16 @@ TEST_F(kzemm_work_subscriptions_test, the_fixed_callbacks_are_registered_in_orde
     EXPECT_EQ(work.qd_client_subscribe(), 0);
     EXPECT_THAT(engine_texts(), ElementsAreArray(registrations));
     const std::vector<fakes::engine_call> calls = engine_calls();
-    ASSERT_EQ(calls.size(), 4U);
+    ASSERT_EQ(calls.size(), 5U);
     EXPECT_TRUE(is_callback(calls[0].callback, kzemm_work::qd_alarm_cb));
     EXPECT_TRUE(is_callback(calls[1].callback, kzemm_work::qd_coordinate_hunting_cb));
     EXPECT_TRUE(is_callback(calls[2].callback, kzemm_work::qd_coordinate_linkage_cb));
     EXPECT_TRUE(is_callback(calls[3].callback, kzemm_work::qd_coordinate_append_cb));
-    EXPECT_THAT(calls, Each(Field(&fakes::engine_call::context, IsNull())));
+    EXPECT_TRUE(is_callback(calls[4].callback, kzemm_work::qd_eng_sub_credible_cb));
+    for (size_t position = 0; position < 4; ++position) {
+        EXPECT_EQ(calls[position].context, nullptr);
+    }
+    EXPECT_EQ(calls[4].context, &work) << "only credible events need the object";
 }
 
 TEST_F(kzemm_work_subscriptions_test, each_registration_is_logged_after_its_call) {
@@ -98,13 +101,16 @@ TEST_F(kzemm_work_subscriptions_test, each_registration_is_logged_after_its_call
                 ElementsAre(registrations[0], "qd subscribe alarm ret: 0", registrations[1],
                             "qd register hunting coordinate cb ret: 0", registrations[2],
                             "qd register linakge coordinate cb ret: 0", registrations[3],
-                            "qd register append coordinate cb ret: 0"));
+                            "qd register append coordinate cb ret: 0", registrations[4],
+                            "qd register engine credible cb ret: 0"));
     EXPECT_THAT(log_lines(), Each(Field(&fakes::record::level, 3)));
 }
 
 TEST_P(kzemm_work_registration_test, a_refused_one_fails_and_the_others_are_made_all_the_same) {
     if (GetParam() == 0) {
         fakes::engine_returns("x_client_engine_subscribe_alarm", {-7});
+    } else if (GetParam() == 4) {
+        fakes::engine_returns("x_client_engine_subscribe_credible", {-7});
     } else {
         std::vector<int> results = {0, 0, 0};
         results[GetParam() - 1] = -7;
@@ -113,7 +119,7 @@ TEST_P(kzemm_work_registration_test, a_refused_one_fails_and_the_others_are_made
     EXPECT_EQ(work.qd_client_subscribe(), -1);
     EXPECT_THAT(engine_texts(), ElementsAreArray(registrations));
     std::vector<std::string> lines;
-    for (size_t position = 0; position < 4; ++position) {
+    for (size_t position = 0; position < 5; ++position) {
         lines.push_back(registration_lines[position] +
                         std::to_string(position == GetParam() ? -7 : 0));
     }
@@ -128,6 +134,7 @@ TEST_P(kzemm_work_registration_test, a_refused_one_fails_and_the_others_are_made
 TEST_F(kzemm_work_subscriptions_test, all_registrations_refused_are_all_made) {
     fakes::engine_always_returns("x_client_engine_subscribe_alarm", 1);
     fakes::engine_always_returns("x_client_register_coordinate_cb", 2);
+    fakes::engine_always_returns("x_client_engine_subscribe_credible", 3);
     EXPECT_EQ(work.qd_client_subscribe(), -1);
     EXPECT_THAT(engine_texts(), ElementsAreArray(registrations));
 }
@@ -136,8 +143,10 @@ TEST_F(kzemm_work_subscriptions_test, no_switch_decides_about_the_fixed_registra
     EXPECT_FALSE(config::report_switch());
     EXPECT_FALSE(config::hunting_switch());
     EXPECT_FALSE(config::linkage_switch());
+    EXPECT_FALSE(config::dispose_web_switch());
+    EXPECT_FALSE(config::dispose_phishing_switch());
     EXPECT_EQ(work.qd_client_subscribe(), 0);
-    EXPECT_EQ(engine_calls().size(), 4U);
+    EXPECT_EQ(engine_calls().size(), 5U);
 }
 
 TEST_F(kzemm_work_subscriptions_test, both_switches_off_cancel_with_cycle_1_and_no_callback) {

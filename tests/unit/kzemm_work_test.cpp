@@ -68,6 +68,7 @@ class kzemm_work_test : public worker_test {
             "x_client_engine_control(17",
             "x_client_engine_subscribe_alarm",
             "x_client_register_coordinate_cb(2)",
+            "x_client_engine_subscribe_credible",
             "on request",
             "on message",
             "upgrade init",
@@ -163,8 +164,9 @@ TEST_F(kzemm_work_test, start_takes_its_steps_in_order) {
         "address agt_lkg 1 0", "address agt_rpdsp 0 0", "start"};
     expected.insert(expected.end(), switches.begin(), switches.end());
     for (const char *const each :
-         {"x_client_engine_subscribe_alarm", "x_client_register_coordinate_cb(2)", "on request",
-          "on message", "upgrade init", "address agt_cfgc 1 2"}) {
+         {"x_client_engine_subscribe_alarm", "x_client_register_coordinate_cb(2)",
+          "x_client_engine_subscribe_credible", "on request", "on message", "upgrade init",
+          "address agt_cfgc 1 2"}) {
         expected.emplace_back(each);
     }
     expected.insert(expected.end(), switches.begin(), switches.end());  // those of request_cfg
@@ -364,6 +366,7 @@ TEST_F(kzemm_work_test, a_failed_set_of_the_switches_does_not_count) {
 TEST_F(kzemm_work_test, a_failed_subscription_does_not_count) {
     fakes::engine_always_returns("x_client_engine_subscribe_alarm", -1);
     fakes::engine_always_returns("x_client_register_coordinate_cb", -1);
+    fakes::engine_always_returns("x_client_engine_subscribe_credible", -1);
     start();
     EXPECT_TRUE(fields::running(work));
 }

@@ -127,6 +127,7 @@ TEST_F(plugin_engine_data_test, brings_everything_back_after_an_outage) {
             "x_client_register_coordinate_cb(3)",
             "x_client_register_coordinate_cb(1)",
             "x_client_register_coordinate_cb(2)",
+            "x_client_engine_subscribe_credible",
             "x_client_subscribe_origin_data(120)",
         };
         auto from = calls.begin();
