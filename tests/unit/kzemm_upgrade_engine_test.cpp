@@ -363,3 +363,12 @@ TEST_F(kzemm_upgrade_engine_test, a_rule_directory_that_cannot_be_opened_hides_t
     EXPECT_EQ(entries().size(), 3U);
     EXPECT_EQ(state::s_md_tgz_path, rule("md_linux_bk_77.tgz"));
 }
+
+TEST_F(kzemm_upgrade_engine_test, a_composed_path_is_cut_at_1023_bytes) {
+    const std::string home = "/" + std::string(999, 'h');
+    setenv("KZE_AGENT_HOME", home.c_str(), 1);
+    EXPECT_EQ(relay->upgrade_eng_handle(CUpgradeRelay::ENGINE_IOA), 0);
+    const std::string whole = home + "/../hlthreat_rule//ioa_linux_en.tgz";
+    EXPECT_THAT(log_lines(), ElementsAre(at(3, "new tgz_name: " + whole.substr(0, 1023)),
+                                         at(3, "no tgz exist")));
+}

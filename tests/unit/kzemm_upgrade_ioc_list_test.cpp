@@ -206,6 +206,8 @@ TEST_F(kzemm_upgrade_ioc_list_test, of_two_equal_full_packs_the_first_stays) {
 TEST_F(kzemm_upgrade_ioc_list_test, numbers_that_wrap_are_compared_as_signed_ones) {
     EXPECT_THAT(full({"ioc_full_4294967297.4294967298.tgz"}).list,
                 ElementsAre("ioc_full_4294967297.4294967298 1.2"));
+    EXPECT_THAT(full({"ioc_full_9223372036854775809.2.tgz"}).list,
+                ElementsAre("ioc_full_9223372036854775809.2 1.2"));
     EXPECT_THAT(full({"ioc_full_2147483647.1.tgz"}).list,
                 ElementsAre("ioc_full_2147483647.1 2147483647.1"));
     for (const char *const name : {"ioc_full_2147483648.1.tgz", "ioc_full_4294967295.1.tgz",

@@ -44,6 +44,7 @@ constexpr digits numbers[] = {{"1", 1},
                               {"2147483648", -2147483647 - 1},
                               {"4294967295", -1},
                               {"4294967297", 1},
+                              {"9223372036854775809", 1},
                               {"18446744073709551616", -1}};
 constexpr size_t plain_numbers = 6;
 
@@ -61,6 +62,10 @@ digits some_number(random_source &random) {
     const bool odd = chance(random, 12);
     return numbers[static_cast<size_t>(
         pick(random, odd ? static_cast<int>(std::size(numbers)) : int{plain_numbers}))];
+}
+
+int wrapped(unsigned int value) {
+    return static_cast<int>(value);
 }
 
 std::string text_of(version at) {
@@ -89,7 +94,8 @@ ioc_name some_ioc_name(random_source &random) {
         case 4:
             return {"ioc_lnx_" + dotted + "-" + other.text + ".1]", {at, {other.value, 1}}};
         case 5:
-            return {"ioc_lnx_-" + dotted + "]", {at, {-major.value, minor.value}}};
+            return {"ioc_lnx_-" + dotted + "]",
+                    {at, {wrapped(0U - static_cast<unsigned int>(major.value)), minor.value}}};
         case 6:
             return {(chance(random, 50) ? "ioc_" : "ioc_full_x-") + dotted, {at}};
         case 7:
@@ -197,7 +203,7 @@ class scripted_engine {
             }
         }
         if (chance(random, 10)) {
-            ++result.second;  // it jumps past the pack
+            result.second = wrapped(static_cast<unsigned int>(result.second) + 1);  // past the pack
         }
         return result;
     }

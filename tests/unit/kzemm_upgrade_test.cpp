@@ -243,6 +243,22 @@ TEST_F(kzemm_upgrade_test, the_loop_turns_ten_times_a_second_until_it_is_stopped
     EXPECT_FALSE(fields::thread_running(*relay));
 }
 
+// The worker may be stopped before its upgrade thread has come so far.
+TEST_F(kzemm_upgrade_test, a_loop_that_is_stopped_before_it_begins_does_not_turn) {
+    relay->stop_thread();
+    fakes::at_loop_turn(5, [this] { relay->stop_thread(); });
+    relay->upgrade_thread_loop();
+    EXPECT_THAT(fakes::sleeps(), IsEmpty());
+}
+
+TEST_F(kzemm_upgrade_test, uninit_right_behind_init_ends) {
+    for (int round = 0; round < 200; ++round) {
+        ASSERT_EQ(relay->init(), 0);
+        ASSERT_EQ(relay->uninit(), 0);
+    }
+    EXPECT_EQ(fields::upgrade_timer(*relay), nullptr);
+}
+
 TEST_F(kzemm_upgrade_test, the_first_tick_comes_a_whole_period_after_the_start) {
     config::upgrade_check_interval() = 7;
     ASSERT_EQ(relay->start_upgrade_timer(), 0);
