@@ -36,7 +36,7 @@ int kze_thread_start(kze_thread_t *out, void *(*routine)(void *), void *argument
     pthread_t thread{};
     const int error = pthread_create(&thread, nullptr, run, to_run.get());
     if (error == 0) {
-        to_run.release();  // the new thread's
+        static_cast<void>(to_run.release());  // the new thread's
         *out = thread;
     }
     return error;
