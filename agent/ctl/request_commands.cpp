@@ -213,7 +213,7 @@ void add_request(CLI::App &to, command_line &line, const request_kind &kind,
     options->file_option =
         command->add_option("FILE", options->file, "The body's bytes; \"-\" reads standard input");
     options->text_option =
-        command->add_option("--text", options->text, "The body's text")->type_name("TEXT");
+        command->add_option("--text", options->text, "The body's text")->type_name("STRING");
     if (kind.framed) {
         command->add_flag("--raw", options->raw,
                           "Send the body as it is, without a module header around it");
@@ -223,7 +223,7 @@ void add_request(CLI::App &to, command_line &line, const request_kind &kind,
             command->add_option("--rules-id", options->rules_id, "The rule set's identifier")
                 ->type_name("ID");
         options->rules_option =
-            command->add_option("--rules", options->rules, "Its text")->type_name("TEXT");
+            command->add_option("--rules", options->rules, "Its text")->type_name("STRING");
         options->rules_file_option =
             command->add_option("--rules-file", options->rules_file, "A file with its text")
                 ->type_name("FILE");
