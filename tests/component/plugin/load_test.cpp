@@ -337,4 +337,26 @@ TEST_F(plugin_load_test, a_shutdown_under_load_takes_the_running_call_and_frees_
            static_cast<long long>(longest.count()), static_cast<long long>(call_time.count()));
 }
 
+// The task thread of a start once found that it was not running yet, and ended.
+TEST_F(plugin_load_test, every_start_serves_its_queue) {
+    constexpr unsigned int starts = 12;
+    constexpr unsigned int requests = 10;
+    size_t tasks = 0;
+    for (unsigned int round = 1; round <= starts; ++round) {
+        engine::instance().reset(requests);
+        start();
+        clients.push_back(std::make_unique<load_client>(round, window, requests));
+        send(0, requests);
+        ASSERT_TRUE(eventually([&] { return all_done(); }));
+        ASSERT_GT(answered(0), 0U);
+        tasks += answered(0);
+        EXPECT_TRUE(log->await(freed, tasks)) << "nobody serves the queue of start " << round;
+        clients.clear();
+        ASSERT_EQ(uninit(), 0);
+        EXPECT_TRUE(log->await(stopped, round));
+    }
+    EXPECT_EQ(log->count(made), tasks);
+    EXPECT_EQ(log->count(freed), tasks);
+}
+
 }  // namespace
