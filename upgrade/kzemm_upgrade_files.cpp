@@ -110,7 +110,7 @@ void CUpgradeRelay::test_for_solve(const char *path, int error) {
     localtime_r(&now, &local);
     const char *const last_slash = strrchr(path, '/');
     if (last_slash == nullptr) {
-        kze_log(2, "param path invaild!!");
+        kze_log(2, "path param invaild!!");
         return;
     }
     char stamp[128] = {};

@@ -311,7 +311,7 @@ TEST_F(kzemm_upgrade_capture_test, without_a_path_nothing_happens) {
 
 TEST_F(kzemm_upgrade_capture_test, a_path_without_a_slash_is_refused_when_the_directory_is_made) {
     CUpgradeRelay::test_for_solve("bare.json", 1);
-    EXPECT_THAT(log_lines(), ElementsAre(at(2, "param path invaild!!")));
+    EXPECT_THAT(log_lines(), ElementsAre(at(2, "path param invaild!!")));
     EXPECT_THAT(entries("hlthreat_rule/tmp_dir"), IsEmpty());
 }
 
