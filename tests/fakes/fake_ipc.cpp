@@ -33,6 +33,7 @@ struct state {
     std::vector<fakes::ipc_response> responses;
     std::vector<fakes::ipc_request> requests;
     std::function<void()> send_hook;
+    std::function<void(const fakes::ipc_request &)> request_hook;
     std::set<std::string> failing_ipcs;
     std::set<std::string> failing_addrs;
     int send_result = 0;
@@ -189,6 +190,11 @@ void on_ipc_send(std::function<void()> hook) {
     s_state.send_hook = std::move(hook);
 }
 
+void on_ipc_request(std::function<void(const ipc_request &)> hook) {
+    const std::lock_guard<std::mutex> lock(s_mutex);
+    s_state.request_hook = std::move(hook);
+}
+
 void ipc_create_fails(const std::string &name) {
     const std::lock_guard<std::mutex> lock(s_mutex);
     s_state.failing_ipcs.insert(name);
@@ -289,9 +295,20 @@ int vrd_ipc_make_request(vrd_ipc_st *ipc, const vrd_addr_st *addr, unsigned int 
                          const char *data, unsigned int size, vrd_ipc_reply_cb callback,
                          void *context, unsigned int time_limit) {
     fakes::note(fakes::what::ipc, "request " + std::to_string(cmd) + ", " + std::to_string(size));
-    const std::lock_guard<std::mutex> lock(s_mutex);
-    s_state.requests.push_back({ipc, addr, cmd, bytes(data, size), callback, context, time_limit});
-    return s_state.make_request_result;
+    const fakes::ipc_request request = {ipc,      addr,    cmd,       bytes(data, size),
+                                        callback, context, time_limit};
+    std::function<void(const fakes::ipc_request &)> hook;
+    int result = 0;
+    {
+        const std::lock_guard<std::mutex> lock(s_mutex);
+        s_state.requests.push_back(request);
+        hook = s_state.request_hook;
+        result = s_state.make_request_result;
+    }
+    if (hook) {
+        hook(request);
+    }
+    return result;
 }
 
 int vrd_ipc_send(vrd_ipc_st *ipc, const vrd_addr_st *addr, unsigned int cmd, const char *data,

@@ -67,6 +67,8 @@ bool ipc_receives_message(const std::string &name, unsigned int cmd, const std::
 void ipc_send_returns(int result);
 // Runs on the sending thread within each vrd_ipc_send, after it was recorded.
 void on_ipc_send(std::function<void()> hook);
+// Runs on the asking thread within each vrd_ipc_make_request, after it was recorded.
+void on_ipc_request(std::function<void(const ipc_request &)> hook);
 // Gives null for an endpoint, temporary or not, or an address of that name.
 void ipc_create_fails(const std::string &name);
 void addr_create_fails(const std::string &name);

@@ -32,7 +32,7 @@ inline void add_process(event_action &action, uint64_t node, uint64_t pid) {
     kzav_trace::process_vertex &process = *action.add_process_list();
     process.set_node_id(node);
     process.set_process_id(pid);
-    process.set_process_createtime(1700000000000 + static_cast<int64_t>(pid));
+    process.set_process_createtime(1700000000000 + static_cast<int64_t>(pid % 1000000));
     process.set_process_path("/usr/bin/p" + std::to_string(pid));
     process.set_process_md5("md5 of " + std::to_string(pid));
     process.set_process_commandline("p --all");
