@@ -6,126 +6,26 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cctype>
-#include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <string_view>
 #include <tuple>
 #include <vector>
 
+#include "agent/common/descriptor.h"
 #include "agent/common/md5.h"
-#include "agent/engine/owned_descriptor.h"
+#include "agent/common/process_files.h"
 
 namespace kze::engine {
 namespace {
 
 using json = nlohmann::ordered_json;
 
-constexpr std::size_t stat_limit = 4096;
+constexpr std::size_t status_limit = 4096;
 constexpr std::size_t command_line_limit = 32 * 1024;
-
-/* The length of the well-formed UTF-8 sequence that the text begins with; 0 when there is none. */
-std::size_t utf8_sequence(std::string_view text) {
-    const auto byte = [&](std::size_t index) { return static_cast<unsigned char>(text[index]); };
-    const unsigned char lead = byte(0);
-    if (lead < 0x80) {
-        return 1;
-    }
-    const std::size_t length = lead < 0xC2   ? 0
-                               : lead < 0xE0 ? 2
-                               : lead < 0xF0 ? 3
-                               : lead < 0xF5 ? 4
-                                             : 0;
-    if (length == 0 || text.size() < length) {
-        return 0;
-    }
-    for (std::size_t index = 1; index < length; ++index) {
-        if ((byte(index) & 0xC0) != 0x80) {
-            return 0;
-        }
-    }
-    /* Overlong forms, surrogates and what lies beyond the last code point. */
-    const unsigned char second = byte(1);
-    if ((lead == 0xE0 && second < 0xA0) || (lead == 0xED && second >= 0xA0) ||
-        (lead == 0xF0 && second < 0x90) || (lead == 0xF4 && second >= 0x90)) {
-        return 0;
-    }
-    return length;
-}
-
-bool is_utf8(std::string_view text) {
-    while (!text.empty()) {
-        const std::size_t length = utf8_sequence(text);
-        if (length == 0) {
-            return false;
-        }
-        text.remove_prefix(length);
-    }
-    return true;
-}
-
-/* Reads a file below the process's directory up to a limit; nothing when it can't be read. */
-std::optional<std::string> read_file(int directory, const char *name, std::size_t limit) {
-    const owned_descriptor file(::openat(directory, name, O_RDONLY | O_CLOEXEC));
-    if (file.get() < 0) {
-        return std::nullopt;
-    }
-    std::string text(limit, '\0');
-    std::size_t filled = 0;
-    while (filled < limit) {
-        const ssize_t got = ::read(file.get(), text.data() + filled, limit - filled);
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got < 0) {
-            return std::nullopt;
-        }
-        if (got == 0) {
-            break;
-        }
-        filled += static_cast<std::size_t>(got);
-    }
-    text.resize(filled);
-    return text;
-}
-
-struct process_stat {
-    std::string name;
-    std::int64_t ppid = 0;
-    std::uint64_t start_ticks = 0;
-};
-
-/* Reads "pid (name) state ppid ... start ticks ...", where the name may hold anything. */
-std::optional<process_stat> parse_stat(const std::string &text) {
-    const std::size_t open = text.find('(');
-    const std::size_t close = text.rfind(')');
-    if (open == std::string::npos || close == std::string::npos || close < open) {
-        return std::nullopt;
-    }
-    process_stat out;
-    out.name = text.substr(open + 1, close - open - 1);
-    std::vector<std::string> fields;
-    std::string field;
-    for (const char c : text.substr(close + 1)) {
-        if (c != ' ' && c != '\n') {
-            field.push_back(c);
-        } else if (!field.empty()) {
-            fields.push_back(std::move(field));
-            field.clear();
-        }
-    }
-    /* The first field behind the name is the third of all; ppid is the 4th, the start the 22nd. */
-    if (fields.size() < 20) {
-        return std::nullopt;
-    }
-    out.ppid = std::strtoll(fields[1].c_str(), nullptr, 10);
-    out.start_ticks = std::strtoull(fields[19].c_str(), nullptr, 10);
-    return out;
-}
 
 /* The real user of a process by its "status"; nothing when the line isn't there. */
 std::optional<uid_t> parse_uid(const std::string &status) {
@@ -134,12 +34,6 @@ std::optional<uid_t> parse_uid(const std::string &status) {
         return std::nullopt;
     }
     return static_cast<uid_t>(std::strtoul(status.c_str() + at + 5, nullptr, 10));
-}
-
-std::int64_t read_boot_time() {
-    const std::optional<std::string> text = read_file(AT_FDCWD, "/proc/stat", 1U << 20);
-    const std::size_t at = text ? text->find("\nbtime ") : std::string::npos;
-    return at == std::string::npos ? 0 : std::strtoll(text->c_str() + at + 7, nullptr, 10);
 }
 
 /* Sets a member to the text of the bytes, and names it in "escaped" when they weren't UTF-8. */
@@ -152,25 +46,15 @@ void set_text(json &line, const char *member, std::string_view bytes) {
 }
 
 void set_path(json &line, int directory) {
-    constexpr std::string_view mark = " (deleted)";
-    std::array<char, PATH_MAX> target;
-    const ssize_t length = ::readlinkat(directory, "exe", target.data(), target.size());
-    std::string_view path(target.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
-    struct stat info {};
-    const bool deleted = path.size() > mark.size() &&
-                         path.substr(path.size() - mark.size()) == mark &&
-                         ::fstatat(directory, "exe", &info, 0) == 0 && info.st_nlink == 0;
-    if (deleted) {
-        path.remove_suffix(mark.size());
-    }
-    set_text(line, "path", path);
-    if (deleted) {
+    const executable_path path = read_executable_path(directory);
+    set_text(line, "path", path.bytes);
+    if (path.deleted) {
         line["deleted"] = true;
     }
 }
 
 void set_command_line(json &line, int directory) {
-    std::string bytes = read_file(directory, "cmdline", command_line_limit + 1).value_or("");
+    std::string bytes = read_file_at(directory, "cmdline", command_line_limit + 1).value_or("");
     const bool cut = bytes.size() > command_line_limit;
     if (cut) {
         bytes.resize(command_line_limit);
@@ -192,28 +76,6 @@ void set_command_line(json &line, int directory) {
 }
 
 }  // namespace
-
-std::string text_of_bytes(std::string_view bytes, bool &escaped) {
-    if (is_utf8(bytes)) {
-        return std::string(bytes);
-    }
-    static constexpr char digits[] = "0123456789abcdef";
-    escaped = true;
-    std::string text;
-    while (!bytes.empty()) {
-        const std::size_t length = utf8_sequence(bytes);
-        if (length == 0) {
-            const auto byte = static_cast<unsigned char>(bytes[0]);
-            text.append("\\x").append(1, digits[byte >> 4]).append(1, digits[byte & 0x0F]);
-        } else if (bytes[0] == '\\') {
-            text.append("\\\\");
-        } else {
-            text.append(bytes.substr(0, length));
-        }
-        bytes.remove_prefix(std::max<std::size_t>(length, 1));
-    }
-    return text;
-}
 
 bool process_snapshot::file_key::operator<(const file_key &other) const {
     return std::tie(device, inode, size, changed_s, changed_ns) <
@@ -238,7 +100,7 @@ std::string process_snapshot::take() {
         }
         /* All files of the process are reached through this descriptor: when it ends, they fail,
          * and a process that gets its number is never mixed in. */
-        const owned_descriptor process(
+        const descriptor process(
             ::openat(::dirfd(directory.get()), entry->d_name, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         if (process.get() >= 0) {
             lines += line_of(process.get(), pid);
@@ -251,9 +113,8 @@ std::string process_snapshot::take() {
 
 /* The line of one process; empty when it has ended. */
 std::string process_snapshot::line_of(int process_directory, std::uint64_t pid) {
-    const auto stat_text = read_file(process_directory, "stat", stat_limit);
-    const auto status = read_file(process_directory, "status", stat_limit);
-    const auto stat = stat_text ? parse_stat(*stat_text) : std::nullopt;
+    const auto stat = read_process_stat(process_directory);
+    const auto status = read_file_at(process_directory, "status", status_limit);
     const auto uid = status ? parse_uid(*status) : std::nullopt;
     if (!stat || !uid) {
         return {};
@@ -271,15 +132,14 @@ std::string process_snapshot::line_of(int process_directory, std::uint64_t pid) 
     line["md5"] = md5_of_executable(process_directory);
     set_command_line(line, process_directory);
     /* A process that ended while it was read would show half of itself. */
-    if (!read_file(process_directory, "stat", stat_limit)) {
+    if (!read_process_stat(process_directory)) {
         return {};
     }
     return line.dump() + "\n";
 }
 
 std::string process_snapshot::md5_of_executable(int process_directory) {
-    const owned_descriptor file(
-        ::openat(process_directory, "exe", O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    const descriptor file = open_executable(process_directory);
     struct stat info {};
     if (file.get() < 0 || ::fstat(file.get(), &info) != 0) {
         return {};

@@ -22,15 +22,12 @@
 #include <cstdint>
 #include <map>
 #include <string>
-#include <string_view>
+
+#include "agent/common/byte_text.h"
 
 namespace kze::engine {
 
-/*
- * Bytes as UTF-8 text: unchanged when they are well-formed UTF-8; otherwise each byte that is not
- * stands as \xNN and each backslash as two, and escaped becomes true (it is never set to false).
- */
-std::string text_of_bytes(std::string_view bytes, bool &escaped);
+using kze::text_of_bytes;
 
 /* Takes snapshots. One thread at a time. */
 class process_snapshot {

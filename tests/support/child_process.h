@@ -79,7 +79,12 @@ class child_process {
         std::fprintf(input_, "%s\n", text.c_str());
         std::fflush(input_);
     }
-    void signal(int number) const { kill(pid_, number); }
+    /* Nothing once its end was waited for: such numbers mean other processes to kill. */
+    void signal(int number) const {
+        if (pid_ > 0) {
+            kill(pid_, number);
+        }
+    }
     /* Waits for its end; the status as waitpid gives it. */
     int wait() {
         int status = 0;

@@ -1,0 +1,29 @@
+/* The frames of module messages: a header of 20 bytes and a body. */
+#ifndef KZE_AGENT_COMMON_MODULE_FRAME_H
+#define KZE_AGENT_COMMON_MODULE_FRAME_H
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace kze {
+
+/* "3200", 2 bytes 0, the compress flag in 2, the protocol type in 2, 6 bytes 0, the body's length
+ * in
+ * 4. No field tells in which byte order the two numbers are. */
+constexpr std::size_t module_header_size = 20;
+
+constexpr unsigned int module_request = 1;
+constexpr unsigned int module_response = 2;
+
+enum class byte_order { big_endian, little_endian };
+
+/* The frame of a body, uncompressed. Any thread. */
+std::string module_frame(std::string_view body, unsigned int proto_type, byte_order order);
+
+/* What is wrong with an uncompressed frame of that type; empty when nothing is. Any thread. */
+std::string module_frame_problem(std::string_view frame, unsigned int proto_type, byte_order order);
+
+}  // namespace kze
+
+#endif
