@@ -23,6 +23,7 @@ inline constexpr agent_service agent_services[] = {
     {"05agt_cfgc", "bin/agt_cfgc", "agt_cfgc", "agt_cfgc", "Configuration",
      "the configuration service"},
     {"06agt_lkg", "bin/agt_lkg", "agt_lkg", "agt_lkg", "Linkage", "the linkage service"},
+    {"07agt_rpdsp", "bin/agt_rpdsp", "agt_rpdsp", "agt_rpdsp", "Disposal", "the disposal service"},
     {engine_service_name, "qd_agent/bin/qd_agent", "qd_agent", "engine", "Engine", "the engine"},
 };
 

@@ -34,6 +34,7 @@ void on_chosen(CLI::App *command, command_line &line, std::function<exit_status(
 void add_agent_commands(CLI::App &app, command_line &line);
 void add_status_command(CLI::App &app, command_line &line);
 void add_config_commands(CLI::App &app, command_line &line);
+void add_disposal_commands(CLI::App &app, command_line &line);
 void add_engine_commands(CLI::App &app, command_line &line);
 void add_gateway_commands(CLI::App &app, command_line &line);
 void add_request_commands(CLI::App &app, command_line &line);

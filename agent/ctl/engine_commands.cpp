@@ -9,6 +9,7 @@
 
 #include "agent/ctl/ask.h"
 #include "agent/ctl/command_line.h"
+#include "agent/ctl/credible_command.h"
 #include "agent/ctl/engine_change.h"
 #include "agent/ctl/engine_rules_commands.h"
 #include "agent/ctl/engine_service.h"
@@ -236,6 +237,7 @@ void add_engine_commands(CLI::App &app, command_line &line) {
     add_answer(*group, line);
     add_clear(*group, line);
     add_push(*group, line);
+    add_credible_command(*group, line);
     add_origin_now(*group, line);
     add_die(*group, line);
     add_silent(*group, line);

@@ -75,7 +75,7 @@ exit_status list(const list_options &options, const output &out) {
     if (out.json()) {
         json records = json::array();
         for (const journal_entry &entry : *found) {
-            records.push_back(record_json(entry));
+            records.push_back(record_json(with_content(journal, entry)));
         }
         out.done("", {{"records", records}});
         return exit_done;
@@ -87,7 +87,7 @@ exit_status list(const list_options &options, const output &out) {
               {"SIZE", look::strong},
               {"CONTENT", look::strong}});
     for (const journal_entry &entry : *found) {
-        rows.add(record_row(entry));
+        rows.add(record_row(with_content(journal, entry)));
     }
     rows.print(out);
     return exit_done;
@@ -167,13 +167,14 @@ exit_status tail(const tail_options &options, const output &out) {
     for (const journal_entry &entry : last.value_or(std::vector<journal_entry>())) {
         after = entry.id;
         if (options.lines != 0) {
-            print_row(entry, out);
+            print_row(with_content(journal, entry), out);
         }
     }
     if (options.follow &&
         !journal.follow(
             after, type, std::chrono::milliseconds(look_period_ms),
-            [&](const journal_entry &entry) { print_row(entry, out); }, [] { return true; })) {
+            [&](const journal_entry &entry) { print_row(with_content(journal, entry), out); },
+            [] { return true; })) {
         fail(journal);
     }
     return exit_done;
@@ -205,7 +206,7 @@ exit_status wait(const wait_options &options, const output &out) {
         for (const journal_entry &entry : found.value_or(std::vector<journal_entry>())) {
             after = entry.id;
             if (has_text(journal, entry, options.contains)) {
-                json value = record_json(entry);
+                json value = record_json(with_content(journal, entry));
                 out.done(std::to_string(entry.id), value);
                 return exit_done;
             }
@@ -230,8 +231,9 @@ exit_status mark(const output &out) {
 
 void add_type(CLI::App *command, std::string &type) {
     command
-        ->add_option("--type", type,
-                     "Only this type: alarm, linkage, append, hunting, origin, or its number")
+        ->add_option(
+            "--type", type,
+            "Only this type: alarm, linkage, append, hunting, origin, credible, or its number")
         ->type_name("TYPE");
 }
 

@@ -12,32 +12,31 @@
 #include "agent/common/tree.h"
 #include "agent/ctl/command_line.h"
 #include "agent/ctl/deadline.h"
-#include "agent/services/reply_reader.h"
-#include "agent/services/reply_store.h"
+#include "agent/services/record_reader.h"
 
 namespace kze::ctl {
 namespace {
 
 using nlohmann::json;
-using services::linkage_reply;
-using services::reply_reader;
+using services::kept_record;
+using services::record_reader;
 
 constexpr int look_period_ms = 100;
 constexpr unsigned int batch = 256;
 
-reply_reader open_replies() {
-    return reply_reader(tree_path(services::replies_path));
+record_reader open_replies() {
+    return record_reader(tree_path(services::linkage_replies.path), services::linkage_replies);
 }
 
 template <typename found>
-found need(std::optional<found> result, const reply_reader &replies) {
+found need(std::optional<found> result, const record_reader &replies) {
     if (!result) {
         throw failure(exit_failed, replies.problem());
     }
     return std::move(*result);
 }
 
-json reply_json(const linkage_reply &reply) {
+json reply_json(const kept_record &reply) {
     return {{"id", reply.id},
             {"received_us", reply.received_us},
             {"failed", reply.size == 0},
@@ -45,7 +44,7 @@ json reply_json(const linkage_reply &reply) {
             {"beginning", printable(reply.data)}};
 }
 
-std::vector<table::cell> reply_row(const linkage_reply &reply) {
+std::vector<table::cell> reply_row(const kept_record &reply) {
     const bool failed = reply.size == 0;
     const bool cut = static_cast<std::size_t>(reply.size) > reply.data.size();
     return {{std::to_string(reply.id)},
@@ -63,13 +62,13 @@ struct list_options {
 };
 
 exit_status list(const list_options &options, const output &out) {
-    reply_reader replies = open_replies();
+    record_reader replies = open_replies();
     const auto found = need(options.after < 0 ? replies.newest(options.limit)
                                               : replies.list(options.after, options.limit),
                             replies);
     if (out.json()) {
         json all = json::array();
-        for (const linkage_reply &reply : found) {
+        for (const kept_record &reply : found) {
             all.push_back(reply_json(reply));
         }
         out.done("", {{"replies", all}});
@@ -81,7 +80,7 @@ exit_status list(const list_options &options, const output &out) {
               {"REPLY", look::strong},
               {"SIZE", look::strong},
               {"CONTENT", look::strong}});
-    for (const linkage_reply &reply : found) {
+    for (const kept_record &reply : found) {
         rows.add(reply_row(reply));
     }
     rows.print(out);
@@ -89,12 +88,12 @@ exit_status list(const list_options &options, const output &out) {
 }
 
 exit_status show(std::int64_t id, bool raw, const output &out) {
-    reply_reader replies = open_replies();
+    record_reader replies = open_replies();
     const auto found = need(replies.show(id), replies);
     if (found.empty()) {
         throw failure(exit_not_there, "there is no linkage reply " + std::to_string(id));
     }
-    const linkage_reply &reply = found.front();
+    const kept_record &reply = found.front();
     if (raw) {
         std::fwrite(reply.data.data(), 1, reply.data.size(), stdout);
         if (std::fflush(stdout) != 0) {
@@ -128,7 +127,7 @@ struct tail_options {
     bool follow = false;
 };
 
-void print_row(const linkage_reply &reply, const output &out) {
+void print_row(const kept_record &reply, const output &out) {
     if (out.json()) {
         out.json_line(reply_json(reply));
         return;
@@ -142,7 +141,7 @@ void print_row(const linkage_reply &reply, const output &out) {
 }
 
 /* What is behind `after`, which it moves; from the beginning where the file was begun anew. */
-std::vector<linkage_reply> new_replies(reply_reader &replies, std::int64_t &after) {
+std::vector<kept_record> new_replies(record_reader &replies, std::int64_t &after) {
     if (need(replies.newest_id(), replies) < after) {
         after = 0;
     }
@@ -154,15 +153,15 @@ std::vector<linkage_reply> new_replies(reply_reader &replies, std::int64_t &afte
 }
 
 exit_status tail(const tail_options &options, const output &out) {
-    reply_reader replies = open_replies();
+    record_reader replies = open_replies();
     std::int64_t after = need(replies.newest_id(), replies);
-    for (const linkage_reply &reply : need(replies.newest(options.lines), replies)) {
+    for (const kept_record &reply : need(replies.newest(options.lines), replies)) {
         print_row(reply, out);
         after = std::max(after, reply.id);
     }
     while (options.follow) {
         const auto found = new_replies(replies, after);
-        for (const linkage_reply &reply : found) {
+        for (const kept_record &reply : found) {
             print_row(reply, out);
         }
         if (found.size() < batch) {
@@ -182,7 +181,7 @@ struct wait_options {
     double timeout = 30;
 };
 
-bool is_wanted(const wait_options &options, reply_reader &replies, const linkage_reply &reply) {
+bool is_wanted(const wait_options &options, record_reader &replies, const kept_record &reply) {
     if ((options.failed && reply.size != 0) || (options.result && reply.size == 0)) {
         return false;
     }
@@ -194,12 +193,12 @@ bool is_wanted(const wait_options &options, reply_reader &replies, const linkage
 }
 
 exit_status wait(const wait_options &options, const output &out) {
-    reply_reader replies = open_replies();
+    record_reader replies = open_replies();
     const deadline until(options.timeout);
     std::int64_t after = options.after;
     for (;;) {
         const auto found = need(replies.list(after, batch), replies);
-        for (const linkage_reply &reply : found) {
+        for (const kept_record &reply : found) {
             after = reply.id;
             if (is_wanted(options, replies, reply)) {
                 out.done(std::to_string(reply.id), reply_json(reply));
@@ -217,7 +216,7 @@ exit_status wait(const wait_options &options, const output &out) {
 }
 
 exit_status mark(const output &out) {
-    reply_reader replies = open_replies();
+    record_reader replies = open_replies();
     const std::int64_t id = need(replies.newest_id(), replies);
     out.done(std::to_string(id), {{"id", id}});
     return exit_done;

@@ -103,7 +103,8 @@ void add_which(CLI::App *command, std::string &which) {
     command
         ->add_option("WHICH", which,
                      "worker (the plug-in's), upgrade, task, setdriveswitch (its threads'), host, "
-                     "engine, gateway, agt_cfgc, agt_lkg, services, output (what the host prints), "
+                     "engine, gateway, agt_cfgc, agt_lkg, agt_rpdsp, services, output (what the "
+                     "host prints), "
                      "or any log under var/log by its name")
         ->capture_default_str();
 }

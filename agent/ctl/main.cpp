@@ -141,6 +141,7 @@ int run(int argc, char **argv) {
     add_ioa_commands(app, line);
     add_pack_commands(app, line);
     add_lkg_commands(app, line);
+    add_disposal_commands(app, line);
     add_log_commands(app, line);
     add_watch_command(app, line);
     try {

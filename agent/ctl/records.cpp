@@ -6,7 +6,9 @@
 #include <optional>
 #include <sstream>
 #include <string_view>
+#include <utility>
 
+#include "agent/ctl/credible_record.h"
 #include "agent/ctl/ioa_report.h"
 #include "agent/gateway/frame.h"
 #include "engine/qd_client.h"
@@ -81,6 +83,16 @@ std::optional<ioa_report> report_of(const journal_entry &entry) {
                      std::string_view(entry.beginning).substr(gateway::frame_header_size));
 }
 
+/* The credible event in a record's bytes; none while only their beginning is there. */
+std::optional<json> credible_of(const journal_entry &entry, std::string_view data) {
+    if (entry.type != KZEMM_DATA_CREDIBLE || data.size() < static_cast<std::size_t>(entry.size)) {
+        return std::nullopt;
+    }
+    const frame decoded = gateway::decode_frame(data);
+    return decoded.has_header && decoded.problem.empty() ? read_credible(decoded.content)
+                                                         : std::nullopt;
+}
+
 json report_json(const ioa_report &report) {
     json value = {{"agentId", report.agent_id}, {"rulesId", report.rules_id}};
     if (report.res) {
@@ -98,6 +110,9 @@ std::string brief(const journal_entry &entry) {
     if (head.compress_flag == zlib_compressed) {
         return human_size(head.msg_len) + " raw, compressed to " +
                percentage(head.payload_size, head.msg_len);
+    }
+    if (const std::optional<json> event = credible_of(entry, entry.beginning)) {
+        return credible_text(*event);
     }
     const std::optional<ioa_report> report = report_of(entry);
     return report ? ioa_report_text(*report) : "frame of type " + std::to_string(head.proto_type);
@@ -231,6 +246,16 @@ std::optional<frame> frame_of(const journal_record &record) {
 
 }  // namespace
 
+journal_entry with_content(gateway::journal_reader &journal, const journal_entry &entry) {
+    journal_entry whole = entry;
+    if (entry.type == KZEMM_DATA_CREDIBLE) {
+        if (auto record = journal.show(entry.id)) {
+            whole.beginning = std::move(record->data);
+        }
+    }
+    return whole;
+}
+
 std::vector<table::cell> record_row(const journal_entry &entry) {
     return {{std::to_string(entry.id), look::strong},
             {human_time(entry.accepted_us), look::faint},
@@ -256,6 +281,9 @@ json record_json(const journal_entry &entry) {
         if (const std::optional<ioa_report> report = report_of(entry)) {
             value["report"] = report_json(*report);
         }
+        if (const std::optional<json> event = credible_of(entry, entry.beginning)) {
+            value["credible"] = *event;
+        }
     }
     return value;
 }
@@ -266,6 +294,9 @@ json whole_record_json(const journal_record &record) {
     const std::string &content = decoded ? decoded->content : record.data;
     if (decoded) {
         value["frame"] = frame_json(*decoded);
+    }
+    if (const std::optional<json> event = credible_of(record.entry, record.data)) {
+        value["credible"] = *event;
     }
     if (const auto processes = processes_of(content);
         processes && record.entry.type == KZEMM_DATA_ORIGIN) {
@@ -298,6 +329,10 @@ void print_record(const journal_record &record, const output &out) {
         head.add({{"Agent", look::faint}, {std::to_string(report->agent_id)}});
         head.add({{"Custom IOA", look::faint}, {ioa_report_text(*report)}});
     }
+    const std::optional<json> event = credible_of(record.entry, record.data);
+    if (event) {
+        add_credible_rows(*event, head);
+    }
     if (processes) {
         head.add({{"Processes", look::faint}, {std::to_string(processes->size())}});
     }
@@ -305,6 +340,8 @@ void print_record(const journal_record &record, const output &out) {
     out.line("");
     if (processes) {
         print_processes(*processes, out);
+    } else if (event) {
+        print_credible_actions(*event, out);
     } else {
         print_bytes(content, out);
     }

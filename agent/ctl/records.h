@@ -10,6 +10,11 @@
 
 namespace kze::ctl {
 
+/* The entry with all of its record's data in its beginning where a list shows what only the whole
+ * record tells, a credible event; otherwise as it is. */
+gateway::journal_entry with_content(gateway::journal_reader &journal,
+                                    const gateway::journal_entry &entry);
+
 /* One record in a list: number, time, type, size and what its first bytes tell. */
 std::vector<table::cell> record_row(const gateway::journal_entry &entry);
 nlohmann::json record_json(const gateway::journal_entry &entry);

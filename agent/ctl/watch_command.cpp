@@ -142,7 +142,7 @@ class watcher {
         }
         for (const journal_entry &entry : entries.value_or(std::vector<journal_entry>())) {
             last_ = entry.id;
-            into.push_back(record_event(entry));
+            into.push_back(record_event(with_content(journal_, entry)));
         }
     }
 

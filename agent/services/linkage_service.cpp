@@ -7,7 +7,7 @@
 namespace kze::services {
 
 linkage_service::linkage_service(const std::string &path)
-    : endpoint_service(linkage_endpoint), replies_(path) {}
+    : endpoint_service(linkage_endpoint), replies_(path, linkage_replies) {}
 
 void linkage_service::on_message(unsigned int cmd, std::string_view body) {
     if (cmd != linkage_reply_command) {

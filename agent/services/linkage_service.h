@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "agent/services/endpoint_service.h"
-#include "agent/services/reply_store.h"
+#include "agent/services/record_store.h"
 
 namespace kze::services {
 
@@ -29,7 +29,7 @@ class linkage_service : public endpoint_service {
     void note_lost();
     void note_kept();
 
-    reply_store replies_;
+    record_store replies_;
     std::uint64_t results_ = 0;
     std::uint64_t failures_ = 0;
     std::uint64_t lost_ = 0;        /* could not be written */

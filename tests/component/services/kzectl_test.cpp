@@ -3,7 +3,7 @@
 
 #include <thread>
 
-#include "agent/services/reply_store.h"
+#include "agent/services/record_store.h"
 #include "tests/component/services/service_process.h"
 
 namespace kze_test {
@@ -144,7 +144,8 @@ class LkgCommands : public ipc_fixture {
   protected:
     void SetUp() override { tree.write("bin/kze_agent", ""); }
 
-    kze::services::reply_store replies_{tree.path("var/lib/linkage.db").string()};
+    kze::services::record_store replies_{tree.path("var/lib/linkage.db").string(),
+                                         kze::services::linkage_replies};
 };
 
 TEST_F(LkgCommands, there_is_nothing_before_the_first_reply) {
@@ -202,6 +203,73 @@ TEST_F(LkgCommands, file_that_is_no_database_is_a_failure_with_its_name) {
     const run_result result = kzectl({"lkg", "list"});
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.err, HasSubstr("linkage.db"));
+}
+
+class DisposalCommands : public ipc_fixture {
+  protected:
+    void SetUp() override { tree.write("bin/kze_agent", ""); }
+
+    /* An order with one process, whose fate is not known while the order is not done. */
+    static std::string order(int pid, const std::string &fate, bool done = true) {
+        json process = {{"pid", pid}, {"create_time", 7}, {"path", "/bin/x"}, {"md5", "0"}};
+        json all = {{"agent_id", "agent"}, {"done", done}};
+        if (done) {
+            process["fate"] = fate;
+            process["reason"] = "the \x1B[31mreason";
+            all.update({{"code", -30015}, {"msg", "why"}, {"kill", true}});
+        }
+        all["tasks"] = {{{"task_id", "t1"}, {"alert_id", "a1"}, {"processes", {process}}}};
+        return all.dump();
+    }
+
+    kze::services::record_store orders_{tree.path("var/lib/disposal.db").string(),
+                                        kze::services::disposal_orders};
+};
+
+TEST_F(DisposalCommands, there_is_nothing_before_the_first_order) {
+    EXPECT_EQ(kzectl({"disposal", "mark"}).out, "0\n");
+    EXPECT_EQ(kzectl({"--json", "disposal", "list"}).value["orders"], json::array());
+    EXPECT_EQ(kzectl({"disposal", "show", "1"}).status, 5);
+    EXPECT_EQ(kzectl({"disposal", "wait", "--timeout", "0"}).status, 4);
+}
+
+TEST_F(DisposalCommands, orders_are_listed_and_shown_with_the_fate_of_each_process) {
+    ASSERT_TRUE(orders_.add(order(4711, "ended")) && orders_.add(order(4712, "", false)));
+    const run_result list = kzectl({"disposal", "list"});
+    EXPECT_THAT(list.out, HasSubstr("1 ended"));
+    EXPECT_THAT(list.out, HasSubstr("code -30015, why"));
+    EXPECT_THAT(list.out, HasSubstr("begun, and no end is known"));
+    EXPECT_EQ(kzectl({"--json", "disposal", "list", "--limit", "1"}).value["orders"][0]["id"], 2);
+    const run_result show = kzectl({"disposal", "show", "1"});
+    EXPECT_THAT(show.out, HasSubstr("1 ended"));
+    EXPECT_EQ(show.out.find('\x1B'), std::string::npos);
+    const json whole = kzectl({"--json", "disposal", "show", "1"}).value;
+    EXPECT_EQ(whole["tasks"][0]["processes"][0]["fate"], "ended");
+    EXPECT_EQ(kzectl({"disposal", "mark"}).out, "2\n");
+}
+
+TEST_F(DisposalCommands, wait_ends_with_the_order_that_fits_and_is_done) {
+    ASSERT_TRUE(orders_.add(order(1, "", false)) && orders_.add(order(4711, "gone")) &&
+                orders_.add(order(4711, "ended")));
+    EXPECT_EQ(kzectl({"disposal", "wait"}).out, "2\n");
+    EXPECT_EQ(kzectl({"disposal", "wait", "--pid", "4711", "--fate", "ended"}).out, "3\n");
+    EXPECT_EQ(kzectl({"disposal", "wait", "--pid", "4712", "--timeout", "0.2"}).status, 4);
+    EXPECT_EQ(kzectl({"disposal", "wait", "--fate", "dead"}).status, 2);
+    child_process waiting({KZECTL, "disposal", "wait", "--pid", "1", "--timeout", "20"});
+    ASSERT_TRUE(orders_.replace(1, order(1, "refused")));
+    EXPECT_EQ(waiting.read_line(), "1");
+    EXPECT_EQ(waiting.wait(), 0);
+}
+
+TEST_F(DisposalCommands, mode_is_reporting_until_it_is_changed_and_keeps_the_rest_of_the_file) {
+    tree.write("config/agent.ini", "; a comment\n[agent]\nkind = standard\n");
+    EXPECT_EQ(kzectl({"--json", "disposal", "mode"}).value["kill"], false);
+    EXPECT_EQ(kzectl({"--json", "disposal", "mode", "kill"}).value["kill"], true);
+    EXPECT_EQ(kzectl({"--json", "disposal", "mode"}).value["kill"], true);
+    EXPECT_THAT(tree.read("config/agent.ini"),
+                HasSubstr("; a comment\n[agent]\nkind = standard\n"));
+    EXPECT_EQ(kzectl({"--json", "disposal", "mode", "report"}).value["kill"], false);
+    EXPECT_EQ(kzectl({"disposal", "mode", "other"}).status, 2);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "agent/services/reply_store.h"
+#include "agent/services/record_store.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -16,16 +16,19 @@ namespace {
 
 constexpr int busy_ms = 1000;
 
-constexpr char schema[] =
-    "BEGIN IMMEDIATE;"
-    "CREATE TABLE replies("
-    " id INTEGER PRIMARY KEY AUTOINCREMENT,"
-    " received_us INTEGER NOT NULL,"
-    " size INTEGER NOT NULL,"
-    " data BLOB NOT NULL);"
-    "PRAGMA user_version = 1;"
-    "COMMIT;";
-static_assert(replies_version == 1, "the schema above writes the version");
+std::string schema(const std::string &table) {
+    return "BEGIN IMMEDIATE;"
+           "CREATE TABLE " +
+           table +
+           "("
+           " id INTEGER PRIMARY KEY AUTOINCREMENT,"
+           " received_us INTEGER NOT NULL,"
+           " size INTEGER NOT NULL,"
+           " data BLOB NOT NULL);"
+           "PRAGMA user_version = 1;"
+           "COMMIT;";
+}
+static_assert(records_version == 1, "the schema above writes the version");
 
 std::int64_t now_us() {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
@@ -34,15 +37,23 @@ std::int64_t now_us() {
 
 }  // namespace
 
-reply_store::reply_store(std::string path, const reply_bounds &bounds)
-    : path_(std::move(path)), bounds_(bounds), db_(nullptr, &sqlite3_close_v2) {}
+record_store::record_store(std::string path, const record_kind &kind, const record_bounds &bounds)
+    : path_(std::move(path)), kind_(kind), bounds_(bounds), db_(nullptr, &sqlite3_close_v2) {}
 
-bool reply_store::add(std::string_view data) {
-    return ensure_open() && run("BEGIN IMMEDIATE") && insert(data) && drop_oldest() &&
+std::optional<std::int64_t> record_store::add(std::string_view data) {
+    if (!ensure_open() || !run("BEGIN IMMEDIATE") || !insert(data)) {
+        return std::nullopt;
+    }
+    const std::int64_t id = sqlite3_last_insert_rowid(db_.get());
+    return drop_oldest() && run("COMMIT") ? std::optional(id) : std::nullopt;
+}
+
+bool record_store::replace(std::int64_t id, std::string_view data) {
+    return ensure_open() && run("BEGIN IMMEDIATE") && update(id, data) && drop_oldest() &&
            run("COMMIT");
 }
 
-bool reply_store::ensure_open() {
+bool record_store::ensure_open() {
     if (db_ != nullptr && is_in_place()) {
         return true;
     }
@@ -51,13 +62,13 @@ bool reply_store::ensure_open() {
 }
 
 /* Whoever moves the file away expects a new one, not replies in one without a name. */
-bool reply_store::is_in_place() {
+bool record_store::is_in_place() {
     int moved = 0;
     return sqlite3_file_control(db_.get(), "main", SQLITE_FCNTL_HAS_MOVED, &moved) == SQLITE_OK &&
            moved == 0;
 }
 
-bool reply_store::open_file() {
+bool record_store::open_file() {
     kze_dirutils_mkdir(path_.substr(0, path_.rfind('/')).c_str(), 0700);
     /* SQLite's own files take the permissions of the first one: what is in it is nobody else's. */
     const int file = ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600);
@@ -77,13 +88,13 @@ bool reply_store::open_file() {
     return true;
 }
 
-bool reply_store::set_up() {
+bool record_store::set_up() {
     return run("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;"
                "PRAGMA journal_size_limit = 67108864;") &&
            set_up_schema();
 }
 
-bool reply_store::set_up_schema() {
+bool record_store::set_up_schema() {
     std::int64_t version = 0;
     std::int64_t tables = 0;
     if (!read_number("PRAGMA user_version", version) ||
@@ -91,18 +102,18 @@ bool reply_store::set_up_schema() {
         return false;
     }
     if (version == 0 && tables == 0) {
-        return run(schema);
+        return run(schema(kind_.table));
     }
-    if (version != replies_version) {
-        put_aside("it holds no linkage replies of version 1");
+    if (version != records_version) {
+        put_aside(std::string("it holds no ") + kind_.noun + " of version 1");
         return false;
     }
     return true;
 }
 
-bool reply_store::insert(std::string_view data) {
-    const statement row =
-        prepare("INSERT INTO replies(received_us, size, data) VALUES(?1, ?2, ?3)");
+bool record_store::insert(std::string_view data) {
+    const statement row = prepare(std::string("INSERT INTO ") + kind_.table +
+                                  "(received_us, size, data) VALUES(?1, ?2, ?3)");
     if (row == nullptr) {
         return false;
     }
@@ -113,34 +124,56 @@ bool reply_store::insert(std::string_view data) {
     return sqlite3_step(row.get()) == SQLITE_DONE || fail();
 }
 
-/* All that is older than the newest replies which are within the bounds; never the newest one. */
-bool reply_store::drop_oldest() {
-    const statement rows = prepare(
-        "DELETE FROM replies WHERE id < (SELECT max(id) FROM replies) AND id NOT IN"
-        " (SELECT id FROM (SELECT id, sum(size) OVER (ORDER BY id DESC) AS bytes,"
-        "  row_number() OVER (ORDER BY id DESC) AS place FROM replies)"
-        "  WHERE place <= ?1 AND bytes <= ?2)");
+bool record_store::update(std::int64_t id, std::string_view data) {
+    const statement row =
+        prepare(std::string("UPDATE ") + kind_.table + " SET size = ?2, data = ?3 WHERE id = ?1");
+    if (row == nullptr) {
+        return false;
+    }
+    sqlite3_bind_int64(row.get(), 1, id);
+    sqlite3_bind_int64(row.get(), 2, static_cast<std::int64_t>(data.size()));
+    sqlite3_bind_blob64(row.get(), 3, data.empty() ? "" : data.data(), data.size(), SQLITE_STATIC);
+    if (sqlite3_step(row.get()) != SQLITE_DONE) {
+        return fail();
+    }
+    if (sqlite3_changes(db_.get()) == 1) {
+        return true;
+    }
+    run("ROLLBACK");
+    problem_ = path_ + " no longer has the record " + std::to_string(id);
+    return false;
+}
+
+/* All that is older than the newest records which are within the bounds; never the newest one. */
+bool record_store::drop_oldest() {
+    const std::string table = kind_.table;
+    const statement rows =
+        prepare("DELETE FROM " + table + " WHERE id < (SELECT max(id) FROM " + table +
+                ") AND id NOT IN"
+                " (SELECT id FROM (SELECT id, sum(size) OVER (ORDER BY id DESC) AS bytes,"
+                "  row_number() OVER (ORDER BY id DESC) AS place FROM " +
+                table + ")  WHERE place <= ?1 AND bytes <= ?2)");
     if (rows == nullptr) {
         return false;
     }
-    sqlite3_bind_int64(rows.get(), 1, bounds_.replies);
+    sqlite3_bind_int64(rows.get(), 1, bounds_.records);
     sqlite3_bind_int64(rows.get(), 2, bounds_.bytes);
     return sqlite3_step(rows.get()) == SQLITE_DONE || fail();
 }
 
-bool reply_store::run(const char *sql) {
-    return sqlite3_exec(db_.get(), sql, nullptr, nullptr, nullptr) == SQLITE_OK || fail();
+bool record_store::run(const std::string &sql) {
+    return sqlite3_exec(db_.get(), sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK || fail();
 }
 
-reply_store::statement reply_store::prepare(const char *sql) {
+record_store::statement record_store::prepare(const std::string &sql) {
     sqlite3_stmt *prepared = nullptr;
-    if (sqlite3_prepare_v2(db_.get(), sql, -1, &prepared, nullptr) != SQLITE_OK) {
+    if (sqlite3_prepare_v2(db_.get(), sql.c_str(), -1, &prepared, nullptr) != SQLITE_OK) {
         fail();
     }
     return statement(prepared, &sqlite3_finalize);
 }
 
-bool reply_store::read_number(const char *sql, std::int64_t &out) {
+bool record_store::read_number(const char *sql, std::int64_t &out) {
     statement query = prepare(sql);
     if (query == nullptr) {
         return false;
@@ -155,7 +188,7 @@ bool reply_store::read_number(const char *sql, std::int64_t &out) {
 
 /* Notes why, closes the file, which takes back the transaction, and puts a damaged file aside.
  * Always false. */
-bool reply_store::fail() {
+bool record_store::fail() {
     const int code = sqlite3_errcode(db_.get());
     problem_ = path_ + ": " + sqlite3_errmsg(db_.get());
     db_.reset();
@@ -165,7 +198,7 @@ bool reply_store::fail() {
     return false;
 }
 
-void reply_store::put_aside(const std::string &reason) {
+void record_store::put_aside(const std::string &reason) {
     problem_ = reason;
     db_.reset();
     const std::string aside = path_ + ".unusable";
