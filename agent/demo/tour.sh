@@ -9,6 +9,8 @@ if [ $# -ne 1 ] || [ ! -x "$1/bin/kzectl" ]; then
 fi
 # shellcheck source=agent/demo/lib.sh
 source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
+# shellcheck source=agent/demo/tour_credible.sh
+source "$(dirname "${BASH_SOURCE[0]}")/tour_credible.sh"
 # shellcheck source=agent/demo/tour_packs.sh
 source "$(dirname "${BASH_SOURCE[0]}")/tour_packs.sh"
 # shellcheck source=agent/demo/tour_requests.sh
@@ -204,4 +206,5 @@ waits_grow_while_the_engine_stays_away
 refused_capability_is_kept_for_a_retry
 management
 rule_packs
+credible_events
 clean_stop "$(mark)"
