@@ -9,7 +9,7 @@ namespace {
 
 using nlohmann::json;
 
-constexpr const char *programs[] = {"bin/agt_cfgc", "bin/agt_lkg"};
+constexpr const char *programs[] = {"bin/agt_cfgc", "bin/agt_lkg", "bin/agt_rpdsp"};
 
 class services : public system_test {};
 
@@ -18,12 +18,15 @@ TEST_F(services, up_starts_them_before_the_host_and_status_shows_them) {
     const json shown = tree.ask({"status"})["services"];
     EXPECT_EQ(shown["agt_cfgc"]["pid"], tree.pid_of("bin/agt_cfgc"));
     EXPECT_EQ(shown["agt_lkg"]["pid"], tree.pid_of("bin/agt_lkg"));
+    EXPECT_EQ(shown["agt_rpdsp"]["pid"], tree.pid_of("bin/agt_rpdsp"));
     EXPECT_EQ(shown["agt_cfgc"]["running"], true);
     const std::string text = tree.ctl({"status"}).out;
     EXPECT_NE(text.find("Configuration"), std::string::npos) << text;
     EXPECT_NE(text.find("Linkage"), std::string::npos) << text;
+    EXPECT_NE(text.find("only reports"), std::string::npos) << text;
     EXPECT_TRUE(tree.has_logged("the service begins", 0, "agt_cfgc"));
     EXPECT_TRUE(tree.has_logged("the service begins", 0, "agt_lkg"));
+    EXPECT_TRUE(tree.has_logged("the service begins", 0, "agt_rpdsp"));
     tree.must({"down"});
     expect_nothing_left(tree);
     EXPECT_TRUE(tree.has_logged("the service leaves", 0, "agt_cfgc"));
@@ -51,7 +54,8 @@ TEST_F(services, killed_one_is_started_again) {
     }
     EXPECT_TRUE(eventually([this] {
         const json shown = tree.ask({"status"})["services"];
-        return shown["agt_cfgc"]["running"] == true && shown["agt_lkg"]["running"] == true;
+        return shown["agt_cfgc"]["running"] == true && shown["agt_lkg"]["running"] == true &&
+               shown["agt_rpdsp"]["running"] == true;
     }));
 }
 

@@ -12,7 +12,7 @@ class tour : public system_test {};
 TEST_F(tour, every_step_holds_and_nothing_is_left) {
     const command_result result = run_program({KZE_TOUR, tree.path().string()});
     EXPECT_EQ(result.status, 0) << result.out << result.err << tree.logs();
-    EXPECT_NE(result.out.find("All held: 17 steps"), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find("All held: 22 steps"), std::string::npos) << result.out;
     expect_nothing_left(tree);
 }
 
