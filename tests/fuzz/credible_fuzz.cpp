@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -117,11 +118,13 @@ std::string framed_like(const std::string &header, const std::string &payload, b
 std::string request_for(const kzav_trace_info &info,
                         const kzerespdsppl_re::kze_respdsp_icdt_req &sent) {
     std::string text = wire::plain_bytes(1, info.agent_id());
+    std::set<std::string> tasks;
     int position = 0;
     for (const auto &action : info.credible_event().rule().match_action()) {
         const std::string task = sent.alert_info(position++).task_id();
         require(task.size() == 32 && task.find_first_not_of("0123456789ABCDEF") == task.npos,
                 "a task has an identifier");
+        require(tasks.insert(task).second, "a task has its own identifier");
         std::string alert = wire::plain_bytes(1, action.alert_id()) + wire::bytes(2, task);
         for (const uint64_t node : action.alert_node_id()) {
             for (const auto &each : action.process_list()) {

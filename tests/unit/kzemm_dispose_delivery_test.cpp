@@ -3,6 +3,11 @@
 // its time.
 
 #include "plugin/kzemm_work.h"
+
+#include <algorithm>
+#include <set>
+#include <thread>
+
 #include "tests/fakes/fake_engine.h"
 #include "tests/unit/credible_event.h"
 
@@ -270,6 +275,76 @@ TEST_F(kzemm_dispose_delivery_test, gives_the_buffer_back_without_memory_to_look
     EXPECT_THAT(fakes::gateway_sends(), SizeIs(1)) << "the mark is not taken back";
     EXPECT_THAT(fakes::ipc_requests(), IsEmpty());
     EXPECT_THAT(log_lines().back(), at(2, "do auto dispose failed"));
+}
+
+// An event of many processes, of which up to 40 are named.
+kzav_trace_info event_of(const std::string &agent, uint64_t processes) {
+    kzav_trace_info info = credible::event(1);
+    info.set_agent_id(agent);
+    kzav_trace::event_action &action = credible::add_action(info, "alert of " + agent);
+    for (uint64_t node = 0; node < processes; ++node) {
+        if (node < 40) {
+            action.add_alert_node_id(node * 71 % processes);
+        }
+        credible::add_process(action, node, node);
+    }
+    return info;
+}
+
+TEST_F(kzemm_dispose_delivery_test, handles_large_and_small_events_one_after_the_other) {
+    for (const uint64_t processes : {uint64_t{1}, uint64_t{3000}, uint64_t{2}, uint64_t{40000},
+                                     uint64_t{3}, uint64_t{3000}, uint64_t{1}}) {
+        fakes::reset_gateway();
+        fakes::reset_ipc();
+        const kzav_trace_info info = event_of("agent", processes);
+        deliver(wire::frame(info.SerializeAsString()));
+        EXPECT_TRUE(sent_event() == wire::frame(credible::marked(info)));
+        ASSERT_THAT(fakes::ipc_requests(), SizeIs(1));
+        credible::expect_request_of(info, wire::payload(fakes::ipc_requests()[0].data));
+        answer_the_request();
+    }
+}
+
+TEST_F(kzemm_dispose_delivery_test, handles_events_of_several_threads_at_once) {
+    constexpr int threads = 4;
+    constexpr unsigned int events = 40;
+    std::vector<kzav_trace_info> infos;
+    for (int i = 0; i < threads; ++i) {
+        infos.push_back(event_of("agent " + std::to_string(i), 1 + static_cast<uint64_t>(i) * 30));
+    }
+    std::vector<std::thread> deliverers;
+    for (const kzav_trace_info &info : infos) {
+        deliverers.emplace_back([this, frame = wire::frame(info.SerializeAsString())] {
+            for (unsigned int i = 0; i < events; ++i) {
+                deliver(frame);
+            }
+        });
+    }
+    for (std::thread &each : deliverers) {
+        each.join();
+    }
+    EXPECT_EQ(fakes::engine_frees(), threads * events);
+    std::multiset<std::string> wanted;
+    std::multiset<std::string> sent_up;
+    for (const kzav_trace_info &info : infos) {
+        for (unsigned int i = 0; i < events; ++i) {
+            wanted.insert(wire::frame(credible::marked(info)));
+        }
+    }
+    for (const fakes::gateway_send &each : fakes::gateway_sends()) {
+        sent_up.insert(each.data);
+    }
+    EXPECT_TRUE(sent_up == wanted);
+    ASSERT_THAT(fakes::ipc_requests(), SizeIs(threads * events));
+    for (const fakes::ipc_request &request : fakes::ipc_requests()) {
+        const std::string agent = credible::parsed_request(wire::payload(request.data)).agent_id();
+        const auto info = std::find_if(infos.begin(), infos.end(), [&agent](const auto &each) {
+            return each.agent_id() == agent;
+        });
+        ASSERT_NE(info, infos.end()) << agent;
+        credible::expect_request_of(*info, wire::payload(request.data));
+        fakes::ipc_answer(request, "");
+    }
 }
 
 }  // namespace
