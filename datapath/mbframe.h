@@ -4,16 +4,16 @@
  *
  * Neither side links the other; the bus is opened at run time and asked for its object by
  * DllGetClassObject. What counts between the two is the order of the virtual operations and the
- * layout of the records: nothing here may be reordered. The header depends on nothing, so that both
- * sides include the same text.
+ * layout of the records: nothing here may be reordered. The header depends on nothing but
+ * the compiler, so that both sides include the same text, of whatever word size.
  *
  * Results of type unsigned int are 0 for success or a code with its top bit set.
  */
 #ifndef KZEMDLMGR_DATAPATH_MBFRAME_H
 #define KZEMDLMGR_DATAPATH_MBFRAME_H
 
-#include <cstddef>
-#include <cstdint>
+#include <stddef.h>
+#include <stdint.h>
 
 // Identifies an interface or a class.
 struct _GUID {

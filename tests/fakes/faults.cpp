@@ -151,7 +151,7 @@ int IsCNAPPAgent(void) {
 
 // The linker leads the calls of the linked objects here (--wrap), and __real_ to the function
 // itself. The mangled names are those of new that throws, of new and new[] with std::nothrow, and
-// of delete without and with the size.
+// of delete without and with the size, and of delete[].
 extern "C" {
 
 void *__real_malloc(size_t size);
@@ -166,6 +166,8 @@ void __real__ZdlPv(void *object);
 void __wrap__ZdlPv(void *object);
 void __real__ZdlPvm(void *object, size_t size);
 void __wrap__ZdlPvm(void *object, size_t size);
+void __real__ZdaPv(void *object);
+void __wrap__ZdaPv(void *object);
 int __real_compress(Bytef *out, uLongf *out_size, const Bytef *in, uLong in_size);
 int __wrap_compress(Bytef *out, uLongf *out_size, const Bytef *in, uLong in_size);
 uLong __real_compressBound(uLong size);
@@ -206,6 +208,11 @@ void __wrap__ZdlPv(void *object) {
 void __wrap__ZdlPvm(void *object, size_t size) {
     note_release(object);
     __real__ZdlPvm(object, size);
+}
+
+void __wrap__ZdaPv(void *object) {
+    note_release(object);
+    __real__ZdaPv(object);
 }
 
 int __wrap_compress(Bytef *out, uLongf *out_size, const Bytef *in, uLong in_size) {
