@@ -37,6 +37,7 @@ void add_config_commands(CLI::App &app, command_line &line);
 void add_disposal_commands(CLI::App &app, command_line &line);
 void add_engine_commands(CLI::App &app, command_line &line);
 void add_gateway_commands(CLI::App &app, command_line &line);
+void add_bus_commands(CLI::App &app, command_line &line);
 void add_request_commands(CLI::App &app, command_line &line);
 void add_ioa_commands(CLI::App &app, command_line &line);
 void add_lkg_commands(CLI::App &app, command_line &line);

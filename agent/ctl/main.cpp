@@ -137,6 +137,7 @@ int run(int argc, char **argv) {
     add_config_commands(app, line);
     add_engine_commands(app, line);
     add_gateway_commands(app, line);
+    add_bus_commands(app, line);
     add_request_commands(app, line);
     add_ioa_commands(app, line);
     add_pack_commands(app, line);
