@@ -95,6 +95,9 @@ std::optional<process_fate> check_content(const described_process &wanted, int d
 std::optional<process_fate> check_live(const described_process &wanted,
                                        const disposal_rules &rules) {
     const descriptor directory = open_process(wanted.pid);
+    if (!directory.valid() && errno != ENOENT) {
+        return failed(dsp::DSP_ERROR_ENGRT_PROCESS_ENUM_INFO, "it can't be looked at");
+    }
     const auto stat = directory.valid() ? read_process_stat(directory.get()) : std::nullopt;
     if (!stat || stat->state == 'Z' || stat->state == 'X') {
         return gone("it has ended already");
