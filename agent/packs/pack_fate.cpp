@@ -223,6 +223,10 @@ bool pack_log::ioc_record(const std::string &text) {
         if (pack_.empty()) {
             tell(fate::waiting, "", "the engine doesn't tell its IOC version (" + *code + ")");
         }
+    } else if (behind(text, "ioc ver format error,can not find '.'!")) {
+        if (pack_.empty()) {
+            tell(fate::waiting, "", "what the engine tells as its IOC version holds no point");
+        }
     } else if (const auto old = between(text, "ioc file version ", " is too old")) {
         tell(fate::too_old, *old + ".tgz", "the engine has " + ioc_engine_);
     } else if (const auto done = between(text, "ioc file ", " upgrade successful")) {

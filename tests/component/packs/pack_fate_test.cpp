@@ -127,6 +127,12 @@ TEST_F(pack_fates, what_cannot_be_unpacked_or_confirmed_stays) {
 TEST_F(pack_fates, an_engine_that_does_not_tell_its_version_leaves_the_packs_waiting) {
     begin("upgrade ioc");
     EXPECT_THAT(relay({"query ioc version failed:-8"}), ElementsAre("waiting "));
+    begin("upgrade ioc");
+    EXPECT_THAT(relay({"ioc ver format error,can not find '.'!"}), ElementsAre("waiting "));
+    EXPECT_THAT(last.reason, HasSubstr("no point"));
+    relay({"unzip file (" + rules + "ioc_full_5.0.tgz) successfully!"});
+    EXPECT_THAT(relay({"ioc ver format error,can not find '.'!"}), IsEmpty())
+        << "one of sixty looks";
     begin("upgrade ioa");
     arrive("ioa_linux_en.tgz", "ioa_linux_bk_1.tgz");
     EXPECT_THAT(relay({"query ioa version failed:-8"}), ElementsAre("waiting ioa_linux_bk_1.tgz"));
