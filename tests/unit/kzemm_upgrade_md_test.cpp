@@ -274,6 +274,25 @@ TEST_F(kzemm_upgrade_md_test, only_the_callback_ends_a_pending_update) {
     EXPECT_FALSE(has_rule("md_linux.tgz"));
 }
 
+TEST_F(kzemm_upgrade_md_test, a_new_relay_in_the_same_process_keeps_an_update_pending) {
+    drop_arrival();
+    tick();
+    ASSERT_EQ(state::s_md_last_result, pending);
+    relay.reset();
+    relay = std::make_unique<CUpgradeRelay>();
+    drop_arrival();
+    forget();
+    tick();
+    EXPECT_EQ(state::s_md_last_result, pending);
+    EXPECT_THAT(log_lines(), Contains(at(3, "upgrade md, last result: -16, retry times: 0")));
+    EXPECT_EQ(updates(), 0U);
+    EXPECT_TRUE(has_rule("md_linux.tgz"));
+    end_update(0);
+    tick();
+    EXPECT_EQ(updates(), 1U);
+    EXPECT_FALSE(has_rule("md_linux.tgz"));
+}
+
 TEST_F(kzemm_upgrade_md_test, an_engine_that_reports_pending_stops_md_as_a_pending_update_does) {
     drop_arrival();
     tick();

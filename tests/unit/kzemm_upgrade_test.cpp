@@ -18,7 +18,7 @@ constexpr fakes::microseconds turn = 100000;
 
 class kzemm_upgrade_test : public upgrade_test {
   protected:
-    // Waits until the upgrade thread turns its loop: before that nobody could stop it.
+    // Waits until the upgrade thread turns its loop; one that is stopped earlier never does.
     static bool await_loop() {
         return fakes::await_record(
             [](const fakes::record &each) { return each.kind == what::loop; });
@@ -216,12 +216,18 @@ TEST_F(kzemm_upgrade_test, uninit_waits_for_the_running_pass) {
     fakes::set_engine_version(ENGINE_IOC, "1.0");
     drop_ioc("ioc_full_2.0");
     config::ioc_switch() = true;
-    config::upgrade_check_interval() = 1;
+    config::upgrade_check_interval() = 1000;  // longer than the pass: no second one comes between
     fakes::engine_returns("x_client_engine_update", {0});
 
-    // The engine never rises. The worker goes into uninit during the pass's 5th pause.
+    // The engine never rises. The worker goes into uninit while the pass asks for the fifth time.
+    int asked = 0;
+    fakes::on_engine_call("x_client_engine_query_version_str", [&](const fakes::engine_call &) {
+        if (++asked == 6) {
+            EXPECT_TRUE(fakes::await_log(3, "upgrade uninit."));
+        }
+    });
     ASSERT_EQ(relay->init(), 0);
-    ASSERT_TRUE(fakes::await_log(3, "retry get ioc ver 5 times"));
+    ASSERT_TRUE(fakes::await_log(3, "retry get ioc ver 4 times"));
     EXPECT_EQ(relay->uninit(), 0);
     EXPECT_THAT(log_lines(), testing::Contains(at(3, "retry get ioc ver 59 times")));
     EXPECT_THAT(log_lines(), testing::Contains(at(2, "update ioc rule failed !")));
