@@ -5,6 +5,7 @@
  */
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -260,6 +261,42 @@ int engine_update_async(_engine_type type, const char *path, qd_update_cb callba
     });
 }
 
+// How to run the case in work again, for a death that no assertion tells.
+char s_last_words[128];
+
+void tell_last_words() {
+    const ssize_t written = write(STDERR_FILENO, s_last_words, strlen(s_last_words));
+    static_cast<void>(written);
+}
+
+void die_with_last_words(int signal_number) {
+    tell_last_words();
+    raise(signal_number);  // by its default action, once this has returned
+}
+
+// Where a sanitizer is linked in, it catches some of the signals itself and calls this back.
+extern "C" __attribute__((weak)) void __sanitizer_set_death_callback(void (*callback)());
+
+void have_last_words() {
+    if (__sanitizer_set_death_callback != nullptr) {
+        __sanitizer_set_death_callback(tell_last_words);
+    }
+    for (const int each : {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV}) {
+        struct sigaction now = {};
+        sigaction(each, nullptr, &now);
+        if ((now.sa_flags & SA_SIGINFO) == 0 && now.sa_handler == SIG_DFL) {
+            now.sa_handler = die_with_last_words;
+            now.sa_flags = static_cast<int>(SA_RESETHAND);
+            sigaction(each, &now, nullptr);
+        }
+    }
+}
+
+void note_case(unsigned long seed) {
+    snprintf(s_last_words, sizeof(s_last_words),
+             "died in a case; run it alone: KZE_UPGRADE_CASES=1 KZE_UPGRADE_SEED=%lu\n", seed);
+}
+
 template <typename signature>
 void *checked(signature function) {
     return reinterpret_cast<void *>(function);
@@ -269,6 +306,7 @@ class kzemm_upgrade_model_test : public upgrade_test {
   protected:
     // In memory where that is possible: the cases make very many small files.
     void SetUp() override {
+        have_last_words();
         const bool chosen = getenv("TMPDIR") != nullptr;
         if (!chosen && access("/dev/shm", W_OK | X_OK) == 0) {
             setenv("TMPDIR", "/dev/shm", 1);
@@ -413,6 +451,7 @@ void kzemm_upgrade_model_test::drop_some(random_source &random, const std::vecto
 }
 
 bool kzemm_upgrade_model_test::agree(unsigned long seed) {
+    note_case(seed);
     random_source random(static_cast<unsigned int>(seed));
     std::vector<ioc_name> known;
     const int kinds = 1 + pick(random, 10);
@@ -521,4 +560,13 @@ TEST_F(kzemm_upgrade_model_test, the_relay_and_the_second_statement_of_its_rules
           "x_client_engine_update(2", "x_client_engine_update_async(3"}) {
         EXPECT_GT(compared[call], cases / 20) << "hardly a case comes to " << call;
     }
+}
+
+TEST_F(kzemm_upgrade_model_test, a_case_that_dies_tells_its_seed) {
+    const auto die = [](int signal_number) {
+        note_case(4712);
+        raise(signal_number);
+    };
+    EXPECT_DEATH(die(SIGSEGV), "KZE_UPGRADE_SEED=4712");
+    EXPECT_DEATH(die(SIGABRT), "KZE_UPGRADE_SEED=4712");
 }
