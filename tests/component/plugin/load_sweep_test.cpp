@@ -11,6 +11,7 @@
 #include "tests/component/plugin/load_stage.h"
 #include "tests/component/plugin/plugin_test.h"
 #include "tests/support/process_state.h"
+#include "vrdaux.h"
 
 using kze_test::eventually;
 using kze_test::raw_socket;
@@ -21,6 +22,7 @@ namespace {
 constexpr unsigned int cmd_ioa = 102;
 constexpr unsigned int cmd_hunting = 1002;
 constexpr unsigned int cmd_linkage = 1004;
+constexpr unsigned int cmd_cfgc_notify = 1002;  // one-way
 constexpr size_t header_size = 20;
 
 constexpr char made[] = "new task info";
@@ -30,6 +32,8 @@ constexpr char broken_json[] = "load msg_json failed";
 constexpr char no_text[] = "json judge failed";
 constexpr char empty_text[] = "ioa rule len:";
 constexpr char parsed[] = "json parse custom ioa success";
+constexpr char notified[] = "do cfgc notify success";
+constexpr char named[] = "handle adv threat [trust_ip] cfg msg";
 
 // A byte's neighbours: each of its bits changed, and all of them.
 constexpr unsigned int changes[] = {0x01, 0x02, 0x04, 0x08, 0x10, 0x20, 0x40, 0x80, 0xFF};
@@ -50,8 +54,8 @@ class plugin_sweep_test : public plugin_test {
         const std::string logs = tree.path("var/log/agent/kzemdlmgr").string();
         log = std::make_unique<load_log>(
             std::vector<std::string>{logs + "/kzemdlmgr.log", logs + "/task/task.log"},
-            std::vector<std::string>{made, freed, stopped, broken_json, no_text, empty_text,
-                                     parsed});
+            std::vector<std::string>{made, freed, stopped, broken_json, no_text, empty_text, parsed,
+                                     notified, named});
         start();
         loop = std::make_unique<kze_test::loop_thread>();
         ipc = std::make_unique<kze_test::temp_endpoint>(*loop);
@@ -188,28 +192,73 @@ TEST_F(plugin_sweep_test, a_rule_set_cut_or_changed_at_any_byte_does_no_harm) {
     EXPECT_GE(refused, rule_set.size());
 }
 
+// What the configuration service sends when this module has changed.
+std::string change_notice() {
+    const std::unique_ptr<xmsg, decltype(&xmsg_release)> message(xmsg_new("notify"), &xmsg_release);
+    EXPECT_EQ(xmsg_add(message.get(), "trust_ip", 8, "", 0), XMSG_OK);
+    std::string bytes(static_cast<size_t>(xmsg_pack_size(message.get())), '\0');
+    EXPECT_EQ(xmsg_pack(message.get(), bytes.data(), static_cast<unsigned int>(bytes.size())),
+              static_cast<int>(bytes.size()));
+    return bytes;
+}
+
+// A request and a one-way message, each as it is when it is taken.
+std::vector<std::string> whole_ipc_frames() {
+    return {kze_test::frame_bytes(kze_test::frame_request, cmd_hunting, 7, request_frame(rule_set)),
+            kze_test::frame_bytes(kze_test::frame_message, cmd_cfgc_notify, 0, change_notice())};
+}
+
 TEST_F(plugin_sweep_test, a_peer_that_stops_at_any_byte_of_an_ipc_frame_holds_nobody_up) {
-    for (const std::uint32_t type : {kze_test::frame_request, kze_test::frame_message}) {
-        const std::string whole = kze_test::frame_bytes(
-            type, cmd_hunting, type == kze_test::frame_request ? 7 : 0, request_frame(rule_set));
+    for (const std::string &whole : whole_ipc_frames()) {
         std::vector<std::string> cuts;
         for (size_t size = 0; size <= whole.size(); ++size) {
             cuts.push_back(whole.substr(0, size));
         }
         connect_and_send(cuts);
     }
+    EXPECT_TRUE(log->await(named, 1));
+    EXPECT_EQ(log->count(notified), 1U) << "a notice that is cut counts as one";
 }
 
 TEST_F(plugin_sweep_test, a_peer_with_any_byte_of_an_ipc_frame_changed_disturbs_nobody) {
-    const std::string whole =
-        kze_test::frame_bytes(kze_test::frame_request, cmd_hunting, 7, request_frame(rule_set));
-    for (const unsigned int by : changes) {
-        std::vector<std::string> streams;
-        for (size_t at = 0; at < whole.size(); ++at) {
-            streams.push_back(changed(whole, at, by));
+    for (const std::string &whole : whole_ipc_frames()) {
+        for (const unsigned int by : changes) {
+            std::vector<std::string> streams;
+            for (size_t at = 0; at < whole.size(); ++at) {
+                streams.push_back(changed(whole, at, by));
+            }
+            connect_and_send(streams);
         }
-        connect_and_send(streams);
     }
+    EXPECT_TRUE(log->await(notified, 1)) << "a notice with a changed body is one still";
+}
+
+// The body is cut, not the frame around it: each is taken as a notice, and named by the whole one.
+TEST_F(plugin_sweep_test, a_notice_cut_or_changed_at_any_byte_names_no_module_it_does_not_hold) {
+    const std::string whole = change_notice();
+    std::vector<std::string> streams;
+    const auto add = [&streams](const std::string &body) {
+        streams.push_back(kze_test::frame_bytes(kze_test::frame_message, cmd_cfgc_notify, 0, body));
+    };
+    for (size_t at = 0; at < whole.size(); ++at) {
+        add(whole.substr(0, at));
+    }
+    connect_and_send(streams);
+    ASSERT_TRUE(log->await(notified, streams.size()));
+    EXPECT_EQ(log->count(named), 0U);
+    for (const unsigned int by : changes) {
+        streams.clear();
+        for (size_t at = 0; at < whole.size(); ++at) {
+            add(changed(whole, at, by));
+        }
+        const size_t before = log->count(notified);
+        connect_and_send(streams);
+        EXPECT_TRUE(log->await(notified, before + streams.size()));
+    }
+    const size_t before = log->count(named);
+    add(whole);
+    connect_and_send({streams.back()});
+    EXPECT_TRUE(log->await(named, before + 1));
 }
 
 }  // namespace
