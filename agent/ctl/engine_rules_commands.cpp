@@ -42,7 +42,7 @@ exit_status show_type(const std::string &name, const command_line &line) {
                                           engine::rules_name(*type) + " rules");
     }
     if (line.out.json()) {
-        line.out.json_line(texts);
+        line.out.done("", {{"texts", texts}});
     } else {
         print_rule_texts(texts, line.out);
     }
@@ -52,10 +52,10 @@ exit_status show_type(const std::string &name, const command_line &line) {
 exit_status show_rules(const command_line &line) {
     const json status = ask(engine_endpoint, {{"op", "status"}});
     if (line.out.json()) {
-        line.out.json_line({{"texts", status.at("rules")},
-                            {"packs", status.at("packs")},
-                            {"loads", status.at("loads")},
-                            {"versions", status.at("versions")}});
+        line.out.done("", {{"texts", status.at("rules")},
+                           {"packs", status.at("packs")},
+                           {"loads", status.at("loads")},
+                           {"versions", status.at("versions")}});
     } else {
         print_rules(status, line.out);
     }
@@ -151,7 +151,7 @@ void add_drive(CLI::App &to, command_line &line) {
         if (line.out.json()) {
             json shown = status.at("drive");
             shown["orders"] = status.at("drive_orders");
-            line.out.json_line(shown);
+            line.out.done("", shown);
         } else {
             print_drive(status, line.out);
         }

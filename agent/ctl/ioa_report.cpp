@@ -7,6 +7,12 @@
 #include "engine/qd_client.h"
 
 namespace kze::ctl {
+namespace {
+
+/* The identifier that is stored before any rule set was accepted. */
+constexpr char no_rules_id[] = "0";
+
+}  // namespace
 
 std::optional<ioa_report> read_ioa_report(int type, std::string_view content) {
     if (type != KZEMM_DATA_CTMIOA_RESULT && type != KZEMM_DATA_CTMIOA_HELLO) {
@@ -33,9 +39,12 @@ std::optional<ioa_report> read_ioa_report(int type, std::string_view content) {
 }
 
 std::string ioa_report_text(const ioa_report &report) {
+    if (!report.res && report.rules_id == no_rules_id) {
+        return "no rules yet";
+    }
     const std::string rules = "rules \"" + printable(report.rules_id) + "\" ";
     if (!report.res) {
-        return rules + "in force";
+        return rules + "announced";
     }
     return rules + (*report.res == 0 ? "accepted" : "refused, res " + std::to_string(*report.res));
 }

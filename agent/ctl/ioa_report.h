@@ -18,7 +18,8 @@ struct ioa_report {
 /* Reads the content of a record of that gateway type; empty when it is no such report. */
 std::optional<ioa_report> read_ioa_report(int type, std::string_view content);
 
-/* "rules "7" accepted", "rules "7" refused, res -4", "rules "7" in force". */
+/* "rules "7" accepted" or "rules "7" refused, res -4" for a result; "rules "7" announced" for a
+ * hello, or "no rules yet" for that of a plug-in that never took a rule set. */
 std::string ioa_report_text(const ioa_report &report);
 
 }  // namespace kze::ctl

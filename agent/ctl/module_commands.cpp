@@ -108,15 +108,20 @@ std::string given_value(const std::string &text) {
 
 store_entry entry_of(const module_description &module, const std::string &word) {
     const std::size_t sign = word.find('=');
-    const module_field *field =
-        sign == std::string::npos ? nullptr : module.find(word.substr(0, sign));
+    const std::string name = word.substr(0, sign);
+    const module_field *field = module.find(name);
     if (field == nullptr) {
-        std::string text = "\"" + printable(word.substr(0, sign)) + "\" is no field of " +
-                           module.name + "; FIELD=VALUE or FIELD=@FILE takes";
+        std::string text = "\"" + printable(name) + "\" is no field of " + module.name +
+                           "; FIELD=VALUE or FIELD=@FILE takes";
         for (const module_field &known : module.fields) {
             text += std::string(" ") + known.name;
         }
         throw failure(exit_usage, text);
+    }
+    if (sign == std::string::npos) {
+        throw failure(exit_usage, "the field " + name + " has no value; write " + name +
+                                      "=VALUE or " + name +
+                                      "=@FILE, without blanks around the sign");
     }
     store_entry entry;
     entry.module = module.path();

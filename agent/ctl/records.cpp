@@ -22,6 +22,8 @@ using gateway::journal_record;
 using nlohmann::json;
 
 constexpr unsigned int zlib_compressed = 2;
+/* Bytes of a JSON text in a row: enough to tell results of orders apart. */
+constexpr std::size_t shown_json = 80;
 
 std::string percentage(std::uint64_t part, std::uint64_t whole) {
     std::array<char, 32> text;
@@ -59,10 +61,19 @@ std::string hex_of(std::string_view bytes) {
     return text.empty() ? text : text.substr(1);
 }
 
+/* Whether these may be the first bytes of a JSON object. */
+bool looks_like_json(std::string_view bytes) {
+    return bytes.size() > 1 && bytes[0] == '{' &&
+           std::all_of(bytes.begin(), bytes.end(), [](char c) {
+               return static_cast<unsigned char>(c) >= 0x20U || c == '\n' || c == '\t';
+           });
+}
+
 /* As text where it is some; a character may be cut at its end. */
 std::string quoted_beginning(const journal_entry &entry) {
+    const std::string_view begins(entry.beginning);
     const std::string_view whole =
-        std::string_view(entry.beginning).substr(0, gateway::frame_header_size);
+        begins.substr(0, looks_like_json(begins) ? shown_json : gateway::frame_header_size);
     const std::string more = static_cast<std::size_t>(entry.size) > whole.size() ? " ..." : "";
     std::string_view text = whole;
     for (int cut = 0; cut < 4 && !text.empty(); ++cut) {

@@ -9,6 +9,7 @@
 #include <iterator>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -32,7 +33,8 @@ constexpr char exit_help[] =
     "  12  KZEMM_TRACE_NO_PERMISSION  its switch is off\n"
     "  13  KZEMM_TRACE_INVALID\n"
     "  14  KZEMM_TRACE_FAILED\n"
-    "With --count that of the first response that isn't KZEMM_TRACE_OK.";
+    "With --count that of the first request that didn't end with KZEMM_TRACE_OK. One without a\n"
+    "response in time may be carried out all the same, later.";
 
 struct request_options {
     std::string file;
@@ -109,35 +111,28 @@ std::string body_of(const request_options &options) {
     return is_given(options.text_option) ? options.text : read_file(options.file);
 }
 
-/* Ends the command for a request that the plug-in didn't answer. */
-[[noreturn]] void fail_unanswered(int status, double seconds) {
+/* What one request came to: a code, or why there is none and the status for that. */
+struct request_outcome {
+    std::optional<int> code;
+    exit_status status = exit_failed;
+    std::string problem;
+};
+
+request_outcome unanswered(int status, double seconds) {
     if (status == VRD_IPC_E_TIMEOUT) {
-        throw failure(exit_timed_out, "the plug-in gave no response within " +
-                                          std::to_string(std::lround(std::ceil(seconds))) + " s");
+        return {std::nullopt, exit_timed_out,
+                "the plug-in gave no response within " +
+                    std::to_string(std::lround(std::ceil(seconds))) + " s"};
     }
     if (status == VRD_IPC_E_NO_PEER || status == VRD_IPC_E_PEER_GONE) {
-        throw failure(exit_not_running,
-                      "the plug-in takes no requests now: its endpoint \"" +
-                          std::string(request_endpoint) +
-                          (status == VRD_IPC_E_NO_PEER ? "\" isn't there" : "\" went away") +
-                          "; see kzectl status");
+        return {std::nullopt, exit_not_running,
+                "the plug-in takes no requests now: its endpoint \"" +
+                    std::string(request_endpoint) +
+                    (status == VRD_IPC_E_NO_PEER ? "\" isn't there" : "\" went away") +
+                    "; see kzectl status"};
     }
-    throw failure(exit_failed,
-                  std::string("the request could not be sent: ") + vrd_ipc_strerror(status));
-}
-
-int code_of(const request_end &end, const request_kind &kind, double seconds) {
-    if (end.status != VRD_IPC_OK) {
-        fail_unanswered(end.status, seconds);
-    }
-    const response_code response = read_response(end.answer);
-    if (!response.code || end.cmd != kind.cmd) {
-        throw failure(exit_failed,
-                      "the response can't be read: " +
-                          (response.code ? "it is one to command " + std::to_string(end.cmd)
-                                         : response.problem));
-    }
-    return *response.code;
+    return {std::nullopt, exit_failed,
+            std::string("the request could not be sent: ") + vrd_ipc_strerror(status)};
 }
 
 std::string name_of(int code) {
@@ -162,48 +157,101 @@ exit_status status_of(int code) {
     }
 }
 
-exit_status print_codes(const request_kind &kind, const std::vector<int> &codes,
-                        const output &out) {
-    std::map<int, unsigned int> counts;
-    for (const int code : codes) {
-        ++counts[code];
+request_outcome outcome_of(const request_end &end, const request_kind &kind, double seconds) {
+    if (end.status != VRD_IPC_OK) {
+        return unanswered(end.status, seconds);
     }
-    const auto refused =
-        std::find_if(codes.begin(), codes.end(), [](int code) { return code != 0; });
-    const exit_status status = refused == codes.end() ? exit_done : status_of(*refused);
-    json responses = json::array();
-    for (const auto &[code, count] : counts) {
-        responses.push_back({{"code", code}, {"name", name_of(code)}, {"count", count}});
+    const response_code response = read_response(end.answer);
+    if (!response.code || end.cmd != kind.cmd) {
+        return {std::nullopt, exit_failed,
+                "the response can't be read: " +
+                    (response.code ? "it is one to command " + std::to_string(end.cmd)
+                                   : response.problem)};
+    }
+    return {response.code, status_of(*response.code), ""};
+}
+
+/* The same outcomes together: by code, and those without one by their reason. */
+struct outcome_counts {
+    std::map<int, unsigned int> codes;
+    std::map<std::string, unsigned int> problems;
+};
+
+outcome_counts counted(const std::vector<request_outcome> &outcomes) {
+    outcome_counts counts;
+    for (const request_outcome &outcome : outcomes) {
+        ++(outcome.code ? counts.codes[*outcome.code] : counts.problems[outcome.problem]);
+    }
+    return counts;
+}
+
+void print_lines(const outcome_counts &counts, bool is_one, const output &out) {
+    const auto times = [is_one](unsigned int count) {
+        return is_one ? std::string() : std::to_string(count) + " ";
+    };
+    for (const auto &[code, count] : counts.codes) {
         const char *const meaning = response_meaning(code);
-        if (!out.json()) {
-            out.line((codes.size() == 1 ? std::string() : std::to_string(count) + " ") +
-                     out.paint(code == 0 ? look::good : look::bad, name_of(code)) +
-                     (meaning == nullptr ? std::string() : std::string(": ") + meaning));
-        }
+        out.line(times(count) + out.paint(code == 0 ? look::good : look::bad, name_of(code)) +
+                 (meaning == nullptr ? std::string() : std::string(": ") + meaning));
     }
-    if (out.json()) {
-        json value = {{"ok", status == exit_done},
-                      {"cmd", kind.cmd},
-                      {"responses", responses},
-                      {"status", static_cast<int>(status)}};
-        if (refused != codes.end()) {
-            value["error"] = "the plug-in answered " + name_of(*refused);
-        }
-        out.json_line(value);
+    for (const auto &[problem, count] : counts.problems) {
+        out.line(times(count) + out.paint(look::bad, "without a code") + ": " + problem);
     }
+}
+
+json counts_json(const outcome_counts &counts) {
+    json responses = json::array();
+    for (const auto &[code, count] : counts.codes) {
+        responses.push_back({{"code", code}, {"name", name_of(code)}, {"count", count}});
+    }
+    json problems = json::array();
+    for (const auto &[problem, count] : counts.problems) {
+        problems.push_back({{"error", problem}, {"count", count}});
+    }
+    return {{"responses", responses}, {"without_code", problems}};
+}
+
+exit_status print_outcomes(const request_kind &kind, const std::vector<request_outcome> &outcomes,
+                           const output &out) {
+    const auto first_bad =
+        std::find_if(outcomes.begin(), outcomes.end(),
+                     [](const request_outcome &outcome) { return outcome.status != exit_done; });
+    const exit_status status = first_bad == outcomes.end() ? exit_done : first_bad->status;
+    const outcome_counts counts = counted(outcomes);
+    if (counts.codes.empty()) {
+        throw failure(status, first_bad->problem);
+    }
+    if (!out.json()) {
+        print_lines(counts, outcomes.size() == 1, out);
+        return status;
+    }
+    json value = counts_json(counts);
+    value["ok"] = status == exit_done;
+    value["cmd"] = kind.cmd;
+    value["status"] = static_cast<int>(status);
+    if (first_bad != outcomes.end()) {
+        value["error"] = first_bad->code ? "the plug-in answered " + name_of(*first_bad->code)
+                                         : first_bad->problem;
+    }
+    out.json_line(value);
     return status;
 }
 
 exit_status request(const request_kind &kind, const request_options &options, const output &out) {
     const std::string body = body_of(options);
     const std::string message = kind.framed && !options.raw ? request_frame(body) : body;
+    if (message.size() > VRD_IPC_MAX_BODY) {
+        throw failure(exit_usage, "a message holds 16 MiB, and this one is longer: " +
+                                      std::to_string(body.size()) + " bytes of body" +
+                                      (message.size() == body.size() ? "" : " in a frame"));
+    }
     const auto seconds = static_cast<unsigned int>(std::ceil(options.timeout));
-    std::vector<int> codes;
+    std::vector<request_outcome> outcomes;
     for (const request_end &end :
          send_requests(request_endpoint, kind.cmd, message, options.count, seconds)) {
-        codes.push_back(code_of(end, kind, options.timeout));
+        outcomes.push_back(outcome_of(end, kind, options.timeout));
     }
-    return print_codes(kind, codes, out);
+    return print_outcomes(kind, outcomes, out);
 }
 
 void add_request(CLI::App &to, command_line &line, const request_kind &kind,

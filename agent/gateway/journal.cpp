@@ -19,10 +19,12 @@ constexpr int busy_ms = 2000;
 static_assert(GATEWAY_JOURNAL_VERSION == 1, "the text below names the version");
 constexpr unsigned int follow_batch = 256;
 
-/* What entry_of reads. The beginning is a header, or all of a short kind whose content a list
- * shows. */
-#define ENTRY_COLUMNS \
-    "id, accepted_us, type, size, substr(data, 1, CASE WHEN type IN (8, 9) THEN 4096 ELSE 20 END)"
+/* What entry_of reads. The beginning is a header, an order's result as far as a list shows it, or
+ * all of a short kind whose content a list shows. */
+#define ENTRY_COLUMNS                                                                            \
+    "id, accepted_us, type, size, "                                                              \
+    "substr(data, 1, CASE WHEN type IN (8, 9) THEN 4096 WHEN type IN (2, 3, 4) THEN 80 ELSE 20 " \
+    "END)"
 
 struct type_name {
     int type;

@@ -21,8 +21,9 @@ struct journal_entry {
     std::int64_t accepted_us = 0; /* microseconds since 1970, UTC */
     int type = 0;                 /* a KZEMM_DATA_TYPE */
     std::int64_t size = 0;
-    /* The first 20 bytes, for decode_header, or 4,096 of a short kind whose content a list shows
-     * (KZEMM_DATA_CTMIOA_RESULT and _HELLO); less when it is shorter. */
+    /* The first 20 bytes, for decode_header, 80 of an order's result (KZEMM_DATA_LINKAGE, _APPEND
+     * and _HUNTING), or 4,096 of a short kind whose content a list shows (KZEMM_DATA_CTMIOA_RESULT
+     * and _HELLO); less when it is shorter. */
     std::string beginning;
 };
 

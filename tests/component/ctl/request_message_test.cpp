@@ -79,7 +79,10 @@ TEST(ioa_report, is_read_from_a_result_and_from_a_hello) {
     const auto hello = read_ioa_report(9, R"({"agentId": 1, "rulesId": "0"})");
     ASSERT_TRUE(hello);
     EXPECT_FALSE(hello->res);
-    EXPECT_EQ(ioa_report_text(*hello), "rules \"0\" in force");
+    EXPECT_EQ(ioa_report_text(*hello), "no rules yet");
+    const auto later = read_ioa_report(9, R"({"agentId": 1, "rulesId": "7"})");
+    ASSERT_TRUE(later);
+    EXPECT_EQ(ioa_report_text(*later), "rules \"7\" announced");
 }
 
 TEST(ioa_report, is_nothing_in_other_types_and_texts) {

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <functional>
 #include <nlohmann/json.hpp>
 
@@ -166,6 +167,41 @@ TEST_F(ctl_request, many_at_once_are_counted_by_their_codes_and_the_first_refusa
     EXPECT_EQ(requests().size(), 12U);
 }
 
+TEST_F(ctl_request, a_body_that_is_too_long_in_its_frame_is_refused_with_its_size) {
+    tree.write("long.bin", std::string(VRD_IPC_MAX_BODY - 19, 'x'));
+    const run_result result = kzectl({"request", "hunting", tree.path("long.bin").string()});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_THAT(result.err, HasSubstr("16777197 bytes of body in a frame"));
+}
+
+TEST_F(ctl_request, of_many_at_once_one_without_a_response_leaves_the_codes_of_the_others) {
+    loop_thread loop;
+    std::atomic<int> come{0};
+    const test_endpoint plugin(loop, "agt_rpt", [&come](const incoming &request) {
+        const std::string bytes = response(0);
+        if (come++ != 1) {
+            vrd_ipc_response(request.ipc, request.from, request.id, request.cmd, bytes.data(),
+                             static_cast<unsigned int>(bytes.size()));
+        }
+    });
+    const run_result result = kzectl(
+        {"--json", "request", "linkage", "--text", "order", "--count", "4", "--timeout", "1"});
+    EXPECT_EQ(result.status, 4);
+    const json value = json::parse(result.out);
+    EXPECT_EQ(value["ok"], false);
+    EXPECT_EQ(value["error"], "the plug-in gave no response within 1 s");
+    EXPECT_EQ(value["responses"], json({{{"code", 0}, {"name", "KZEMM_TRACE_OK"}, {"count", 3}}}));
+    EXPECT_EQ(value["without_code"],
+              json({{{"error", "the plug-in gave no response within 1 s"}, {"count", 1}}}));
+    come = 0;
+    const run_result text =
+        kzectl({"request", "linkage", "--text", "order", "--count", "3", "--timeout", "1"});
+    EXPECT_EQ(text.status, 4);
+    EXPECT_EQ(text.out,
+              "2 KZEMM_TRACE_OK: it is queued\n"
+              "1 without a code: the plug-in gave no response within 1 s\n");
+}
+
 TEST_F(ctl_request, what_is_no_response_is_a_failure_with_its_reason) {
     answer_with([](const incoming &) { return "3200"s; });
     const run_result result = kzectl({"request", "append", "--text", "order"});
@@ -193,6 +229,7 @@ TEST_F(ctl_request, a_plug_in_that_gives_no_response_is_waited_for_no_longer_tha
 TEST_F(ctl_request, command_lines_that_make_no_sense_are_refused_and_send_nothing) {
     answer_with_code(0);
     tree.write("bad.txt", "\xFF");
+    tree.write("long.bin", std::string(VRD_IPC_MAX_BODY - 19, 'x')); /* too long in a frame only */
     const std::vector<std::vector<std::string>> wrong = {
         {"linkage"},
         {"linkage", "--text", "a", tree.path("bad.txt").string()},
@@ -203,6 +240,7 @@ TEST_F(ctl_request, command_lines_that_make_no_sense_are_refused_and_send_nothin
         {"ioa", "--rules", "a"},
         {"ioa", "--rules-id", "a", "--rules", "b", "--text", "c"},
         {"ioa", "--rules-id", "a", "--rules-file", tree.path("bad.txt").string()},
+        {"hunting", tree.path("long.bin").string()},
         {"append", "--text", "a", "--count", "0"},
         {"append", "--text", "a", "--timeout", "-1"},
         {"unknown", "--text", "a"},
@@ -251,7 +289,7 @@ TEST_F(ctl_ioa, status_has_the_stored_identifier_the_last_result_and_the_last_he
     EXPECT_FALSE(status["hello"].contains("res"));
     const std::string text = kzectl({"ioa", "status"}).out;
     EXPECT_THAT(text, HasSubstr("rules \"7\" refused, res -4"));
-    EXPECT_THAT(text, HasSubstr("rules \"0\" in force"));
+    EXPECT_THAT(text, HasSubstr("no rules yet"));
 }
 
 TEST_F(ctl_ioa, status_says_what_is_not_there_yet) {
@@ -269,7 +307,7 @@ TEST_F(ctl_ioa, the_gateways_list_tail_and_show_tell_what_its_records_say) {
     for (const char *command : {"list", "tail"}) {
         const std::string rows = kzectl({"gateway", command}).out;
         EXPECT_THAT(rows, HasSubstr("ctmioa_hello")) << command;
-        EXPECT_THAT(rows, HasSubstr("rules \"0\" in force")) << command;
+        EXPECT_THAT(rows, HasSubstr("no rules yet")) << command;
         EXPECT_THAT(rows, HasSubstr("rules \"7\" refused, res -4")) << command;
     }
     const json records = json::parse(kzectl({"--json", "gateway", "list"}).out)["records"];
@@ -282,6 +320,26 @@ TEST_F(ctl_ioa, the_gateways_list_tail_and_show_tell_what_its_records_say) {
     EXPECT_EQ(shown["report"]["res"], -4);
     EXPECT_EQ(shown["text"], second_result);
     EXPECT_THAT(kzectl({"gateway", "show", "2", "--content"}).out, HasSubstr("\"agentId\":\t9"));
+}
+
+TEST_F(ctl_ioa, a_row_shows_so_much_of_an_orders_result_that_it_can_be_told_from_others) {
+    const std::string result = R"({"bytes":5,"md5":"0123456789abcdef0123456789abcdef","number":7,)";
+    const std::string rest = R"("order":"hunting","text":"a long order"})";
+    {
+        const gateway_library gateway;
+        for (const int type : {2, 3, 4}) {
+            ASSERT_EQ(gateway.send(type, result + rest), 0);
+        }
+        ASSERT_EQ(gateway.send(4, "no JSON, so that its beginning must do"), 0);
+        ASSERT_EQ(gateway.send(1, result + rest), 0);
+    }
+    const std::string rows = kzectl({"gateway", "list"}).out;
+    const auto first = rows.find(result);
+    ASSERT_NE(first, std::string::npos) << rows;
+    EXPECT_NE(rows.find(result, rows.find(result, first + 1) + 1), std::string::npos) << rows;
+    EXPECT_THAT(rows, testing::Not(HasSubstr("a long order")));
+    EXPECT_THAT(rows, HasSubstr("\"no JSON, so that its\" ..."));
+    EXPECT_THAT(rows, HasSubstr("\"{\"bytes\":5,\"md5\":\"01\" ..."));
 }
 
 TEST_F(ctl_ioa, a_report_of_any_length_is_read_and_a_broken_one_is_shown_as_it_is) {
