@@ -32,6 +32,12 @@ constexpr bool net_order = true;
 // For up to this many wanted nodes looking at every process is quicker than making an index.
 constexpr int nodes_without_index = 16;
 
+// A request grows with the product of nodes and processes. One beyond what a frame may carry can't
+// be sent, and isn't built: a small event could ask for all of the host's memory.
+constexpr size_t max_request_bytes = 0xA00000;
+constexpr size_t bytes_of_numbers = 24;  // of a process, with what tells its fields apart
+constexpr size_t bytes_of_alert = 48;    // without its identifier and its processes
+
 // What a message may hold of memory beyond its delivery.
 constexpr size_t kept_bytes_limit = size_t{4} << 20;
 
@@ -82,28 +88,34 @@ class delivery_arena {
     std::optional<Arena> arena;
 };
 
-void add_process(kze_respdsp_alert_info &to, const process_vertex &from) {
+// Adds a process while there is room for it. The room is counted in bytes of the request.
+bool add_process(kze_respdsp_alert_info &to, const process_vertex &from, size_t &room) {
+    const size_t size = bytes_of_numbers + from.process_path().size() + from.process_md5().size();
+    if (size > room) {
+        return false;
+    }
+    room -= size;
     auto *const process = to.add_proc_info();
     process->set_pid(from.process_id());
     process->set_create_time(static_cast<uint64_t>(from.process_createtime()));
     process->set_process_path(from.process_path());
     process->set_md5(from.process_md5());
+    return true;
 }
 
-// Adds every process that a wanted node names, in the order of the wanted nodes and then of the
-// processes, as often as it is named.
-void add_matches_one_by_one(kze_respdsp_alert_info &to, const event_action &action) {
+bool add_matches_one_by_one(kze_respdsp_alert_info &to, const event_action &action, size_t &room) {
     for (const uint64_t wanted : action.alert_node_id()) {
         for (const process_vertex &process : action.process_list()) {
-            if (process.node_id() == wanted) {
-                add_process(to, process);
+            if (process.node_id() == wanted && !add_process(to, process, room)) {
+                return false;
             }
         }
     }
+    return true;
 }
 
 // The same by way of an index from node to positions.
-void add_matches_by_index(kze_respdsp_alert_info &to, const event_action &action) {
+bool add_matches_by_index(kze_respdsp_alert_info &to, const event_action &action, size_t &room) {
     using entry = std::pair<uint64_t, int>;
     std::vector<entry> index;
     index.reserve(static_cast<size_t>(action.process_list_size()));
@@ -114,24 +126,31 @@ void add_matches_by_index(kze_respdsp_alert_info &to, const event_action &action
     for (const uint64_t wanted : action.alert_node_id()) {
         auto each = std::lower_bound(index.begin(), index.end(), entry(wanted, 0));
         for (; each != index.end() && each->first == wanted; ++each) {
-            add_process(to, action.process_list(each->second));
+            if (!add_process(to, action.process_list(each->second), room)) {
+                return false;
+            }
         }
     }
+    return true;
 }
 
 }  // namespace
 
-void add_matching_processes(kze_respdsp_alert_info &to, const event_action &action) {
-    if (action.alert_node_id_size() <= nodes_without_index) {
-        add_matches_one_by_one(to, action);
-    } else {
-        add_matches_by_index(to, action);
-    }
+bool add_matching_processes(kze_respdsp_alert_info &to, const event_action &action, size_t &room) {
+    return action.alert_node_id_size() <= nodes_without_index
+               ? add_matches_one_by_one(to, action, room)
+               : add_matches_by_index(to, action, room);
 }
 
 namespace {
 
-void fill_alert(kze_respdsp_alert_info &alert, const event_action &action) {
+bool add_alert(kze_respdsp_icdt_req &to, const event_action &action, size_t &room) {
+    const size_t size = bytes_of_alert + action.alert_id().size();
+    if (size > room) {
+        return false;
+    }
+    room -= size;
+    auto &alert = *to.add_alert_info();
     alert.set_alert_id(action.alert_id());
     alert.set_task_id(gen_uuid());
     alert.set_type(kzerespdsppl_re::DSP_TYPE_DISPOSE);
@@ -140,7 +159,7 @@ void fill_alert(kze_respdsp_alert_info &alert, const event_action &action) {
     alert.set_is_force_dsp(false);
     alert.set_opr_type(kzerespdsppl_re::DSP_OPR_UNKNOW);
     alert.set_task_type(kzerespdsppl_re::DSP_TASK_TYPE_AUTO);
-    add_matching_processes(alert, action);
+    return add_matching_processes(alert, action, room);
 }
 
 bool has_rule(const kzav_trace_info &info) {
@@ -299,10 +318,11 @@ bool build_auto_dispose_pbdata(const kzav_trace_info &info, std::string &out) {
     Arena *const arena = info.GetArena() != nullptr ? info.GetArena() : &own;
     auto &request = *Arena::CreateMessage<kze_respdsp_icdt_req>(arena);
     request.set_agent_id(info.agent_id());
-    for (const event_action &action : actions) {
-        fill_alert(*request.add_alert_info(), action);
-    }
-    if (!request.SerializeToString(&out)) {
+    size_t room = max_request_bytes;
+    const bool complete =
+        std::all_of(actions.begin(), actions.end(),
+                    [&](const event_action &action) { return add_alert(request, action, room); });
+    if (!complete || !request.SerializeToString(&out)) {
         kze_log(1, "serialize auto dispose data failed.");
         return false;
     }

@@ -46,12 +46,13 @@ bool send_event_to_thtgw(kzav_trace_info &info, const _module_header *header);
 // handed to the IPC layer; it is tried four times at most.
 bool send_event_to_autodsp(const kzav_trace_info &info, const _module_header *header,
                            vrd_ipc_st *ipc, vrd_addr_st *addr);
-// Serializes the request to the disposal service.
+// Serializes the request to the disposal service, which a frame must be able to carry.
 bool build_auto_dispose_pbdata(const kzav_trace_info &info, std::string &out);
 // Adds every process of the action that one of its alert nodes names: in the order of the nodes,
-// then of the processes, as often as it is named.
-void add_matching_processes(kzerespdsppl_re::kze_respdsp_alert_info &to,
-                            const kzav_trace::event_action &action);
+// then of the processes, as often as it is named. Takes their bytes from `room`; false when that is
+// used up.
+bool add_matching_processes(kzerespdsppl_re::kze_respdsp_alert_info &to,
+                            const kzav_trace::event_action &action, size_t &room);
 // The end of a try; ctx is the auto_dispose_ipc_ctx. A vrd_ipc_reply_cb.
 void on_auto_dispose_cb(int err, unsigned int cmd, const char *data, unsigned int len, void *ctx);
 

@@ -215,7 +215,8 @@ void measure_matching(int nodes, int processes) {
         kzerespdsppl_re::kze_respdsp_alert_info by_loop;
         kzerespdsppl_re::kze_respdsp_alert_info by_index;
         loop.push_back(cost_of([&] { plain_matches(by_loop, *action); }));
-        own.push_back(cost_of([&] { add_matching_processes(by_index, *action); }));
+        size_t room = SIZE_MAX;
+        own.push_back(cost_of([&] { add_matching_processes(by_index, *action, room); }));
         if (by_loop.SerializeAsString() != by_index.SerializeAsString()) {
             fprintf(stderr, "the two ways differ\n");
             exit(1);

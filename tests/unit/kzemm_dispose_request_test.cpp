@@ -330,4 +330,29 @@ TEST_F(kzemm_dispose_request_test, counts_as_sent_whatever_the_ipc_layer_says) {
     }
 }
 
+// ---- its size ----
+
+TEST_F(kzemm_dispose_request_test, one_that_no_frame_could_carry_is_not_built) {
+    kzav_trace_info info;
+    event_action &action = *info.mutable_credible_event()->mutable_rule()->add_match_action();
+    for (int each = 0; each < 4000; ++each) {
+        action.add_alert_node_id(7);
+        action.add_process_list()->set_node_id(7);
+    }
+    std::string out = "before";
+    EXPECT_FALSE(build_auto_dispose_pbdata(info, out));
+    EXPECT_THAT(log_lines(), ElementsAre(at(1, "serialize auto dispose data failed.")));
+    EXPECT_EQ(out, "before");
+}
+
+TEST_F(kzemm_dispose_request_test, alerts_without_end_are_not_built_either) {
+    kzav_trace_info info;
+    for (int each = 0; each < 300000; ++each) {
+        info.mutable_credible_event()->mutable_rule()->add_match_action();
+    }
+    std::string out = "before";
+    EXPECT_FALSE(build_auto_dispose_pbdata(info, out));
+    EXPECT_THAT(log_lines(), ElementsAre(at(1, "serialize auto dispose data failed.")));
+}
+
 }  // namespace
