@@ -94,8 +94,9 @@ capabilities_follow_configuration() {
 origin_data_reaches_the_gateway() {
     step "This host's processes reach the gateway"
     expect "origin data, compressed, with this tour's own shell (process $$) in it"
-    local from id
+    local from bus_from id
     from=$(record_mark)
+    bus_from=$("$kzectl" bus mark)
     "$kzectl" engine origin-now >"$work/out"
     run_waiting "$kzectl" gateway wait --type origin --after "$from" --contains "\"pid\":$$," \
         --timeout 30 || missed "$(tail -n 1 "$work/err")"
@@ -104,6 +105,15 @@ origin_data_reaches_the_gateway() {
     saw "record $id, with process $$ in it"
     saw "$(row Processes) processes"
     saw "raw $(row Raw)"
+    expect 'the message bus gets the same data, uncompressed'
+    published origin "$bus_from"
+}
+
+# published EVENT MARK: the bus took such an event behind the mark.
+published() {
+    run_waiting "$kzectl" bus wait --event "$1" --after "$2" --timeout 15 ||
+        missed "$(tail -n 1 "$work/err")"
+    saw "event $(cat "$work/out") of the bus, $1"
 }
 
 # pass_unchanged KIND TYPE: the engine delivers a file, the gateway gets the same bytes.
@@ -129,7 +139,8 @@ results_pass_unchanged() {
 
 outage_is_noticed_and_mended() {
     step 'The engine dies and comes back'
-    local from host_from records
+    local from host_from records bus_from
+    bus_from=$("$kzectl" bus mark)
     from=$(mark)
     # The engine's client calls the plug-in on a thread of its own, which logs to the host's log.
     host_from=$(mark host)
@@ -147,6 +158,8 @@ outage_is_noticed_and_mended() {
     run_waiting "$kzectl" gateway wait --type origin --after "$records" --timeout 30 ||
         missed "$(tail -n 1 "$work/err")"
     saw "record $(cat "$work/out") of type 5, origin"
+    expect 'the message bus hears of the outage'
+    published offline "$bus_from"
 }
 
 waits_grow_while_the_engine_stays_away() {
