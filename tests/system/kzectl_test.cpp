@@ -24,10 +24,17 @@ const std::vector<arguments> &all_commands() {
         {"config", "set"},
         {"config", "unset"},
         {"config", "list"},
+        {"config", "module", "show"},
+        {"config", "module", "set"},
+        {"config", "module", "push"},
         {"engine", "status"},
         {"engine", "answer"},
         {"engine", "clear"},
         {"engine", "push"},
+        {"engine", "credible"},
+        {"engine", "rules"},
+        {"engine", "rise"},
+        {"engine", "drive"},
         {"engine", "origin-now"},
         {"engine", "die"},
         {"engine", "silent"},
@@ -40,6 +47,31 @@ const std::vector<arguments> &all_commands() {
         {"gateway", "tail"},
         {"gateway", "wait"},
         {"gateway", "mark"},
+        {"request", "linkage"},
+        {"request", "append"},
+        {"request", "hunting"},
+        {"request", "ioa"},
+        {"request", "lkganal"},
+        {"ioa", "status"},
+        {"lkg", "list"},
+        {"lkg", "show"},
+        {"lkg", "tail"},
+        {"lkg", "wait"},
+        {"lkg", "mark"},
+        {"bus", "list"},
+        {"bus", "tail"},
+        {"bus", "wait"},
+        {"bus", "mark"},
+        {"disposal", "list"},
+        {"disposal", "show"},
+        {"disposal", "wait"},
+        {"disposal", "mark"},
+        {"disposal", "mode"},
+        {"pack", "make"},
+        {"pack", "drop"},
+        {"pack", "list"},
+        {"pack", "watch"},
+        {"pack", "wait"},
         {"log", "tail"},
         {"log", "wait"},
         {"log", "mark"},
@@ -149,6 +181,7 @@ TEST_F(kzectl, a_refusal_by_the_engine_gives_1_with_its_words) {
 TEST_F(kzectl, every_command_that_prints_prints_json_for_programs) {
     tree.switch_on();
     tree.must({"up"});
+    tree.see("work loop start");
     const std::int64_t id = tree.wait_record("origin", 0);
     const std::string file = tree.path("bin/vrd_services").string();
     const std::vector<arguments> commands = {
@@ -160,12 +193,34 @@ TEST_F(kzectl, every_command_that_prints_prints_json_for_programs) {
         {"config", "get", "/mgr/test/key"},
         {"config", "list"},
         {"config", "unset", "/mgr/test/key"},
+        {"config", "module", "set", "base_drive", "enable=1", "collect_enable=0"},
+        {"config", "module", "show", "base_drive"},
+        {"config", "module", "push", "base_drive"},
         {"engine", "status"},
         {"engine", "answer", "x_client_engine_set_runlevel", "--code", "-3", "--delay-ms", "5"},
         {"engine", "clear"},
         {"engine", "version", "ioc", "2.0"},
         {"engine", "push", "alarm", file},
         {"engine", "origin-now"},
+        {"engine", "drive", "--drive", "0"},
+        {"engine", "drive"},
+        {"request", "ioa", "--rules-id", "set-1", "--rules", "rule one"},
+        {"gateway", "wait", "--type", "ctmioa_result"},
+        {"ioa", "status"},
+        {"engine", "rules"},
+        {"engine", "rules", "custom_ioa"},
+        {"engine", "rise", "ioc"},
+        {"request", "lkganal", "--text", "who was it"},
+        {"lkg", "wait"},
+        {"lkg", "list"},
+        {"lkg", "show", "1"},
+        {"lkg", "mark"},
+        {"bus", "list"},
+        {"bus", "mark"},
+        {"disposal", "mode"},
+        {"disposal", "mark"},
+        {"disposal", "list"},
+        {"pack", "list"},
         {"gateway", "list"},
         {"gateway", "show", std::to_string(id)},
         {"gateway", "wait", "--type", "origin"},
@@ -181,6 +236,27 @@ TEST_F(kzectl, every_command_that_prints_prints_json_for_programs) {
         EXPECT_TRUE(value.value("ok", false) || command[0] == "log")
             << ::testing::PrintToString(command) << value.dump();
     }
+}
+
+TEST_F(kzectl, a_rule_text_is_in_an_object_for_programs) {
+    tree.switch_on();
+    tree.must({"up"});
+    tree.see("work loop start");
+    tree.must({"request", "ioa", "--rules-id", "set-1", "--rules", "rule one"});
+    tree.wait_record("ctmioa_result", 0);
+    const json texts = tree.ask({"engine", "rules", "custom_ioa"})["texts"];
+    ASSERT_EQ(texts.size(), 1U) << texts.dump();
+    EXPECT_EQ(texts[0]["text"], "rule one");
+}
+
+TEST_F(kzectl, a_module_field_without_a_value_is_told_how_to_be_written) {
+    const command_result bare = tree.ctl({"config", "module", "set", "base_drive", "enable"});
+    EXPECT_EQ(bare.status, usage);
+    EXPECT_NE(bare.err.find("has no value; write enable=VALUE"), std::string::npos) << bare.err;
+    const command_result unknown = tree.ctl({"config", "module", "set", "base_drive", "on=1"});
+    EXPECT_EQ(unknown.status, usage);
+    EXPECT_NE(unknown.err.find("\"on\" is no field of base_drive"), std::string::npos)
+        << unknown.err;
 }
 
 TEST_F(kzectl, failures_are_json_for_programs_too) {
