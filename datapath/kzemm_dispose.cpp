@@ -35,8 +35,9 @@ constexpr int nodes_without_index = 16;
 // A request grows with the product of nodes and processes. One beyond what a frame may carry can't
 // be sent, and isn't built: a small event could ask for all of the host's memory.
 constexpr size_t max_request_bytes = 0xA00000;
-constexpr size_t bytes_of_numbers = 24;  // of a process, with what tells its fields apart
-constexpr size_t bytes_of_alert = 48;    // without its identifier and its processes
+// What the smallest process and the smallest alert count as: their memory, not their bytes.
+constexpr size_t least_of_process = 24;
+constexpr size_t least_of_alert = 48;
 
 // What a message may hold of memory beyond its delivery.
 constexpr size_t kept_bytes_limit = size_t{4} << 20;
@@ -88,19 +89,26 @@ class delivery_arena {
     std::optional<Arena> arena;
 };
 
-// Adds a process while there is room for it. The room is counted in bytes of the request.
-bool add_process(kze_respdsp_alert_info &to, const process_vertex &from, size_t &room) {
-    const size_t size = bytes_of_numbers + from.process_path().size() + from.process_md5().size();
+// Takes the bytes of a part of the request, with the key and the length in front of it, from the
+// room that is left for it. False when that is used up.
+template <typename message>
+bool take_room(size_t &room, const message &part, size_t least) {
+    constexpr size_t key_and_length = 5;
+    const size_t size = std::max(part.ByteSizeLong() + key_and_length, least);
     if (size > room) {
         return false;
     }
     room -= size;
-    auto *const process = to.add_proc_info();
-    process->set_pid(from.process_id());
-    process->set_create_time(static_cast<uint64_t>(from.process_createtime()));
-    process->set_process_path(from.process_path());
-    process->set_md5(from.process_md5());
     return true;
+}
+
+bool add_process(kze_respdsp_alert_info &to, const process_vertex &from, size_t &room) {
+    auto &process = *to.add_proc_info();
+    process.set_pid(from.process_id());
+    process.set_create_time(static_cast<uint64_t>(from.process_createtime()));
+    process.set_process_path(from.process_path());
+    process.set_md5(from.process_md5());
+    return take_room(room, process, least_of_process);
 }
 
 bool add_matches_one_by_one(kze_respdsp_alert_info &to, const event_action &action, size_t &room) {
@@ -145,11 +153,6 @@ bool add_matching_processes(kze_respdsp_alert_info &to, const event_action &acti
 namespace {
 
 bool add_alert(kze_respdsp_icdt_req &to, const event_action &action, size_t &room) {
-    const size_t size = bytes_of_alert + action.alert_id().size();
-    if (size > room) {
-        return false;
-    }
-    room -= size;
     auto &alert = *to.add_alert_info();
     alert.set_alert_id(action.alert_id());
     alert.set_task_id(gen_uuid());
@@ -159,7 +162,7 @@ bool add_alert(kze_respdsp_icdt_req &to, const event_action &action, size_t &roo
     alert.set_is_force_dsp(false);
     alert.set_opr_type(kzerespdsppl_re::DSP_OPR_UNKNOW);
     alert.set_task_type(kzerespdsppl_re::DSP_TASK_TYPE_AUTO);
-    return add_matching_processes(alert, action, room);
+    return take_room(room, alert, least_of_alert) && add_matching_processes(alert, action, room);
 }
 
 bool has_rule(const kzav_trace_info &info) {
@@ -320,6 +323,7 @@ bool build_auto_dispose_pbdata(const kzav_trace_info &info, std::string &out) {
     request.set_agent_id(info.agent_id());
     size_t room = max_request_bytes;
     const bool complete =
+        take_room(room, request, 0) &&
         std::all_of(actions.begin(), actions.end(),
                     [&](const event_action &action) { return add_alert(request, action, room); });
     if (!complete || !request.SerializeToString(&out)) {
