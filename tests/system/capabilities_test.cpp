@@ -82,7 +82,7 @@ TEST_F(capabilities, a_cnapp_agent_has_all_on_but_reverse_shell) {
 }
 
 TEST_F(capabilities, a_refused_one_is_noted_for_a_retry_and_the_others_still_go_on) {
-    tree.must({"engine", "answer", "x_client_engine_control", "--code", "-5", "--times", "1"});
+    tree.must({"engine", "answer", "x_client_engine_control", "--code", "-5", "--for-type", "6"});
     tree.switch_on();
     tree.must({"up"});
     tree.see("switch 6 status: 2 failed");

@@ -125,6 +125,7 @@ TEST_F(credible, malformed_event_goes_nowhere_and_the_next_one_is_handled) {
     EXPECT_EQ(orders(), 0);
     raise("web");
     tree.must({"disposal", "wait", "--pid", pid(), "--fate", "ended"});
+    event_behind(0);
     EXPECT_EQ(events(), 1U);
 }
 

@@ -77,7 +77,9 @@ class test_dispatch : public MbFrame::IDispatch {
 
 class test_frame : public MbFrame::IRtmFrame {
   public:
-    unsigned int QueryInterface(const _GUID &, void **) override { return unused(); }
+    unsigned int QueryInterface(const _GUID &, void **) override {
+        return static_cast<unsigned int>(unused());
+    }
     int AddRef() override { return unused(); }
     int Release() override {
         note("release");
