@@ -187,6 +187,11 @@ void stage::subscribe(data_kind kind, const std::string &call, qd_data_cb callba
     note(call);
 }
 
+void stage::left_behind_by_design(void *memory) {
+    static auto *const left = new std::vector<void *>;
+    left->push_back(memory);
+}
+
 void stage::note(const std::string &call) {
     {
         const std::lock_guard<std::mutex> lock(mutex);

@@ -57,6 +57,9 @@ void look_at(MbFrame::IEvent &event) {
     const auto *const record = static_cast<_RESPONSE_APP_REQUEST_INFO *>(event.GetNativeEvent());
     note("event data " + (id == offline_id ? std::string(record->data, offline_length)
                                            : std::string(record->data)));
+    if (id == offline_id) {
+        stage::left_behind_by_design(record->data);
+    }
 }
 
 class test_dispatch : public MbFrame::IDispatch {
