@@ -117,7 +117,7 @@ malloc_ptr wrap_trust_list(const char *white_ip) {
     // The CS form keeps the key where it is and so can't fail for want of memory, which would leave
     // an envelope without a list.
     if (cJSON_AddItemToObjectCS(content.get(), "white_ip", list.get()) != 0) {
-        list.release();
+        static_cast<void>(list.release());
     }
     const cjson_ptr message(cJSON_CreateObject());
     if (message == nullptr) {
@@ -125,7 +125,7 @@ malloc_ptr wrap_trust_list(const char *white_ip) {
         return nullptr;
     }
     if (cJSON_AddItemToObjectCS(message.get(), "tkbfd", content.get()) != 0) {
-        content.release();
+        static_cast<void>(content.release());
     }
     malloc_ptr text(cJSON_PrintUnformatted(message.get()));
     if (text == nullptr) {
