@@ -135,7 +135,7 @@ TEST_F(ctl_request, each_code_is_printed_by_its_name_and_has_an_exit_status_of_i
                                                             {"KZEMM_TRACE_INVALID", 13},
                                                             {"KZEMM_TRACE_FAILED", 14},
                                                             {"code 5", 1}};
-    int code = -1;
+    std::atomic<int> code{-1};
     answer_with([&code](const incoming &) { return response(code); });
     for (const auto &[name, status] : codes) {
         requests(); /* what changes here was read before */
@@ -148,7 +148,7 @@ TEST_F(ctl_request, each_code_is_printed_by_its_name_and_has_an_exit_status_of_i
         const json value = json::parse(program.out);
         EXPECT_EQ(value["ok"], status == 0);
         EXPECT_EQ(value["status"], status);
-        EXPECT_EQ(value["responses"], json({{{"code", code}, {"name", name}, {"count", 1}}}))
+        EXPECT_EQ(value["responses"], json({{{"code", code.load()}, {"name", name}, {"count", 1}}}))
             << program.out;
     }
 }
