@@ -3,9 +3,9 @@
  * names go to the local disposal service as one request.
  *
  * Free of state but for the requests in flight and some memory that is kept from one event to the
- * next; any thread may call. A delivery runs on a thread of the engine client, the reply to a request
- * where the IPC layer runs its replies. A request that the IPC layer refuses, its endpoint being
- * closed, gets no reply, and its memory stays behind.
+ * next; any thread may call. A delivery runs on a thread of the engine client, the reply to a
+ * request where the IPC layer runs its replies. A request that the IPC layer refuses, its endpoint
+ * being closed, gets no reply, and its memory stays behind.
  */
 #ifndef KZEMDLMGR_DATAPATH_KZEMM_DISPOSE_H
 #define KZEMDLMGR_DATAPATH_KZEMM_DISPOSE_H
