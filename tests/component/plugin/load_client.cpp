@@ -27,7 +27,6 @@ UNASKED(x_client_engine_subscribe_alarm, qd_data_cb, void *)
 UNASKED(x_client_subscribe_origin_data, unsigned int, qd_data_cb, void *)
 UNASKED(x_client_register_coordinate_cb, int, qd_data_cb, void *)
 UNASKED(x_client_subscribe_clt, qd_data_cb, void *)
-UNASKED(x_client_engine_subscribe_credible, qd_data_cb, void *)
 
 EXPORTED int x_client_start(const qd_client_callbacks *, void *) {
     engine::instance().start();
@@ -41,6 +40,11 @@ EXPORTED int x_client_stop() {
 
 EXPORTED void x_client_free(void *buffer) {
     engine::instance().free_buffer(buffer);
+}
+
+EXPORTED int x_client_engine_subscribe_credible(qd_data_cb callback, void *context) {
+    engine::instance().subscribe_credible(callback, context);
+    return 0;
 }
 
 EXPORTED int x_client_coordinate(int trace_type, const char *frame, unsigned int len) {

@@ -1,13 +1,22 @@
 #include "tests/component/plugin/load_stage.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <utility>
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#include <sanitizer/lsan_interface.h>
+#define HAS_LEAK_CHECKER 1
+#endif
+#endif
 
 namespace load_stage {
 namespace {
 
 constexpr std::chrono::seconds deadline{60};
 constexpr std::chrono::milliseconds callback_delay{50};
+constexpr std::chrono::milliseconds delivery_pause{1};
 
 }  // namespace
 
@@ -32,9 +41,11 @@ void engine::reset(std::size_t room) {
     for (auto &each : sends) {
         each = 0;
     }
+    delivered = 0;
     held = false;
     arrived.clear();
     arrived.reserve(room);
+    event.clear();
 }
 
 void engine::hold_calls() {
@@ -93,8 +104,39 @@ void engine::stop() {
         jobs.clear();
     }
     changed.notify_all();
-    if (thread.joinable()) {
-        thread.join();
+    for (std::thread *const each : {&thread, &deliverer}) {
+        if (each->joinable()) {
+            each->join();
+        }
+    }
+}
+
+void engine::deliver_again_and_again(std::string credible_event) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    event = std::move(credible_event);
+}
+
+void engine::subscribe_credible(qd_data_cb callback, void *context) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    if (!event.empty() && !deliverer.joinable()) {
+        deliverer = std::thread([this, callback, context] { deliver_events(callback, context); });
+    }
+}
+
+void engine::deliver_events(qd_data_cb callback, void *context) {
+#ifdef HAS_LEAK_CHECKER
+    // A disposal request that meets the closed endpoint stays behind by design.
+    const __lsan::ScopedDisabler not_looked_at;
+#endif
+    std::unique_lock<std::mutex> lock(mutex);
+    while (!changed.wait_for(lock, delivery_pause, [this] { return ends; })) {
+        char *const buffer = new_buffer(event.size());
+        memcpy(buffer, event.data(), event.size());
+        const auto size = static_cast<unsigned int>(event.size());
+        lock.unlock();
+        callback(buffer, size, context);
+        ++delivered;
+        lock.lock();
     }
 }
 

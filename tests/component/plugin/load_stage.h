@@ -59,6 +59,10 @@ class __attribute__((visibility("default"))) engine {
     // Buffers of the engine that did not come back.
     int buffers_out() const { return buffers; }
     std::size_t gateway_sends(int type) const { return sends[static_cast<std::size_t>(type)]; }
+    // From the next subscription to the stop one more thread of the client delivers this credible
+    // event, again and again.
+    void deliver_again_and_again(std::string credible_event);
+    std::size_t deliveries() const { return delivered; }
 
     // ---- for the test libraries ----
 
@@ -68,6 +72,7 @@ class __attribute__((visibility("default"))) engine {
     // Runs it on the engine's thread a little later, by when the call that asks for it has
     // returned.
     void call_back(std::function<void()> what);
+    void subscribe_credible(qd_data_cb callback, void *context);
     char *new_buffer(std::size_t size);
     void free_buffer(void *buffer);
     int gateway_take(int type);
@@ -77,10 +82,12 @@ class __attribute__((visibility("default"))) engine {
     ~engine() = default;
 
     void routine();
+    void deliver_events(qd_data_cb callback, void *context);
 
     std::atomic<int> call_ms{0};
     std::atomic<int> buffers{0};
     std::atomic<std::size_t> sends[11] = {};
+    std::atomic<std::size_t> delivered{0};
 
     mutable std::mutex mutex;  // guards everything below; no callback runs under it
     mutable std::condition_variable changed;
@@ -88,6 +95,8 @@ class __attribute__((visibility("default"))) engine {
     bool in_call = false;
     std::vector<arrival> arrived;
     std::thread thread;
+    std::thread deliverer;
+    std::string event;  // empty: no deliverer
     bool ends = false;
     struct job {
         std::chrono::steady_clock::time_point due;

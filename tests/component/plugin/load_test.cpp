@@ -20,6 +20,7 @@
 #include "tests/component/plugin/load_stage.h"
 #include "tests/component/plugin/plugin_test.h"
 #include "tests/support/process_state.h"
+#include "tests/support/wire_bytes.h"
 
 using kze_test::eventually;
 using load_stage::arrival;
@@ -335,6 +336,48 @@ TEST_F(plugin_load_test, a_shutdown_under_load_takes_the_running_call_and_frees_
     }
     printf("longest of %u shutdowns %lld ms, of which %lld ms for the engine call\n", rounds,
            static_cast<long long>(longest.count()), static_cast<long long>(call_time.count()));
+}
+
+// The frame of a credible event of the web scene with one action on one process.
+std::string credible_event_frame() {
+    const std::string process = wire::number(1, 7) + wire::number(2, 4194305);
+    const std::string action =
+        wire::bytes(1, "alert") + wire::number(2, 7) + wire::bytes(4, process);
+    const std::string rule = wire::number(6, 1) + wire::bytes(9, action);
+    return wire::frame(wire::bytes(1, "agent") + wire::number(5, 9) +
+                       wire::bytes(17, wire::bytes(6, rule)));
+}
+
+// Events come on the client's thread up to its stop, beyond the end of the endpoint that carries
+// the requests for their disposal; and those end on the worker's thread meanwhile, the last ones
+// while the endpoint closes.
+TEST_F(plugin_load_test, a_shutdown_amid_credible_events_does_no_harm) {
+    constexpr unsigned int rounds = 6;
+    stage.set_config("/mgr/auto_dispose", "/switch", "1");
+    std::mt19937 random(4);
+    for (unsigned int round = 1; round <= rounds; ++round) {
+        engine::instance().reset(0);
+        engine::instance().deliver_again_and_again(credible_event_frame());
+        // In turn a service that never answers and none at all.
+        kze_test::loop_thread service_loop;
+        std::unique_ptr<kze_test::test_endpoint> service;
+        std::atomic<size_t> requests{0};
+        if (round % 2 == 0) {
+            service = std::make_unique<kze_test::test_endpoint>(
+                service_loop, "agt_rpdsp", [&](const kze_test::incoming &) { ++requests; });
+        }
+        start();
+        const size_t wanted = 20 + random() % 400;
+        EXPECT_TRUE(eventually([&] { return engine::instance().deliveries() >= wanted; }));
+        ASSERT_EQ(uninit(), 0);
+        EXPECT_TRUE(log->await(stopped, round));
+        EXPECT_EQ(engine::instance().gateway_sends(10), engine::instance().deliveries());
+        EXPECT_EQ(requests > 0, round % 2 == 0);
+        if (service != nullptr) {
+            service->destroy();
+        }
+        service_loop.stop();
+    }
 }
 
 // The task thread of a start once found that it was not running yet, and ended.
