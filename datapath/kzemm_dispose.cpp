@@ -35,9 +35,13 @@ constexpr int nodes_without_index = 16;
 // A request grows with the product of nodes and processes. One beyond what a frame may carry can't
 // be sent, and isn't built: a small event could ask for all of the host's memory.
 constexpr size_t max_request_bytes = 0xA00000;
-// What the smallest process and the smallest alert count as: their memory, not their bytes.
+// What a process and an alert count as at least: their memory, not their bytes.
 constexpr size_t least_of_process = 24;
 constexpr size_t least_of_alert = 48;
+
+// What an event may take of memory, beside its texts. Some of its parts take a hundred times their
+// bytes; an event of the largest size with parts that say anything stays below this.
+constexpr size_t max_event_memory = size_t{256} << 20;
 
 // What a message may hold of memory beyond its delivery.
 constexpr size_t kept_bytes_limit = size_t{4} << 20;
@@ -48,6 +52,21 @@ std::atomic_flag s_kept_taken = ATOMIC_FLAG_INIT;
 std::unique_ptr<char[]> s_kept;
 size_t s_kept_bytes = 0;
 
+// What the delivery on this thread may still allocate for its arena.
+thread_local size_t s_arena_room = 0;
+
+void *allocate_block(size_t size) {
+    if (size > s_arena_room) {
+        throw std::bad_alloc();
+    }
+    s_arena_room -= size;
+    return ::operator new(size);
+}
+
+void free_block(void *block, size_t) {
+    ::operator delete(block);
+}
+
 /*
  * The arena of one delivery, in kept memory where that is free: fresh memory for thousands of small
  * messages costs about as much as reading them.
@@ -56,10 +75,13 @@ class delivery_arena {
   public:
     delivery_arena() : has_kept(!s_kept_taken.test_and_set(std::memory_order_acquire)) {
         google::protobuf::ArenaOptions options;
+        options.block_alloc = allocate_block;
+        options.block_dealloc = free_block;
         if (has_kept) {
             options.initial_block = s_kept.get();
             options.initial_block_size = s_kept_bytes;
         }
+        s_arena_room = max_event_memory;
         arena.emplace(options);
     }
 
@@ -89,26 +111,48 @@ class delivery_arena {
     std::optional<Arena> arena;
 };
 
-// Takes the bytes of a part of the request, with the key and the length in front of it, from the
-// room that is left for it. False when that is used up.
+// False also when memory is short.
+bool parse(kzav_trace_info &info, const char *bytes, size_t size) try {
+    return info.ParseFromArray(bytes, static_cast<int>(size));
+} catch (const std::bad_alloc &) {
+    return false;
+}
+
+// Appends the bytes of a message. False when there are too many, or memory is short.
 template <typename message>
-bool take_room(size_t &room, const message &part, size_t least) {
-    constexpr size_t key_and_length = 5;
-    const size_t size = std::max(part.ByteSizeLong() + key_and_length, least);
-    if (size > room) {
+bool append_bytes(const message &from, std::string &out) try {
+    return from.AppendToString(&out);
+} catch (const std::bad_alloc &) {
+    return false;
+}
+
+template <typename message>
+bool replace_by_bytes(const message &from, std::string &out) {
+    out.clear();
+    return append_bytes(from, out);
+}
+
+// Takes the bytes of a part of the request from the room that is left for it. False when that is
+// used up.
+bool take_room(size_t &room, size_t bytes) {
+    if (bytes > room) {
         return false;
     }
-    room -= size;
+    room -= bytes;
     return true;
 }
 
 bool add_process(kze_respdsp_alert_info &to, const process_vertex &from, size_t &room) {
+    const size_t texts = from.process_path().size() + from.process_md5().size();
+    if (!take_room(room, std::max(texts, least_of_process))) {
+        return false;
+    }
     auto &process = *to.add_proc_info();
     process.set_pid(from.process_id());
     process.set_create_time(static_cast<uint64_t>(from.process_createtime()));
     process.set_process_path(from.process_path());
     process.set_md5(from.process_md5());
-    return take_room(room, process, least_of_process);
+    return true;
 }
 
 bool add_matches_one_by_one(kze_respdsp_alert_info &to, const event_action &action, size_t &room) {
@@ -145,6 +189,9 @@ bool add_matches_by_index(kze_respdsp_alert_info &to, const event_action &action
 }  // namespace
 
 bool add_matching_processes(kze_respdsp_alert_info &to, const event_action &action, size_t &room) {
+    // Each node names one process as a rule.
+    to.mutable_proc_info()->Reserve(
+        std::min(action.alert_node_id_size(), action.process_list_size()));
     return action.alert_node_id_size() <= nodes_without_index
                ? add_matches_one_by_one(to, action, room)
                : add_matches_by_index(to, action, room);
@@ -153,6 +200,9 @@ bool add_matching_processes(kze_respdsp_alert_info &to, const event_action &acti
 namespace {
 
 bool add_alert(kze_respdsp_icdt_req &to, const event_action &action, size_t &room) {
+    if (!take_room(room, std::max(action.alert_id().size(), least_of_alert))) {
+        return false;
+    }
     auto &alert = *to.add_alert_info();
     alert.set_alert_id(action.alert_id());
     alert.set_task_id(gen_uuid());
@@ -162,7 +212,7 @@ bool add_alert(kze_respdsp_icdt_req &to, const event_action &action, size_t &roo
     alert.set_is_force_dsp(false);
     alert.set_opr_type(kzerespdsppl_re::DSP_OPR_UNKNOW);
     alert.set_task_type(kzerespdsppl_re::DSP_TASK_TYPE_AUTO);
-    return take_room(room, alert, least_of_alert) && add_matching_processes(alert, action, room);
+    return add_matching_processes(alert, action, room);
 }
 
 bool has_rule(const kzav_trace_info &info) {
@@ -177,8 +227,7 @@ void make_request(auto_dispose_ipc_ctx *ctx) {
 bool dispose(char *data, unsigned int len, vrd_ipc_st *ipc, vrd_addr_st *addr) {
     delivery_arena arena;
     auto &info = *Arena::CreateMessage<kzav_trace_info>(arena.get());
-    if (!info.ParseFromArray(data + sizeof(_module_header),
-                             static_cast<int>(len - sizeof(_module_header)))) {
+    if (!parse(info, data + sizeof(_module_header), len - sizeof(_module_header))) {
         kze_log(2, "parse qd_engine_sub_credible data to proto failed");
         return false;
     }
@@ -259,7 +308,7 @@ bool check_auto_dispose_enable(const kzav_trace_info &info) {
 
 bool set_data_dispose_state(kzav_trace_info &info, KZAV_DISPOSAL_STATE state, std::string &out) {
     info.mutable_credible_event()->set_disposal_state(state);
-    if (!info.SerializeToString(&out)) {
+    if (!append_bytes(info, out)) {
         kze_log(2, "serialize trace info pb data failed.");
         return false;
     }
@@ -267,18 +316,15 @@ bool set_data_dispose_state(kzav_trace_info &info, KZAV_DISPOSAL_STATE state, st
 }
 
 bool send_event_to_thtgw(kzav_trace_info &info, const _module_header *header) {
-    std::string text;
-    if (!set_data_dispose_state(info, kzav_trace::DISPOSAL_STATE_AUTO_DISPOSING, text)) {
+    std::string frame(sizeof(*header), '\0');  // the message goes straight behind its header
+    if (!set_data_dispose_state(info, kzav_trace::DISPOSAL_STATE_AUTO_DISPOSING, frame)) {
         kze_log(2, "change data dispose state failed");
         return false;
     }
-    uint32_t frame_len = 0;
-    const malloc_ptr frame(string_data_add_module_head(text, header, frame_len, host_order));
-    if (frame == nullptr || frame_len == 0) {
-        kze_log(2, "add module header failed");
-        return false;
-    }
-    send_data_via_gw(KZEMM_DATA_CREDIBLE, frame.get(), frame_len);
+    const auto frame_len = static_cast<uint32_t>(frame.size());
+    constexpr uint32_t header_len = sizeof(*header);
+    write_module_head(frame.data(), header, frame_len - header_len, host_order);
+    send_data_via_gw(KZEMM_DATA_CREDIBLE, frame.data(), frame_len);
     kze_log(3, "send credible data to thtgw success, data len: %zu", size_t{frame_len});
     return true;
 }
@@ -323,10 +369,10 @@ bool build_auto_dispose_pbdata(const kzav_trace_info &info, std::string &out) {
     request.set_agent_id(info.agent_id());
     size_t room = max_request_bytes;
     const bool complete =
-        take_room(room, request, 0) &&
         std::all_of(actions.begin(), actions.end(),
                     [&](const event_action &action) { return add_alert(request, action, room); });
-    if (!complete || !request.SerializeToString(&out)) {
+    const bool fits = complete && request.ByteSizeLong() <= max_request_bytes;
+    if (!fits || !replace_by_bytes(request, out)) {
         kze_log(1, "serialize auto dispose data failed.");
         return false;
     }

@@ -39,7 +39,8 @@ bool do_auto_dispose(char *data, unsigned int len, vrd_ipc_st *ipc, vrd_addr_st 
 bool check_auto_dispose_data_valid(const kzav_trace_info &info);
 // Whether the switch of the event's scene is on.
 bool check_auto_dispose_enable(const kzav_trace_info &info);
-// Sets the event's state and serializes the whole message.
+// Sets the event's state and appends the whole message's bytes to `out`: what stands there, room
+// for a header, stays in front of them.
 bool set_data_dispose_state(kzav_trace_info &info, KZAV_DISPOSAL_STATE state, std::string &out);
 // Sends the event, marked as being disposed of, under a copy of this header. What the gateway says
 // to it doesn't count.
@@ -51,8 +52,8 @@ bool send_event_to_autodsp(const kzav_trace_info &info, const _module_header *he
 // Serializes the request to the disposal service, which a frame must be able to carry.
 bool build_auto_dispose_pbdata(const kzav_trace_info &info, std::string &out);
 // Adds every process of the action that one of its alert nodes names: in the order of the nodes,
-// then of the processes, as often as it is named. Takes their bytes from `room`; false when that is
-// used up.
+// then of the processes, as often as it is named. Takes the bytes of their texts, or a little for
+// those without, from `room`; false when that is used up.
 bool add_matching_processes(kzerespdsppl_re::kze_respdsp_alert_info &to,
                             const kzav_trace::event_action &action, size_t &room);
 // The end of a try; ctx is the auto_dispose_ipc_ctx. A vrd_ipc_reply_cb.

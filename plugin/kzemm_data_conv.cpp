@@ -120,6 +120,16 @@ void add_msg_header(const char *data, uint32_t len, std::string &out, int proto_
     }
 }
 
+void write_module_head(char *frame, const _module_header *header, uint32_t payload_size,
+                       bool net_order) {
+    _module_header frame_header;  // template and frame may lie at any address
+    memcpy(&frame_header, header, header_size);
+    frame_header.msg_len = in_frame_order(payload_size, net_order);
+    frame_header.proto_type = in_frame_order(proto_type_request, net_order);
+    memcpy(frame, &frame_header, header_size);
+    kze_log(4, "string data add module header done, data len: %d", static_cast<int>(payload_size));
+}
+
 char *string_data_add_module_head(const std::string &data, const _module_header *header,
                                   uint32_t &out_len, bool net_order) {
     const auto payload_size = static_cast<uint32_t>(data.size());
@@ -130,14 +140,8 @@ char *string_data_add_module_head(const std::string &data, const _module_header 
         kze_log(2, "malloc %zu byte for out_data failed", frame_size);
         return nullptr;
     }
-
-    _module_header frame_header;  // the template may lie at any address
-    memcpy(&frame_header, header, header_size);
-    frame_header.msg_len = in_frame_order(payload_size, net_order);
-    frame_header.proto_type = in_frame_order(proto_type_request, net_order);
-    memcpy(frame, &frame_header, header_size);
     memcpy(frame + header_size, data.data(), payload_size);
-    kze_log(4, "string data add module header done, data len: %d", static_cast<int>(payload_size));
+    write_module_head(frame, header, payload_size, net_order);
     return frame;
 }
 

@@ -56,6 +56,11 @@ int check_msg_invalid(uint32_t cmd, const void *data, uint32_t data_size, bool n
 void add_msg_header(const char *data, uint32_t len, std::string &out, int proto_type,
                     int net_order);
 
+// Writes the header of a frame, which has room for it in front of its payload: a copy of a template
+// with protocol type 1 and the payload's size.
+void write_module_head(char *frame, const _module_header *header, uint32_t payload_size,
+                       bool net_order);
+
 // Frames a payload behind a copy of a template header, with protocol type 1. Sets out_len in every
 // case. Returns the frame, which the caller releases with free, or null.
 char *string_data_add_module_head(const std::string &data, const _module_header *header,

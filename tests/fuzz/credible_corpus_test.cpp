@@ -225,10 +225,11 @@ TEST(credible_events, are_handled_up_to_10_MB) {
     const std::string text(greatest_payload - good_payload(1).size() - 5, 'x');
     const std::string greatest = good_payload(1) + wire::bytes(14, text);
     EXPECT_EQ(run_event(wire::frame(greatest), both_on), event_fate::disposed);
-    // An event of many processes, one of them named.
+    // An event of many processes, none of them named.
     std::string action = wire::number(2, 9999999);
     while (action.size() < greatest_payload - 100) {
-        action += wire::bytes(4, wire::number(1, action.size()));
+        action += wire::bytes(
+            4, wire::number(1, action.size()) + wire::bytes(4, "/usr/local/lib/application"));
     }
     const std::string processes =
         wire::number(5, 9) +

@@ -42,11 +42,6 @@ std::string without_actions(int scene) {
     return wire::frame(credible::event(scene).SerializeAsString());
 }
 
-// The size of the frame that goes up for an event.
-size_t frame_size(const kzav_trace_info &info) {
-    return credible::marked(info).size() + wire::header_size;
-}
-
 enum class goes_up { not_at_all, as_it_came, marked };
 
 struct way {
@@ -135,13 +130,6 @@ const std::vector<way> ways = {
      0,
      goes_up::as_it_came,
      {{4, "check auto dispose switch end"}, {3, "credible scene dispose is disabled."}, sent}},
-    {"no_memory_for_the_gateways_frame",
-     true,
-     true,
-     good,
-     frame_size(credible::event_of_one_process(1)),
-     goes_up::not_at_all,
-     {{2, "add module header failed"}, {1, "send_event_to_thtgw failed"}, failed}},
     {"no_action",
      true,
      true,

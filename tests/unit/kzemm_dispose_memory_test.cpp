@@ -2,10 +2,12 @@
 // the message library too. Stand-ins for the gateway, the IPC layer and the log; the memory that
 // these take never fails.
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <new>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -25,6 +27,8 @@ struct kzemm_config_inspector {
 
 struct vrd_ipc_st {};
 struct vrd_addr_st {};
+
+using testing::Contains;
 
 namespace {
 
@@ -141,6 +145,17 @@ class kzemm_dispose_memory_test : public testing::Test {
         done = result;
     }
 
+    // The texts of what was logged last, up to so many.
+    static std::vector<std::string> last_texts(size_t number) {
+        std::vector<std::string> texts;
+        for (const line &each : s_lines) {
+            texts.push_back(each.text);
+        }
+        texts.erase(texts.begin(),
+                    texts.end() - static_cast<std::ptrdiff_t>(std::min(texts.size(), number)));
+        return texts;
+    }
+
     void TearDown() override { s_lines = {}; }
 
     vrd_ipc_st ipc;
@@ -154,14 +169,31 @@ TEST_F(kzemm_dispose_memory_test, does_no_harm_whichever_allocation_fails) {
     std::string frame = event();
     int failures = 0;
     int not_done = 0;
+    std::set<std::vector<std::string>> ends;
     for (int failing = 1; failing == 1 || s_failed; ++failing) {
         SCOPED_TRACE(failing);
         run(frame, failing);
         failures += s_failed;
         not_done += !done;
+        if (!done) {
+            const std::vector<std::string> end = last_texts(3);
+            if (end.back() != "no memory for auto dispose") {
+                EXPECT_EQ(s_sent_up, end.back() == "send_event_to_autodsp failed" ? 1U : 0U);
+            }
+            ends.insert(end);
+        }
     }
     EXPECT_GT(failures, 10);
     EXPECT_GT(not_done, 10);
+    using texts = std::vector<std::string>;
+    EXPECT_THAT(ends, Contains(texts{"start do auto dispose",
+                                     "parse qd_engine_sub_credible data to proto failed"}));
+    EXPECT_THAT(ends,
+                Contains(texts{"serialize trace info pb data failed.",
+                               "change data dispose state failed", "send_event_to_thtgw failed"}));
+    EXPECT_THAT(
+        ends, Contains(texts{"serialize auto dispose data failed.",
+                             "build auto dispose pbdata failed.", "send_event_to_autodsp failed"}));
     run(frame, never);
     EXPECT_TRUE(done) << "the next event is handled as ever";
 }

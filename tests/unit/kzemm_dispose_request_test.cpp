@@ -345,22 +345,29 @@ TEST_F(kzemm_dispose_request_test, one_that_no_frame_could_carry_is_not_built) {
     EXPECT_EQ(out, "before");
 }
 
-TEST_F(kzemm_dispose_request_test, the_bytes_of_its_processes_decide) {
-    constexpr int processes = 10;
-    for (const bool fits : {true, false}) {
-        kzav_trace_info info;
-        event_action &action = *info.mutable_credible_event()->mutable_rule()->add_match_action();
-        action.add_alert_node_id(7);
-        const size_t path_size = 0xA00000 / processes - (fits ? 100 : 0);
-        for (int each = 0; each < processes; ++each) {
-            auto &process = *action.add_process_list();
-            process.set_node_id(7);
-            process.set_process_path(std::string(path_size, 'p'));
-        }
-        std::string out;
-        EXPECT_EQ(build_auto_dispose_pbdata(info, out), fits);
-        EXPECT_LE(out.size(), 0xA00000U);
+TEST_F(kzemm_dispose_request_test, its_bytes_decide) {
+    kzav_trace_info info;
+    event_action &action = *info.mutable_credible_event()->mutable_rule()->add_match_action();
+    action.add_alert_node_id(7);
+    for (int each = 0; each < 10; ++each) {
+        auto &process = *action.add_process_list();
+        process.set_node_id(7);
+        process.set_process_path(std::string(0xA00000 / 10 - 100, 'p'));
     }
+    std::string out;
+    ASSERT_TRUE(build_auto_dispose_pbdata(info, out));
+    const size_t left = 0xA00000 - out.size();
+    ASSERT_LT(left, 1000U);
+
+    action.mutable_process_list(0)->mutable_process_path()->append(left, 'p');
+    EXPECT_TRUE(build_auto_dispose_pbdata(info, out));
+    EXPECT_EQ(out.size(), 0xA00000U) << "what was in it is replaced";
+    EXPECT_THAT(log_lines(), IsEmpty());
+
+    action.mutable_process_list(0)->mutable_process_path()->append(1, 'p');
+    EXPECT_FALSE(build_auto_dispose_pbdata(info, out));
+    EXPECT_EQ(out.size(), 0xA00000U);
+    EXPECT_THAT(log_lines(), ElementsAre(at(1, "serialize auto dispose data failed.")));
 }
 
 TEST_F(kzemm_dispose_request_test, alerts_without_end_are_not_built_either) {

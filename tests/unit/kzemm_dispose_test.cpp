@@ -346,19 +346,18 @@ TEST_F(kzemm_dispose_test, keeps_the_mark_when_there_is_nothing_to_dispose_of) {
 
 // ---- when memory is short ----
 
-TEST_F(kzemm_dispose_test, is_lost_without_memory_for_the_gateways_frame) {
-    const kzav_trace_info info = event_of_one_process(web);
-    const size_t size = marked(info).size() + wire::header_size;
-    std::string frame = wire::frame(info.SerializeAsString());
-    fakes::fail_allocation(1, size);
-    EXPECT_FALSE(do_auto_dispose(frame.data(), static_cast<unsigned int>(frame.size()), ipc, addr));
-    EXPECT_TRUE(fakes::allocation_failed());
+TEST_F(kzemm_dispose_test, an_event_that_would_take_all_memory_is_not_parsed) {
+    // Two bytes an action, of which each takes a hundred of memory.
+    std::string rule = wire::number(6, web);
+    while (rule.size() < 9 * 1024 * 1024) {
+        rule += wire::bytes(9, "");
+    }
+    EXPECT_FALSE(
+        dispose_bytes(wire::frame(wire::number(5, 9) + wire::bytes(17, wire::bytes(6, rule)))));
     expect_nothing_sent();
     EXPECT_THAT(
         log_lines(),
-        ElementsAre(start_line, valid_line, web_on_line, switch_end_line,
-                    at(2, "malloc " + std::to_string(size) + " byte for out_data failed"),
-                    at(2, "add module header failed"), at(1, "send_event_to_thtgw failed")));
+        ElementsAre(start_line, at(2, "parse qd_engine_sub_credible data to proto failed")));
 }
 
 TEST_F(kzemm_dispose_test, keeps_the_mark_without_memory_for_the_services_frame) {
@@ -397,11 +396,18 @@ TEST_F(kzemm_dispose_test, keeps_the_mark_without_memory_for_the_requests_contex
 
 TEST_F(kzemm_dispose_test, makes_an_event_to_set_the_state_of) {
     kzav_trace_info info;
-    std::string out = "before";
+    std::string out;
     EXPECT_TRUE(set_data_dispose_state(info, kzav_trace::DISPOSAL_STATE_AUTO_DISPOSED, out));
     EXPECT_EQ(out, wire::bytes(17, wire::number(10, 3)));
     EXPECT_TRUE(info.has_credible_event());
     EXPECT_THAT(log_lines(), IsEmpty());
+}
+
+TEST_F(kzemm_dispose_test, serializes_behind_what_stands_there) {
+    kzav_trace_info info = event(web);
+    std::string out = "header";
+    EXPECT_TRUE(set_data_dispose_state(info, kzav_trace::DISPOSAL_STATE_AUTO_DISPOSING, out));
+    EXPECT_EQ(out, "header" + marked(info));
 }
 
 TEST_F(kzemm_dispose_test, sends_an_event_under_a_copy_of_any_header) {
