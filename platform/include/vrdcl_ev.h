@@ -15,6 +15,8 @@ extern "C" {
  * cl_ev_loop_nowait(). A loop only turns inside cl_event_loop_once(), called by its own thread; it
  * ends with its thread.
  *
+ * A child made by fork() must not turn its parent's loops. Their end is without effect in it.
+ *
  * A thread without a loop uses the loop of the oldest living isolated thread: its timers are armed
  * there and their callbacks run there. All times are by the monotonic clock.
  */

@@ -24,6 +24,13 @@ offered_loops &offered() {
     return *loops;
 }
 
+// Keeps what a forked child has of its parent's loop: its memory is never given back, since that
+// would go by way of the parent's descriptors.
+void keep_for_good(std::shared_ptr<loop> foreign) {
+    static auto *const kept = new std::vector<std::shared_ptr<loop>>;
+    kept->push_back(std::move(foreign));
+}
+
 // libuv looks at its timers before it waits, too. One that falls due just then is gone when the
 // wait begins, so the wait has to be called off.
 void on_wake_time(uv_timer_t *timer) {
@@ -202,6 +209,11 @@ void loop::close_handles() {
 }
 
 void loop::end() {
+    if (!is_in_own_process()) {
+        keep_for_good(shared_from_this());
+        current_loop = nullptr;
+        return;
+    }
     withdraw_offer();
     timers_.end();
     end_users();

@@ -2,6 +2,7 @@
 // use vrdcl_ev.h.
 #pragma once
 
+#include <unistd.h>
 #include <uv.h>
 
 #include <cstdint>
@@ -42,6 +43,10 @@ class VRDCL_EV_API loop : public std::enable_shared_from_this<loop> {
     // True on the loop's thread.
     bool is_current() const;
 
+    // False in a child that a fork() gave a copy of the loop. The epoll set and the sockets behind
+    // the copy are still the parent's, so that closing them there would change the parent.
+    bool is_in_own_process() const { return owner_ == ::getpid(); }
+
     // Loop's thread.
     uv_loop_t *uv() { return &uv_; }
 
@@ -69,7 +74,7 @@ class VRDCL_EV_API loop : public std::enable_shared_from_this<loop> {
     void enter();
 
     // Loop's thread, or whoever made a loop that never got one: ends the loop. Nothing runs on it
-    // afterwards.
+    // afterwards. In a forked child it leaves all as it is.
     void end();
 
     // From now until it ends the loop serves threads that have none.
@@ -83,6 +88,7 @@ class VRDCL_EV_API loop : public std::enable_shared_from_this<loop> {
     void run_tasks();
     void set_wake_time(std::uint64_t due_ns);
 
+    const pid_t owner_ = ::getpid();
     uv_loop_t uv_{};
     uv_async_t async_{};       // rung with lock_ held, so never after it was closed
     uv_timer_t wake_timer_{};  // ends the wait when the first timer falls due; loop's thread

@@ -255,6 +255,9 @@ void endpoint::close_sockets() {
 }
 
 void endpoint::close() {
+    if (!loop_->is_in_own_process()) {
+        return;
+    }
     std::unique_lock<std::mutex> guard(lock_);
     if (state_ != state::open) {
         // Nobody who may be waited for waits: a callback of this endpoint, nor its loop.

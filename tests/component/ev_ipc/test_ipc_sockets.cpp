@@ -7,6 +7,9 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <functional>
 #include <set>
 #include <thread>
 
@@ -292,6 +295,59 @@ TEST_F(sockets, a_hundred_endpoints_that_come_and_go_leave_nothing) {
     }
     EXPECT_TRUE(eventually([&] { return descriptor_count() == descriptors; }));
     EXPECT_EQ(entries_of(tree.path("run").c_str()), 1U);
+}
+
+// Forks; the child runs `body` and ends like a program that returns from main(), as far as the
+// libraries are concerned: what belongs to the test itself is left out. True when it got that far.
+bool forked_child_ends_after(const std::function<void()> &body) {
+    const pid_t child = fork();
+    if (child == 0) {
+        body();
+        std::atexit([] { _exit(7); });
+        std::exit(1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 7;
+}
+
+TEST_F(sockets, are_left_to_the_parent_by_a_forked_child_that_ends_or_destroys_the_endpoint) {
+    loop_thread loop;
+    const temp_endpoint client(loop);
+    std::thread([&] {
+        ASSERT_EQ(cl_ev_loop_nowait(1), 0);
+        vrd_ipc_st *const service = vrd_ipc_create("service", 0);
+        vrd_ipc_on_request(
+            service,
+            [](vrd_ipc_st *ipc, vrd_addr_st *from, unsigned int id, unsigned int cmd,
+               const char *data, unsigned int len,
+               void *) { vrd_ipc_response(ipc, from, id, cmd, data, len); },
+            nullptr);
+        const raw_socket peer = raw_socket::connect_to(socket_path("service"));
+        const test_address address("service");
+        replies got;
+        const auto expect_served = [&](int times) {
+            got.request(client.get(), address.get(), 1, "x");
+            ASSERT_TRUE(turn_until([&] { return got.count() == times; }));
+            EXPECT_EQ(got.wait(times).back().status, VRD_IPC_OK);
+        };
+        expect_served(1);
+        EXPECT_TRUE(forked_child_ends_after([] {}));
+        EXPECT_TRUE(std::filesystem::exists(socket_path("service")));
+        expect_served(2);
+        EXPECT_TRUE(forked_child_ends_after([&] { vrd_ipc_destroy(service); }));
+        EXPECT_TRUE(std::filesystem::exists(socket_path("service")));
+        expect_served(3);
+        const temp_endpoint late(loop);  // a connection of its own
+        got.request(late.get(), address.get(), 1, "x");
+        EXPECT_TRUE(turn_until([&] { return got.count() == 4; }));
+        EXPECT_EQ(got.wait(4).back().status, VRD_IPC_OK);
+        char byte;
+        EXPECT_EQ(recv(peer.fd(), &byte, 1, MSG_DONTWAIT), -1);
+        EXPECT_EQ(errno, EAGAIN);  // not disconnected
+        vrd_ipc_destroy(service);
+    }).join();
+    EXPECT_FALSE(std::filesystem::exists(socket_path("service")));
 }
 
 }  // namespace
