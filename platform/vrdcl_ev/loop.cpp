@@ -4,6 +4,8 @@
 #include <new>
 #include <utility>
 
+#include "platform/vrdcl_ev/guard.h"
+
 namespace kze_ev {
 namespace {
 
@@ -113,7 +115,7 @@ void loop::run_tasks() {
         running_tasks_.swap(tasks_);
     }
     for (auto &task : running_tasks_) {
-        task();
+        run_guarded("a task", task);
     }
     running_tasks_.clear();
 }
@@ -180,20 +182,20 @@ int loop::turn() {
         uv_timer_stop(&wake_timer_);
     }
     uv_run(&uv_, wait ? UV_RUN_ONCE : UV_RUN_NOWAIT);
-    timers_.run_due();
+    run_guarded("the run of the timers", [this] { timers_.run_due(); });
     turning_ = false;
     return 0;
 }
 
 void loop::end_users() {
-    std::vector<std::shared_ptr<loop_user>> users;
-    {
-        std::lock_guard<std::mutex> guard(lock_);
-        ending_ = true;
-        users = users_;
-    }
-    for (auto &user : users) {
-        user->on_loop_end();
+    std::unique_lock<std::mutex> guard(lock_);
+    ending_ = true;
+    while (!users_.empty()) {
+        const std::shared_ptr<loop_user> user = users_.front();
+        guard.unlock();
+        run_guarded("the end of a user", [&user] { user->on_loop_end(); });
+        remove_user(user.get());
+        guard.lock();
     }
 }
 

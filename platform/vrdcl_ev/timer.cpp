@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "platform/vrdcl_ev/guard.h"
+
 namespace kze_ev {
 
 bool timer_queue::arm(const std::shared_ptr<timer> &item, std::uint64_t first_ns,
@@ -70,7 +72,8 @@ void timer_queue::run_due() {
     }
     const std::uint64_t now = now_ns();
     while (!armed_.empty() && armed_.begin()->first <= now) {
-        ready_.push_back(armed_.extract(armed_.begin()));
+        ready_.emplace_back();  // may throw, while nothing is lost yet
+        ready_.back() = armed_.extract(armed_.begin());
     }
     for (auto &node : ready_) {
         const std::shared_ptr<timer> item = node.mapped();
@@ -79,7 +82,7 @@ void timer_queue::run_due() {
         }
         item->running = true;
         guard.unlock();
-        item->callback(&item->record);
+        run_guarded("a timer's callback", [&item] { item->callback(&item->record); });
         guard.lock();
         item->running = false;
         callback_done_.notify_all();

@@ -155,10 +155,14 @@ void connection::start() {
     if (closed_) {
         return;
     }
-    if (dialling_) {
-        start_dialling();
-    } else {
-        start_watching();
+    try {
+        if (dialling_) {
+            start_dialling();
+        } else {
+            start_watching();
+        }
+    } catch (const std::bad_alloc &) {
+        close(VRD_IPC_E_NO_MEMORY);  // one that doesn't listen would stay for ever
     }
 }
 

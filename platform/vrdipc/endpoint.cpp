@@ -4,6 +4,7 @@
 #include <new>
 #include <utility>
 
+#include "platform/vrdcl_ev/guard.h"
 #include "vrdbase.h"
 
 namespace kze_ipc {
@@ -222,7 +223,9 @@ int endpoint::respond(const address &to, std::uint32_t id, std::uint32_t cmd, co
 
 // When the loop ends first, its end completes the request.
 void endpoint::fail_later(std::uint32_t id, int code) {
-    loop_->post([self = shared_from_this(), id, code] { self->fail_all({id}, code); });
+    loop_->post([self = shared_from_this(), id, code] {
+        self->complete(id, nullptr, code, 0, nullptr, 0);
+    });
 }
 
 // The timer only ever moves to an earlier time here: a steady flow of requests costs nothing.
@@ -271,14 +274,13 @@ void endpoint::close() {
     if (!loop_->is_current()) {
         changed_.wait(guard, [this] { return !in_callback_; });
     }
-    while (!pending_.empty()) {
-        for (const std::uint32_t id : pending_.ids_where([](const auto &) { return true; })) {
-            pending_request done;
-            pending_.take(id, &done);
-            guard.unlock();
+    pending_request done;
+    while (pending_.take_where([](const auto &) { return true; }, &done)) {
+        guard.unlock();
+        kze_ev::run_guarded("a callback for a reply", [&done] {
             done.callback(VRD_IPC_E_CLOSED, done.cmd, nullptr, 0, done.context);
-            guard.lock();
-        }
+        });
+        guard.lock();
     }
     state_ = state::closed;
     changed_.notify_all();
@@ -286,9 +288,11 @@ void endpoint::close() {
     close_sockets();
     if (loop_->is_current()) {
         release();
-    } else {
-        loop_->post([self = shared_from_this()] { self->release(); });
+        return;
     }
+    // Should it fail, the loop's end releases it.
+    kze_ev::run_guarded("the release of an endpoint",
+                        [this] { loop_->post([self = shared_from_this()] { self->release(); }); });
 }
 
 }  // namespace kze_ipc

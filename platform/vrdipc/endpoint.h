@@ -92,7 +92,10 @@ class endpoint : public kze_ev::loop_user,
     bool on_message(connection &from, const frame_header &header, const char *body);
     void complete(std::uint32_t id, const connection *via, int status, std::uint32_t cmd,
                   const char *body, std::uint32_t size);
-    void fail_all(const std::vector<std::uint32_t> &ids, int code);
+    template <typename Predicate>
+    void fail_where(Predicate which, int code);
+    template <typename Predicate>
+    bool take_for_callback(Predicate which, pending_request *out);
     void on_deadline();
 
     // Constant, handle_ since create().

@@ -6,6 +6,7 @@
 #include <limits>
 #include <utility>
 
+#include "platform/vrdcl_ev/guard.h"
 #include "platform/vrdipc/endpoint.h"
 #include "vrdbase.h"
 
@@ -131,8 +132,10 @@ bool endpoint::on_request(connection &from, const frame_header &header, const ch
         return false;
     }
     if (to.on_request != nullptr) {
-        to.on_request(handle_, peer, header.request_id, header.cmd, body, header.length,
-                      to.request_context);
+        kze_ev::run_guarded("a callback for requests", [&] {
+            to.on_request(handle_, peer, header.request_id, header.cmd, body, header.length,
+                          to.request_context);
+        });
     } else {
         from.answer({frame_type::refusal, header.cmd, header.request_id,
                      static_cast<std::uint32_t>(refusal_reason::no_handler)},
@@ -149,7 +152,9 @@ bool endpoint::on_message(connection &from, const frame_header &header, const ch
         return false;
     }
     if (to.on_message != nullptr) {
-        to.on_message(handle_, peer, header.cmd, body, header.length, to.message_context);
+        kze_ev::run_guarded("a callback for messages", [&] {
+            to.on_message(handle_, peer, header.cmd, body, header.length, to.message_context);
+        });
     }
     end_callback();
     return true;
@@ -169,18 +174,40 @@ void endpoint::complete(std::uint32_t id, const connection *via, int status, std
         pending_.take(id, &done);
         in_callback_ = true;
     }
-    done.callback(status, status == VRD_IPC_OK ? cmd : done.cmd, body, size, done.context);
+    kze_ev::run_guarded("a callback for a reply", [&] {
+        done.callback(status, status == VRD_IPC_OK ? cmd : done.cmd, body, size, done.context);
+    });
     end_callback();
 }
 
-void endpoint::fail_all(const std::vector<std::uint32_t> &ids, int code) {
-    for (const std::uint32_t id : ids) {
-        complete(id, nullptr, code, 0, nullptr, 0);
+// Needs no memory, so that each of them ends.
+template <typename Predicate>
+void endpoint::fail_where(Predicate which, int code) {
+    pending_request done;
+    while (take_for_callback(which, &done)) {
+        kze_ev::run_guarded("a callback for a reply", [&done, code] {
+            done.callback(code, done.cmd, nullptr, 0, done.context);
+        });
+        end_callback();
     }
 }
 
+// False when there is none, or no callback may begin any more. Otherwise end_callback() must
+// follow.
+template <typename Predicate>
+bool endpoint::take_for_callback(Predicate which, pending_request *out) {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (state_ != state::open || !pending_.take_where(which, out)) {
+        return false;
+    }
+    in_callback_ = true;
+    return true;
+}
+
 void endpoint::on_connection_closed(connection &closed, int code) {
-    std::vector<std::uint32_t> lost;
+    if (closed.was_accepted()) {
+        --accepted_;
+    }
     std::shared_ptr<connection> last;  // let go of without the lock
     {
         std::lock_guard<std::mutex> guard(lock_);
@@ -192,24 +219,18 @@ void endpoint::on_connection_closed(connection &closed, int code) {
         }
         last = closed.shared_from_this();
         connections_.erase(last);
-        lost = pending_.ids_where([&](const auto &request) { return request.via == &closed; });
     }
-    if (closed.was_accepted()) {
-        --accepted_;
-    }
-    fail_all(lost, code);
+    fail_where([&closed](const auto &request) { return request.via == &closed; }, code);
 }
 
 void endpoint::on_deadline() {
     const std::uint64_t now = kze_ev::now_ns();
-    std::vector<std::uint32_t> late;
     {
         std::lock_guard<std::mutex> guard(lock_);
         timer_due_ns_ = std::numeric_limits<std::uint64_t>::max();
-        late =
-            pending_.ids_where([now](const auto &request) { return request.deadline_ns <= now; });
     }
-    fail_all(late, VRD_IPC_E_TIMEOUT);
+    fail_where([now](const auto &request) { return request.deadline_ns <= now; },
+               VRD_IPC_E_TIMEOUT);
     std::lock_guard<std::mutex> guard(lock_);
     if (state_ == state::open && !pending_.empty()) {
         set_deadline_timer(pending_.earliest_deadline());
@@ -226,18 +247,19 @@ void endpoint::release() {
     if (accept_timer_ != nullptr) {
         loop_->disarm(accept_timer_.get(), false);
     }
-    std::unordered_set<std::shared_ptr<connection>> open;
-    {
-        std::lock_guard<std::mutex> guard(lock_);
-        listener_.close();
-        if (deadline_timer_ != nullptr) {
-            loop_->disarm(deadline_timer_.get(), false);
-        }
-        open = connections_;
+    std::unique_lock<std::mutex> guard(lock_);
+    listener_.close();
+    if (deadline_timer_ != nullptr) {
+        loop_->disarm(deadline_timer_.get(), false);
     }
-    for (const auto &each : open) {
+    while (!connections_.empty()) {
+        const std::shared_ptr<connection> each = *connections_.begin();
+        connections_.erase(connections_.begin());
+        guard.unlock();
         each->close(VRD_IPC_E_CLOSED);
+        guard.lock();
     }
+    guard.unlock();
     loop_->remove_user(this);
 }
 

@@ -3,6 +3,8 @@
 #include <memory>
 #include <utility>
 
+#include "platform/vrdcl_ev/guard.h"
+
 namespace kze_ipc {
 
 bool fd_watch::open(uv_loop_t *loop, int fd, callback on_event) {
@@ -26,7 +28,8 @@ void fd_watch::set(int events) {
         return;
     }
     uv_poll_start(&state_->handle, events, [](uv_poll_t *handle, int status, int ready) {
-        static_cast<state *>(handle->data)->on_event(status, ready);
+        kze_ev::run_guarded("the handling of a socket",
+                            [&] { static_cast<state *>(handle->data)->on_event(status, ready); });
     });
 }
 

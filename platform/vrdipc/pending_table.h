@@ -34,16 +34,18 @@ class pending_table {
     // The request with this id, or null; valid until the table is changed.
     pending_request *find(std::uint32_t id);
 
-    // Ids of the requests for which `which` gives true, to be taken one after the other.
+    // Takes out one of the requests for which `which` gives true; false when there is none. Needs
+    // no memory, and until none is left each call goes on from where the last one ended.
     template <typename Predicate>
-    std::vector<std::uint32_t> ids_where(Predicate which) const {
-        std::vector<std::uint32_t> ids;
-        for (const pending_request &slot : slots_) {
+    bool take_where(Predicate which, pending_request *out) {
+        for (std::size_t i = 0; i < slots_.size(); ++i) {
+            const pending_request &slot = slots_[next_slot_ & (slots_.size() - 1)];
             if (slot.id != 0 && which(slot)) {
-                ids.push_back(slot.id);
+                return take(slot.id, out);
             }
+            ++next_slot_;
         }
-        return ids;
+        return false;
     }
 
     // The earliest deadline; the greatest number when there is no request.
@@ -58,6 +60,7 @@ class pending_table {
     std::vector<pending_request> slots_;  // a power of two, at least twice what is used
     std::size_t used_ = 0;
     std::uint32_t last_id_ = 0;
+    std::size_t next_slot_ = 0;  // where take_where() looks first, modulo the number of slots
 };
 
 }  // namespace kze_ipc

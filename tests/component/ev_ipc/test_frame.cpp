@@ -253,7 +253,18 @@ TEST(pending_table, grows_with_the_requests_that_wait_at_once) {
         ASSERT_NE(table.find(ids[i]), nullptr);
         EXPECT_EQ(table.find(ids[i])->cmd, i);
     }
-    EXPECT_EQ(table.ids_where([](const auto &request) { return request.cmd < 10; }).size(), 10U);
+    pending_request taken;
+    unsigned int count = 0;
+    while (table.take_where([](const auto &request) { return request.cmd < 10; }, &taken)) {
+        ASSERT_LT(taken.cmd, 10U);
+        ++count;
+    }
+    EXPECT_EQ(count, 10U);
+    while (table.take_where([](const auto &) { return true; }, &taken)) {
+        ++count;
+    }
+    EXPECT_EQ(count, 10000U);
+    EXPECT_TRUE(table.empty());
 }
 
 }  // namespace

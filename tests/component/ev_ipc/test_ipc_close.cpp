@@ -1,4 +1,6 @@
 #include <atomic>
+#include <new>
+#include <stdexcept>
 #include <thread>
 
 #include "tests/component/ev_ipc/ipc_test.h"
@@ -411,6 +413,50 @@ TEST_F(closing, races_with_the_end_of_the_loop) {
         closer.join();
         EXPECT_EQ(got.count(), taken);
     }
+}
+
+TEST_F(closing, ends_although_callbacks_threw) {
+    const auto fail = [](const incoming &) { throw std::bad_alloc(); };
+    test_endpoint service(loop, "service", fail, fail);
+    temp_endpoint client(loop);
+    const test_address address("service");
+    const test_address nobody("nobody");
+    counter ended;
+    const auto on_reply = [](int, unsigned int, const char *, unsigned int, void *context) {
+        static_cast<counter *>(context)->add();
+        throw std::runtime_error("of a user");
+    };
+    ASSERT_EQ(vrd_ipc_send(client.get(), address.get(), 1, "x", 1), VRD_IPC_OK);
+    EXPECT_TRUE(logs("a callback for messages threw an exception: std::bad_alloc"));
+    ASSERT_EQ(vrd_ipc_make_request(client.get(), address.get(), 1, "x", 1, on_reply, &ended, 20),
+              VRD_IPC_OK);
+    EXPECT_TRUE(logs("a callback for requests threw an exception: std::bad_alloc"));
+    ASSERT_EQ(vrd_ipc_make_request(client.get(), nobody.get(), 1, "x", 1, on_reply, &ended, 20),
+              VRD_IPC_OK);
+    ASSERT_TRUE(ended.reaches(1));
+    EXPECT_TRUE(logs("a callback for a reply threw an exception: of a user"));
+    vrd_ipc_destroy(service.get());  // the other request is lost with it
+    EXPECT_TRUE(ended.reaches(2));
+    vrd_ipc_destroy(client.get());
+}
+
+TEST_F(closing, goes_on_to_its_end_although_its_completions_throw) {
+    test_endpoint service(loop, "service", [](const incoming &) {});
+    temp_endpoint client(loop);
+    const test_address address("service");
+    counter ended;
+    for (int i = 0; i < 3; ++i) {
+        vrd_ipc_make_request(
+            client.get(), address.get(), 1, "x", 1,
+            [](int, unsigned int, const char *, unsigned int, void *context) {
+                static_cast<counter *>(context)->add();
+                throw std::bad_alloc();
+            },
+            &ended, 20);
+    }
+    vrd_ipc_destroy(client.get());
+    EXPECT_EQ(ended.value(), 3);
+    EXPECT_EQ(vrd_ipc_send(client.get(), address.get(), 1, "x", 1), VRD_IPC_E_HANDLE);
 }
 
 }  // namespace

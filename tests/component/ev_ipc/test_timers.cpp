@@ -1,6 +1,8 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <new>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -320,6 +322,46 @@ TEST_F(timers, due_together_fire_in_the_order_of_their_times) {
             stop_and_close(timer);
         }
     });
+}
+
+TEST_F(timers, that_throw_are_logged_and_the_loop_and_the_timer_go_on) {
+    run_isolated([&] {
+        struct thrower {
+            static void fire(cl_timerplus *timer) {
+                if (++*static_cast<int *>(timer->user) == 1) {
+                    throw std::runtime_error("of a user");
+                }
+                throw 1;
+            }
+        };
+        int fired = 0;
+        cl_timerplus *const timer = cl_timerplus_start(0, 0, 1, thrower::fire, &fired);
+        EXPECT_TRUE(turn_until([&] { return fired == 3; }));
+        cl_timerplus_close(timer);
+        EXPECT_EQ(cl_ev_loop_nowait(1), 0);
+        EXPECT_EQ(cl_event_loop_once(), 0);
+        EXPECT_EQ(fired, 3);
+    });
+    EXPECT_TRUE(logs("a timer's callback threw an exception: of a user"));
+    EXPECT_TRUE(logs("a timer's callback threw an exception of an unknown kind"));
+}
+
+TEST_F(timers, that_throw_dont_keep_another_thread_from_stopping_them) {
+    loop_thread loop;
+    counter fired;
+    cl_timerplus *timer = nullptr;
+    loop.call([&] {
+        timer = cl_timerplus_start(
+            0, 0, 0,
+            [](cl_timerplus *self) {
+                static_cast<counter *>(self->user)->add();
+                throw std::bad_alloc();
+            },
+            &fired);
+    });
+    ASSERT_TRUE(fired.reaches(1));
+    cl_timerplus_close(timer);
+    EXPECT_TRUE(logs("a timer's callback threw an exception: std::bad_alloc"));
 }
 
 TEST_F(timers, null_and_stale_handles_are_ignored) {
