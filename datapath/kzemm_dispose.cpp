@@ -35,13 +35,13 @@ constexpr int nodes_without_index = 16;
 // A request grows with the product of nodes and processes. One beyond what a frame may carry can't
 // be sent, and isn't built: a small event could ask for all of the host's memory.
 constexpr size_t max_request_bytes = 0xA00000;
-// What a process and an alert count as at least: their memory, not their bytes.
-constexpr size_t least_of_process = 24;
-constexpr size_t least_of_alert = 48;
+// What a process and an alert take of it at least, beside their texts.
+constexpr size_t least_of_process = 2;
+constexpr size_t least_of_alert = 42;
 
-// What an event may take of memory, beside its texts. Some of its parts take a hundred times their
-// bytes; an event of the largest size with parts that say anything stays below this.
-constexpr size_t max_event_memory = size_t{256} << 20;
+// What an event and its request may take of memory, beside their texts. A part that says anything
+// takes less than a hundred times its bytes; only events of nothing but empty parts exceed this.
+constexpr size_t max_event_memory = size_t{1} << 30;
 
 // What a message may hold of memory beyond its delivery.
 constexpr size_t kept_bytes_limit = size_t{4} << 20;
@@ -73,11 +73,11 @@ void free_block(void *block, size_t) {
  */
 class delivery_arena {
   public:
-    delivery_arena() : has_kept(!s_kept_taken.test_and_set(std::memory_order_acquire)) {
+    delivery_arena() {
         google::protobuf::ArenaOptions options;
         options.block_alloc = allocate_block;
         options.block_dealloc = free_block;
-        if (has_kept) {
+        if (kept.is_taken) {
             options.initial_block = s_kept.get();
             options.initial_block_size = s_kept_bytes;
         }
@@ -88,9 +88,8 @@ class delivery_arena {
     ~delivery_arena() {
         const size_t used = arena->SpaceAllocated();
         arena.reset();
-        if (has_kept) {
+        if (kept.is_taken) {
             keep(used);
-            s_kept_taken.clear(std::memory_order_release);
         }
     }
 
@@ -100,6 +99,15 @@ class delivery_arena {
     Arena *get() { return &*arena; }
 
   private:
+    struct kept_memory {
+        const bool is_taken = !s_kept_taken.test_and_set(std::memory_order_acquire);
+        ~kept_memory() {
+            if (is_taken) {
+                s_kept_taken.clear(std::memory_order_release);
+            }
+        }
+    };
+
     static void keep(size_t bytes) {
         if (bytes > s_kept_bytes && bytes <= kept_bytes_limit) {
             s_kept.reset(new (std::nothrow) char[bytes]);
@@ -107,7 +115,7 @@ class delivery_arena {
         }
     }
 
-    const bool has_kept;
+    const kept_memory kept;
     std::optional<Arena> arena;
 };
 
@@ -118,18 +126,12 @@ bool parse(kzav_trace_info &info, const char *bytes, size_t size) try {
     return false;
 }
 
-// Appends the bytes of a message. False when there are too many, or memory is short.
-template <typename message>
-bool append_bytes(const message &from, std::string &out) try {
-    return from.AppendToString(&out);
+// Appends the message's bytes, in this state. False when there are too many, or memory is short.
+bool append_in_state(kzav_trace_info &info, KZAV_DISPOSAL_STATE state, std::string &out) try {
+    info.mutable_credible_event()->set_disposal_state(state);
+    return info.AppendToString(&out);
 } catch (const std::bad_alloc &) {
     return false;
-}
-
-template <typename message>
-bool replace_by_bytes(const message &from, std::string &out) {
-    out.clear();
-    return append_bytes(from, out);
 }
 
 // Takes the bytes of a part of the request from the room that is left for it. False when that is
@@ -144,7 +146,7 @@ bool take_room(size_t &room, size_t bytes) {
 
 bool add_process(kze_respdsp_alert_info &to, const process_vertex &from, size_t &room) {
     const size_t texts = from.process_path().size() + from.process_md5().size();
-    if (!take_room(room, std::max(texts, least_of_process))) {
+    if (!take_room(room, texts + least_of_process)) {
         return false;
     }
     auto &process = *to.add_proc_info();
@@ -200,7 +202,7 @@ bool add_matching_processes(kze_respdsp_alert_info &to, const event_action &acti
 namespace {
 
 bool add_alert(kze_respdsp_icdt_req &to, const event_action &action, size_t &room) {
-    if (!take_room(room, std::max(action.alert_id().size(), least_of_alert))) {
+    if (!take_room(room, action.alert_id().size() + least_of_alert)) {
         return false;
     }
     auto &alert = *to.add_alert_info();
@@ -213,6 +215,23 @@ bool add_alert(kze_respdsp_icdt_req &to, const event_action &action, size_t &roo
     alert.set_opr_type(kzerespdsppl_re::DSP_OPR_UNKNOW);
     alert.set_task_type(kzerespdsppl_re::DSP_TASK_TYPE_AUTO);
     return add_matching_processes(alert, action, room);
+}
+
+// False when no frame could carry the request, or memory is short.
+bool serialize_request(const kzav_trace_info &info, std::string &out) try {
+    Arena own;
+    Arena *const arena = info.GetArena() != nullptr ? info.GetArena() : &own;
+    auto &request = *Arena::CreateMessage<kze_respdsp_icdt_req>(arena);
+    request.set_agent_id(info.agent_id());
+    size_t room = max_request_bytes;
+    for (const event_action &action : info.credible_event().rule().match_action()) {
+        if (!add_alert(request, action, room)) {
+            return false;
+        }
+    }
+    return request.ByteSizeLong() <= max_request_bytes && request.SerializeToString(&out);
+} catch (const std::bad_alloc &) {
+    return false;
 }
 
 bool has_rule(const kzav_trace_info &info) {
@@ -307,15 +326,14 @@ bool check_auto_dispose_enable(const kzav_trace_info &info) {
 }
 
 bool set_data_dispose_state(kzav_trace_info &info, KZAV_DISPOSAL_STATE state, std::string &out) {
-    info.mutable_credible_event()->set_disposal_state(state);
-    if (!append_bytes(info, out)) {
+    if (!append_in_state(info, state, out)) {
         kze_log(2, "serialize trace info pb data failed.");
         return false;
     }
     return true;
 }
 
-bool send_event_to_thtgw(kzav_trace_info &info, const _module_header *header) {
+bool send_event_to_thtgw(kzav_trace_info &info, const _module_header *header) try {
     std::string frame(sizeof(*header), '\0');  // the message goes straight behind its header
     if (!set_data_dispose_state(info, kzav_trace::DISPOSAL_STATE_AUTO_DISPOSING, frame)) {
         kze_log(2, "change data dispose state failed");
@@ -327,6 +345,9 @@ bool send_event_to_thtgw(kzav_trace_info &info, const _module_header *header) {
     send_data_via_gw(KZEMM_DATA_CREDIBLE, frame.data(), frame_len);
     kze_log(3, "send credible data to thtgw success, data len: %zu", size_t{frame_len});
     return true;
+} catch (const std::bad_alloc &) {
+    kze_log(2, "change data dispose state failed");
+    return false;
 }
 
 bool send_event_to_autodsp(const kzav_trace_info &info, const _module_header *header,
@@ -358,21 +379,11 @@ bool build_auto_dispose_pbdata(const kzav_trace_info &info, std::string &out) {
         kze_log(2, "trace_info data invalid");
         return false;
     }
-    const auto &actions = info.credible_event().rule().match_action();
-    if (actions.empty()) {
+    if (info.credible_event().rule().match_action().empty()) {
         kze_log(3, "no action need dispose.");
         return false;
     }
-    Arena own;
-    Arena *const arena = info.GetArena() != nullptr ? info.GetArena() : &own;
-    auto &request = *Arena::CreateMessage<kze_respdsp_icdt_req>(arena);
-    request.set_agent_id(info.agent_id());
-    size_t room = max_request_bytes;
-    const bool complete =
-        std::all_of(actions.begin(), actions.end(),
-                    [&](const event_action &action) { return add_alert(request, action, room); });
-    const bool fits = complete && request.ByteSizeLong() <= max_request_bytes;
-    if (!fits || !replace_by_bytes(request, out)) {
+    if (!serialize_request(info, out)) {
         kze_log(1, "serialize auto dispose data failed.");
         return false;
     }

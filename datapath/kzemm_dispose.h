@@ -52,8 +52,8 @@ bool send_event_to_autodsp(const kzav_trace_info &info, const _module_header *he
 // Serializes the request to the disposal service, which a frame must be able to carry.
 bool build_auto_dispose_pbdata(const kzav_trace_info &info, std::string &out);
 // Adds every process of the action that one of its alert nodes names: in the order of the nodes,
-// then of the processes, as often as it is named. Takes the bytes of their texts, or a little for
-// those without, from `room`; false when that is used up.
+// then of the processes, as often as it is named. Takes what they take of a request at least
+// from `room`; false when that is used up.
 bool add_matching_processes(kzerespdsppl_re::kze_respdsp_alert_info &to,
                             const kzav_trace::event_action &action, size_t &room);
 // The end of a try; ctx is the auto_dispose_ipc_ctx. A vrd_ipc_reply_cb.

@@ -24,7 +24,7 @@ class kzemm_event : public MbFrame::IEvent {
     unsigned int QueryInterface(const _GUID &id, void **out) override;
     int AddRef() override;
     // With the last reference the event goes, and the data of origin events. That of an offline
-    // event, eight bytes a reconnect, stays behind by design.
+    // event, seven bytes a reconnect, stays behind by design.
     int Release() override;
     unsigned int GetUniqueID() const override;
     bool AsyncDroppable() const override;

@@ -27,13 +27,15 @@ struct event_release {
     ~event_release() { event->Release(); }
 };
 
-// A copy of the data, and a zero byte behind it: a record knows no length, and its dump in the log
-// must end with the data.
-char *copy_with_end(const char *data, unsigned int len) {
-    auto *const copy = new (std::nothrow) char[size_t{len} + 1];
+// A record knows no length, and the dump of an origin event in the log must end with its data.
+constexpr size_t zeros_behind_origin = 1;
+
+// A copy of the data, with so many zero bytes behind it.
+char *copy_of(const char *data, unsigned int len, size_t zeros) {
+    auto *const copy = new (std::nothrow) char[size_t{len} + zeros];
     if (copy != nullptr) {
         memcpy(copy, data, len);
-        copy[len] = '\0';
+        memset(copy + len, 0, zeros);
     }
     return copy;
 }
@@ -76,7 +78,7 @@ bool kzemm_invoke::Initialize() {
     const int object_code =
         get_class_object(&CLSID_NULL, MbFrame::IRtmFrame::IRtmFrame_ID, &object);
     frame = static_cast<MbFrame::IRtmFrame *>(object);
-    if (object_code != 0) {
+    if (object_code != 0 || frame == nullptr) {
         kzemm_bus_log(0, "mb get object failed!0x%08x", static_cast<unsigned int>(object_code));
         UnInitialize();
         return false;
@@ -136,7 +138,7 @@ bool kzemm_invoke::Transform(unsigned int kind, const char *data, unsigned int l
                              _RESPONSE_APP_REQUEST_INFO *info) {
     switch (kind) {
         case KZEMM_PUBLISH_ORIGIN:
-            info->data = copy_with_end(data, len);
+            info->data = copy_of(data, len, zeros_behind_origin);
             if (info->data == nullptr) {
                 kzemm_bus_log(1, "create OriginCltLog buffer failed");
                 return false;
@@ -144,7 +146,7 @@ bool kzemm_invoke::Transform(unsigned int kind, const char *data, unsigned int l
             info->event_id = KZEMM_EVENT_ORIGIN;
             return true;
         case KZEMM_PUBLISH_OFFLINE:
-            info->data = copy_with_end(data, len);
+            info->data = copy_of(data, len, 0);
             if (info->data == nullptr) {
                 kzemm_bus_log(1, "create offline event buffer failed");
                 return false;

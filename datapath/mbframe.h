@@ -31,7 +31,8 @@ enum _UNADVISE_REASON : int;
 struct _RESPONSE_STATUS;
 
 /*
- * The content of an event. The data has no length here: a subscriber knows it from the event's id.
+ * The content of an event. The data has no length here: a subscriber knows from the event's id how
+ * much there is, or what it ends with.
  * The first 16 bytes lie where they lie on a machine of 32 bits, whatever the size of a pointer.
  */
 struct __attribute__((packed)) _RESPONSE_APP_REQUEST_INFO {

@@ -22,6 +22,7 @@ struct bus_state {
     _GUID asked_interface = {};
     int get_object_code = 0;
     bool object_despite_code = false;
+    bool gives_no_object = false;
     int advise_code = 0;
     bool advises_at_once = true;
     MbFrame::IPlugin *plugin = nullptr;
@@ -126,7 +127,8 @@ int fake_get_class_object(const _GUID *clsid, const _GUID *iid, void **object_ou
     const std::lock_guard<std::mutex> lock(s_mutex);
     s_state.asked_class = *clsid;
     s_state.asked_interface = *iid;
-    if (s_state.get_object_code == 0 || s_state.object_despite_code) {
+    const bool gives = s_state.get_object_code == 0 || s_state.object_despite_code;
+    if (gives && !s_state.gives_no_object) {
         ++s_state.frame_references;
         *object_out = static_cast<MbFrame::IRtmFrame *>(&s_frame);
     }
@@ -166,6 +168,11 @@ void bus_get_object_returns(int code, bool with_object) {
     const std::lock_guard<std::mutex> lock(s_mutex);
     s_state.get_object_code = code;
     s_state.object_despite_code = with_object;
+}
+
+void bus_gives_no_object() {
+    const std::lock_guard<std::mutex> lock(s_mutex);
+    s_state.gives_no_object = true;
 }
 
 void bus_advise_returns(int code) {

@@ -35,6 +35,8 @@ _GUID bus_asked_class();
 _GUID bus_asked_interface();
 // DllGetClassObject gives this code; with an object all the same, or none.
 void bus_get_object_returns(int code, bool with_object = false);
+// DllGetClassObject gives no object, and its code all the same.
+void bus_gives_no_object();
 // Advise gives this code; 0 to begin with.
 void bus_advise_returns(int code);
 // Whether Advise calls the plug-in's OnAdvised, which it does to begin with.

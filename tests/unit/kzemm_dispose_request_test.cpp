@@ -370,6 +370,19 @@ TEST_F(kzemm_dispose_request_test, its_bytes_decide) {
     EXPECT_THAT(log_lines(), ElementsAre(at(1, "serialize auto dispose data failed.")));
 }
 
+// As many as a frame can carry of entries of the least size, two bytes each.
+TEST_F(kzemm_dispose_request_test, all_that_fits_into_a_frame_is_built) {
+    kzav_trace_info info;
+    event_action &action = *info.mutable_credible_event()->mutable_rule()->add_match_action();
+    for (int each = 0; each < 2000; ++each) {
+        action.add_alert_node_id(7);
+        action.add_process_list()->set_node_id(7);
+    }
+    std::string out;
+    EXPECT_TRUE(build_auto_dispose_pbdata(info, out));
+    EXPECT_GT(out.size(), 2U * 2000 * 2000);
+}
+
 TEST_F(kzemm_dispose_request_test, alerts_without_end_are_not_built_either) {
     kzav_trace_info info;
     for (int each = 0; each < 300000; ++each) {

@@ -347,9 +347,9 @@ TEST_F(kzemm_dispose_test, keeps_the_mark_when_there_is_nothing_to_dispose_of) {
 // ---- when memory is short ----
 
 TEST_F(kzemm_dispose_test, an_event_that_would_take_all_memory_is_not_parsed) {
-    // Two bytes an action, of which each takes a hundred of memory.
+    // Two bytes an action, of which each takes more than two hundred of memory.
     std::string rule = wire::number(6, web);
-    while (rule.size() < 9 * 1024 * 1024) {
+    while (rule.size() < 0xA00000 - 100) {
         rule += wire::bytes(9, "");
     }
     EXPECT_FALSE(

@@ -264,15 +264,22 @@ TEST_F(kzemm_invoke_publish_test, without_memory_for_the_event_nothing_is_publis
     }
 }
 
+// The copy has the data's size, and room for the end of what is dumped as a text.
 TEST_F(kzemm_invoke_publish_test, without_memory_for_the_data_nothing_is_published) {
-    for (const auto &[kind, text] : {std::pair(origin, "create OriginCltLog buffer failed"),
-                                     std::pair(offline, "create offline event buffer failed")}) {
+    const std::string data(longer_than_anything, 'x');
+    const struct {
+        unsigned int kind;
+        size_t size;
+        const char *text;
+    } cases[] = {{origin, data.size() + 1, "create OriginCltLog buffer failed"},
+                 {offline, data.size(), "create offline event buffer failed"}};
+    for (const auto &each : cases) {
         fakes::clear_journal();
-        fakes::fail_allocation(3);  // behind those of record and event
-        publish(kind, "text");
+        fakes::fail_allocation(1, each.size);
+        publish(each.kind, data);
         EXPECT_TRUE(fakes::allocation_failed());
         EXPECT_THAT(in_order(), ElementsAre("lock", bus_text(3, "rec one message."),
-                                            bus_text(1, text), "unlock"));
+                                            bus_text(1, each.text), "unlock"));
     }
 }
 

@@ -168,6 +168,16 @@ TEST_F(kzemm_invoke_test, an_object_that_came_with_a_failure_is_given_back) {
     EXPECT_EQ(fields::frame(), nullptr);
 }
 
+TEST_F(kzemm_invoke_test, a_success_without_an_object_is_a_failure) {
+    install_bus();
+    fakes::bus_gives_no_object();
+    EXPECT_FALSE(plugin.Initialize());
+    EXPECT_THAT(in_order(),
+                ElementsAre("open libkzamb.1.so", "get object",
+                            bus_text(0, "mb get object failed!0x00000000"), "close libkzamb.1.so"));
+    EXPECT_EQ(fields::dll(), nullptr);
+}
+
 TEST_F(kzemm_invoke_test, a_bus_that_refuses_the_plugin_is_left_and_closed) {
     install_bus();
     fakes::bus_advise_returns(-1);
