@@ -263,8 +263,10 @@ void endpoint::close() {
     }
     std::unique_lock<std::mutex> guard(lock_);
     if (state_ != state::open) {
-        // Nobody who may be waited for waits: a callback of this endpoint, nor its loop.
-        if (!loop_->is_current() && closer_ != std::this_thread::get_id()) {
+        // Who is waited for doesn't wait: a callback of this endpoint, on its loop's thread or, for
+        // a request, on the closer's.
+        const bool in_own_callback = in_callback_ && loop_->is_current();
+        if (!in_own_callback && closer_ != std::this_thread::get_id()) {
             changed_.wait(guard, [this] { return state_ == state::closed; });
         }
         return;

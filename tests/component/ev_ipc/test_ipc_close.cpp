@@ -415,6 +415,91 @@ TEST_F(closing, races_with_the_end_of_the_loop) {
     }
 }
 
+// A request of `ipc` whose end holds the thread that destroys the endpoint until it is released.
+struct held_end {
+    counter begun;
+    counter release;
+    std::atomic<bool> over{false};
+
+    void request(vrd_ipc_st *ipc, const vrd_addr_st *to) {
+        vrd_ipc_make_request(
+            ipc, to, 1, "x", 1,
+            [](int, unsigned int, const char *, unsigned int, void *context) {
+                auto *const self = static_cast<held_end *>(context);
+                self->begun.add();
+                EXPECT_TRUE(self->release.reaches(1));
+                self->over = true;
+            },
+            this, 20);
+    }
+};
+
+TEST_F(closing, on_the_loops_thread_waits_for_another_threads_that_has_begun) {
+    test_endpoint service(loop, "service", [](const incoming &) {});
+    const test_address address("service");
+    loop_thread other;
+    temp_endpoint client(other);
+    held_end last;
+    last.request(client.get(), address.get());
+    std::thread closer([&] { vrd_ipc_destroy(client.get()); });
+    ASSERT_TRUE(last.begun.reaches(1));
+    counter second;
+    bool was_over = false;
+    counter returned;
+    other.start([&] {
+        second.add();
+        vrd_ipc_destroy(client.get());
+        was_over = last.over;
+        returned.add();
+    });
+    ASSERT_TRUE(second.reaches(1));
+    be_busy(std::chrono::milliseconds(20));
+    last.release.add();
+    EXPECT_TRUE(returned.reaches(1));
+    EXPECT_TRUE(was_over);
+    closer.join();
+}
+
+TEST_F(closing, at_the_loops_end_waits_for_another_threads_that_has_begun) {
+    test_endpoint service(loop, "service", [](const incoming &) {});
+    const test_address address("service");
+    held_end last;
+    vrd_ipc_st *ipc = nullptr;
+    std::thread closer;
+    std::thread releaser;
+    {
+        loop_thread ending;
+        ending.call([&] { ipc = vrd_ipc_create_temp("ending", 0); });
+        last.request(ipc, address.get());
+        closer = std::thread([&] { vrd_ipc_destroy(ipc); });
+        ASSERT_TRUE(last.begun.reaches(1));
+        releaser = std::thread([&] {
+            be_busy(std::chrono::milliseconds(20));
+            last.release.add();
+        });
+    }
+    EXPECT_TRUE(last.over);
+    releaser.join();
+    closer.join();
+}
+
+TEST_F(closing, inside_a_callback_doesnt_wait_for_another_thread_that_waits_for_the_callback) {
+    counter entered;
+    std::atomic<bool> returned{false};
+    test_endpoint service(loop, "service", nullptr, [&](const incoming &message) {
+        entered.add();
+        EXPECT_TRUE(eventually(
+            [&] { return vrd_ipc_on_request(message.ipc, nullptr, nullptr) == VRD_IPC_E_CLOSED; }));
+        vrd_ipc_destroy(message.ipc);
+        returned = true;
+    });
+    const raw_socket peer = raw_socket::connect_to(socket_path("service"));
+    peer.send(frame_bytes(frame_message, 1, 0, "x"));
+    ASSERT_TRUE(entered.reaches(1));
+    vrd_ipc_destroy(service.get());
+    EXPECT_TRUE(returned);
+}
+
 TEST_F(closing, ends_although_callbacks_threw) {
     const auto fail = [](const incoming &) { throw std::bad_alloc(); };
     test_endpoint service(loop, "service", fail, fail);
