@@ -32,7 +32,7 @@ std::shared_ptr<endpoint> endpoint::create(const std::string &name, bool tempora
         return nullptr;
     }
     if (!made->loop_->add_user(made)) {
-        made->listener_.withdraw();
+        made->listener_.withdraw(listener::patience::brief);
         kze_log(1, "ipc: %s: the event loop is ending", name.c_str());
         return nullptr;
     }
@@ -250,11 +250,18 @@ void endpoint::set_deadline_timer(std::uint64_t deadline_ns) {
 }
 
 void endpoint::close_sockets() {
-    std::lock_guard<std::mutex> guard(lock_);
-    listener_.withdraw();
-    for (const auto &open : connections_) {
-        open->shut_down();
+    listener_.refuse();
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        for (const auto &open : connections_) {
+            open->shut_down();
+        }
     }
+    // This may wait, so without the lock. On the loop's thread everything else would wait with it.
+    listener_.withdraw(loop_->is_current() ? listener::patience::brief : listener::patience::usual);
+    std::lock_guard<std::mutex> guard(lock_);
+    sockets_closed_ = true;
+    changed_.notify_all();
 }
 
 void endpoint::close() {
@@ -267,7 +274,7 @@ void endpoint::close() {
         // a request, on the closer's.
         const bool in_own_callback = in_callback_ && loop_->is_current();
         if (!in_own_callback && closer_ != std::this_thread::get_id()) {
-            changed_.wait(guard, [this] { return state_ == state::closed; });
+            changed_.wait(guard, [this] { return sockets_closed_; });
         }
         return;
     }
@@ -285,7 +292,6 @@ void endpoint::close() {
         guard.lock();
     }
     state_ = state::closed;
-    changed_.notify_all();
     guard.unlock();
     close_sockets();
     if (loop_->is_current()) {

@@ -26,7 +26,7 @@ namespace kze_ipc {
 // How it stops. Whoever closes it, a caller of vrd_ipc_destroy() or the ending loop, first sets
 // `closing`: from then on no callback begins on the loop's thread, and new requests are only
 // stored, up to a limit. It waits for a callback that is running, completes the requests until none
-// is left, sets `closed`, gives the name back and shuts the sockets down. Everything that libuv
+// is left, sets `closed`, shuts the sockets down and gives the name back. Everything that libuv
 // knows of goes last, on the loop's thread, by release(), posted to it if need be. Until that the
 // loop keeps the endpoint alive, so that an event that was already on its way finds it.
 class endpoint : public kze_ev::loop_user,
@@ -110,14 +110,18 @@ class endpoint : public kze_ev::loop_user,
     std::size_t accepted_ = 0;
     bool released_ = false;
 
+    // The loop's thread closes it, when `sockets_closed_` has been set. Before that whoever closes
+    // the endpoint gives the name back.
+    listener listener_;
+
     std::mutex lock_;                  // guards what follows
-    std::condition_variable changed_;  // state_ or in_callback_
+    std::condition_variable changed_;  // in_callback_ or sockets_closed_
     state state_ = state::open;
+    bool sockets_closed_ = false;           // the last step of whoever closes the endpoint
     unsigned int taken_while_closing_ = 0;  // requests
     bool in_callback_ = false;
     std::thread::id closer_;
     handlers handlers_;
-    listener listener_;
     pending_table pending_;
     std::shared_ptr<kze_ev::timer> deadline_timer_;
     std::uint64_t timer_due_ns_;  // when it fires; the greatest number when it isn't armed

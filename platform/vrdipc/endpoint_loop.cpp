@@ -247,8 +247,8 @@ void endpoint::release() {
     if (accept_timer_ != nullptr) {
         loop_->disarm(accept_timer_.get(), false);
     }
-    std::unique_lock<std::mutex> guard(lock_);
     listener_.close();
+    std::unique_lock<std::mutex> guard(lock_);
     if (deadline_timer_ != nullptr) {
         loop_->disarm(deadline_timer_.get(), false);
     }

@@ -24,6 +24,7 @@ constexpr int backlog = 128;
 
 // How long another process may take to bind a name; it holds the lock for microseconds.
 constexpr int lock_tries = 400;
+constexpr int brief_lock_tries = 20;
 constexpr long lock_pause_ns = 5 * 1000 * 1000;
 
 // A socket's address, and the descriptor that a long path is reached through.
@@ -90,8 +91,8 @@ unique_fd open_run_directory(const std::string &path) {
 
 // Keeps other processes, and other threads, from binding in this directory at the same time. The
 // lock ends with the descriptor.
-bool lock_directory(int directory) {
-    for (int i = 0; i < lock_tries; ++i) {
+bool lock_directory(int directory, int tries = lock_tries) {
+    for (int i = 0; i < tries; ++i) {
         if (flock(directory, LOCK_EX | LOCK_NB) == 0) {
             return true;
         }
@@ -210,16 +211,26 @@ int listener::open(const std::string &name) {
     return code_of(error);
 }
 
-void listener::withdraw() {
+void listener::refuse() {
+    if (fd_.is_open()) {
+        ::shutdown(fd_.get(), SHUT_RDWR);
+    }
+}
+
+void listener::withdraw(patience wait) {
     if (!fd_.is_open()) {
         return;
     }
-    ::shutdown(fd_.get(), SHUT_RDWR);
     const unique_fd directory(::open(directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     struct stat status {};
+    const int tries = wait == patience::brief ? brief_lock_tries : lock_tries;
+    if (!directory.is_open() || !lock_directory(directory.get(), tries)) {
+        kze_log(2, "ipc: %s stays behind in %s: %s", file_.c_str(), directory_.c_str(),
+                strerror(errno));
+        return;
+    }
     // Another endpoint may have the name by now; only our own file goes.
-    if (directory.is_open() && lock_directory(directory.get()) &&
-        fstatat(directory.get(), file_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+    if (fstatat(directory.get(), file_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
         status.st_dev == device_ && status.st_ino == inode_) {
         unlinkat(directory.get(), file_.c_str(), 0);
     }

@@ -47,8 +47,13 @@ class listener {
 
     int fd() const { return fd_.get(); }
 
-    // Gives the name back and refuses whoever still tries to connect; fd() stays open.
-    void withdraw();
+    // Refuses whoever still tries to connect; fd() stays open.
+    void refuse();
+
+    // Gives the name back. Waits while another process holds the directory's lock, not longer than
+    // `wait` says; then the file stays, for whoever takes the name next.
+    enum class patience { usual, brief };
+    void withdraw(patience wait);
 
     void close() { fd_.reset(); }
 

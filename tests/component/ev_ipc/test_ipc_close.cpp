@@ -1,7 +1,12 @@
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <new>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 #include "tests/component/ev_ipc/ipc_test.h"
 #include "tests/support/process_state.h"
@@ -498,6 +503,73 @@ TEST_F(closing, inside_a_callback_doesnt_wait_for_another_thread_that_waits_for_
     ASSERT_TRUE(entered.reaches(1));
     vrd_ipc_destroy(service.get());
     EXPECT_TRUE(returned);
+}
+
+// Holds the lock of the sockets' directory, like a process that is stopped while it has it.
+class locked_directory {
+  public:
+    explicit locked_directory(const std::filesystem::path &path)
+        : fd_(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+        EXPECT_EQ(flock(fd_, LOCK_EX | LOCK_NB), 0);
+    }
+    ~locked_directory() { release(); }
+    locked_directory(const locked_directory &) = delete;
+    locked_directory &operator=(const locked_directory &) = delete;
+
+    void release() {
+        if (fd_ >= 0) {
+            close(std::exchange(fd_, -1));
+        }
+    }
+
+  private:
+    int fd_;
+};
+
+TEST_F(closing, keeps_nobody_waiting_while_it_waits_to_give_the_name_back) {
+    test_endpoint service(loop, "service", echo);
+    replies got;
+    temp_endpoint client(loop);
+    const test_address address("service");
+    got.request(client.get(), address.get(), 1, "x");
+    EXPECT_EQ(got.wait(1).front().status, VRD_IPC_OK);
+    locked_directory lock(tree.path("run"));
+    std::atomic<bool> returned{false};
+    std::thread closer([&] {
+        vrd_ipc_destroy(service.get());
+        returned = true;
+    });
+    // Its callbacks and calls end at once, and so do its connections; the loop turns.
+    EXPECT_TRUE(eventually(
+        [&] { return vrd_ipc_on_request(service.get(), nullptr, nullptr) == VRD_IPC_E_CLOSED; }));
+    EXPECT_TRUE(eventually([&] {
+        got.request(client.get(), address.get(), 1, "x");
+        return got.wait(got.count()).back().status != VRD_IPC_OK;
+    }));
+    EXPECT_EQ(vrd_ipc_send(service.get(), address.get(), 1, "x", 1), VRD_IPC_E_CLOSED);
+    loop.call([] {});
+    EXPECT_FALSE(returned);
+    lock.release();
+    closer.join();
+    EXPECT_FALSE(std::filesystem::exists(socket_path("service")));
+}
+
+TEST_F(closing, on_the_loops_thread_waits_only_briefly_to_give_the_name_back) {
+    test_endpoint service(loop, "service", echo);
+    {
+        const locked_directory lock(tree.path("run"));
+        const auto begin = std::chrono::steady_clock::now();
+        service.destroy();
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1500));
+        EXPECT_TRUE(logs("service.sock stays behind in "));
+    }
+    // What stays behind is nobody's, and is replaced.
+    const test_endpoint again(loop, "service", echo);
+    temp_endpoint client(loop);
+    const test_address address("service");
+    replies got;
+    got.request(client.get(), address.get(), 1, "x");
+    EXPECT_EQ(got.wait(1).front().status, VRD_IPC_OK);
 }
 
 TEST_F(closing, ends_although_callbacks_threw) {
