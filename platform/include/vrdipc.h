@@ -86,7 +86,9 @@ typedef void (*vrd_ipc_reply_cb)(int status, unsigned int cmd, const char *data,
  * Creates the endpoint `name`: 1 to 64 of the characters A-Z a-z 0-9 _ - . without a dot in front.
  * `flags` is kept and has no meaning yet. Makes "@/../run" if it is missing. The caller owns the
  * handle, until vrd_ipc_destroy(). Null, with the reason in the log, when the name is bad or a
- * living endpoint has it, when there is no loop, or the socket can't be made. What a dead process
+ * living endpoint has it, when there is no loop, or the socket can't be made. The directory must
+ * belong to root or our own effective user: one of our own is given the mode 0700, one of root's
+ * that others may write to is refused. What a dead process
  * left behind under that name is replaced.
  */
 VRDIPC_API vrd_ipc_st *vrd_ipc_create(const char *name, int flags);

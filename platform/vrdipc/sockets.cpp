@@ -71,14 +71,35 @@ int try_connect(int fd, const socket_address &address) {
     return result == 0 ? 0 : errno;
 }
 
-// Opens the directory of the sockets and makes it ours alone. It may be new and without any
-// permission, by the umask, so it is opened for reading last. Not open, with errno set, on failure.
+// Whether nobody but root and our own user can put sockets in place of ours, since a mode that is
+// too wide on a directory of our own gets mended. Otherwise the log says why.
+bool is_safe_directory(const std::string &path, const struct stat &status) {
+    if (status.st_uid != 0 && status.st_uid != geteuid()) {
+        kze_log(1, "ipc: directory %s belongs to user %u", path.c_str(),
+                static_cast<unsigned int>(status.st_uid));
+        return false;
+    }
+    if (status.st_uid != geteuid() && (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        kze_log(1, "ipc: directory %s is writable for others, its mode is %04o", path.c_str(),
+                static_cast<unsigned int>(status.st_mode & ALLPERMS));
+        return false;
+    }
+    return true;
+}
+
+// Opens the directory of the sockets and makes it ours alone, if it is our user's. It may be new
+// and without any permission, by the umask, so it is opened for reading last. Not open, with errno
+// set, on failure.
 unique_fd open_run_directory(const std::string &path) {
     const int made = kze_dirutils_mkdir(path.c_str(), S_IRWXU);
     const unique_fd found(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     struct stat status {};
     if (!found.is_open() || fstat(found.get(), &status) != 0) {
         errno = made != 0 ? made : errno;
+        return unique_fd();
+    }
+    if (!is_safe_directory(path, status)) {
+        errno = EPERM;
         return unique_fd();
     }
     const std::string itself = "/proc/self/fd/" + std::to_string(found.get());

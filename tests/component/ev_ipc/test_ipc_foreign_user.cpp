@@ -113,6 +113,31 @@ TEST_F(foreign_user, cannot_even_see_a_socket_with_the_modes_we_set) {
     EXPECT_EQ(run_as_nobody([&] { return access(path.c_str(), F_OK) == 0 ? 1 : 7; }), 7);
 }
 
+TEST_F(foreign_user, owning_the_directory_of_the_sockets_gets_none_of_ours_in_it) {
+    ASSERT_EQ(chown(tree.path("run").c_str(), nobody, nobody), 0);
+    loop_thread loop;
+    loop.call([] { EXPECT_EQ(vrd_ipc_create("service", 0), nullptr); });
+    EXPECT_TRUE(std::filesystem::is_empty(tree.path("run")));
+    EXPECT_TRUE(logs("run belongs to user 65534"));
+    EXPECT_TRUE(logs("run can't be used: Operation not permitted"));
+}
+
+TEST_F(foreign_user, makes_no_endpoint_in_a_directory_of_roots_that_others_may_write_to) {
+    using std::filesystem::perms;
+    std::filesystem::permissions(tree.path("."), perms::all);
+    for (const perms mode : {perms::all, perms::owner_all | perms::others_all}) {
+        std::filesystem::permissions(tree.path("run"), mode);
+        EXPECT_EQ(run_as_nobody([] {
+                      cl_ev_loop_nowait(0);
+                      return vrd_ipc_create("service", 0) == nullptr ? 7 : 1;
+                  }),
+                  7);
+    }
+    EXPECT_TRUE(std::filesystem::is_empty(tree.path("run")));
+    EXPECT_TRUE(logs("run is writable for others, its mode is 0777"));
+    EXPECT_TRUE(logs("run is writable for others, its mode is 0707"));
+}
+
 TEST_F(foreign_user, with_an_endpoint_serves_root) {
     // The service runs as nobody; root is allowed everywhere.
     std::filesystem::permissions(tree.path("."), std::filesystem::perms::all);
