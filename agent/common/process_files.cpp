@@ -1,5 +1,6 @@
 #include "agent/common/process_files.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <memory>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -80,6 +82,28 @@ std::optional<std::string> read_file_at(int directory, const char *name, std::si
 std::optional<process_stat> read_process_stat(int process_directory) {
     const std::optional<std::string> text = read_file_at(process_directory, "stat", stat_limit);
     return text ? parse_stat(*text) : std::nullopt;
+}
+
+descriptor open_running_thread(int process_directory) {
+    descriptor tasks(::openat(process_directory, "task", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const std::unique_ptr<DIR, int (*)(DIR *)> list(
+        tasks.valid() ? ::fdopendir(tasks.get()) : nullptr, ::closedir);
+    if (list == nullptr) {
+        return descriptor(-1);
+    }
+    tasks.release();
+    while (const dirent *const entry = ::readdir(list.get())) {
+        const int directory =
+            ::openat(::dirfd(list.get()), entry->d_name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        const auto stat = directory < 0 ? std::nullopt : read_process_stat(directory);
+        if (stat && stat->state != 'Z' && stat->state != 'X') {
+            return descriptor(directory);
+        }
+        if (directory >= 0) {
+            ::close(directory);
+        }
+    }
+    return descriptor(-1);
 }
 
 executable_path read_executable_path(int process_directory) {

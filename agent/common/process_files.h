@@ -12,8 +12,8 @@
 namespace kze {
 
 /*
- * All functions here take a descriptor of the process's directory. When the process ends they fail,
- * and a process that gets its number is never mixed in. Any thread.
+ * All functions here take a descriptor of the process's directory, or a thread's. When the process
+ * ends they fail, and a process that gets its number is never mixed in. Any thread.
  */
 
 /* The directory of a process, as a descriptor of the caller's; not valid when there is none. */
@@ -31,6 +31,12 @@ struct process_stat {
 
 /* Nothing when the process has gone. One that has ended and isn't waited for has the state 'Z'. */
 std::optional<process_stat> read_process_stat(int process_directory);
+
+/*
+ * The directory of a thread of the process that still runs; not valid when there is none. A process
+ * whose first thread has ended has the state 'Z' and tells of its executable here alone.
+ */
+descriptor open_running_thread(int process_directory);
 
 struct executable_path {
     std::string bytes;    /* empty for a kernel thread, and where it may not be read */

@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <strings.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -78,9 +79,30 @@ std::optional<process_fate> check_protection(std::uint64_t pid, const std::strin
     return std::nullopt;
 }
 
-std::optional<process_fate> check_content(const described_process &wanted, int directory) {
+/* Of an open file, which is read once as long as it stays the same. */
+std::optional<std::string> md5_of(int file, disposal_rules &rules) {
+    struct stat info {};
+    if (::fstat(file, &info) != 0) {
+        return std::nullopt;
+    }
+    const executable_state state{info.st_dev,         info.st_ino,          info.st_size,
+                                 info.st_mtim.tv_sec, info.st_mtim.tv_nsec, info.st_ctim.tv_sec,
+                                 info.st_ctim.tv_nsec};
+    const auto known = rules.known_md5.find(state);
+    if (known != rules.known_md5.end()) {
+        return known->second;
+    }
+    const auto md5 = md5_of_descriptor(file);
+    if (md5) {
+        rules.known_md5[state] = *md5;
+    }
+    return md5;
+}
+
+std::optional<process_fate> check_content(const described_process &wanted, int directory,
+                                          disposal_rules &rules) {
     const descriptor executable = open_executable(directory);
-    const auto md5 = executable.valid() ? md5_of_descriptor(executable.get()) : std::nullopt;
+    const auto md5 = executable.valid() ? md5_of(executable.get(), rules) : std::nullopt;
     if (!md5) {
         return failed(dsp::DSP_ERROR_ENGRT_PROCESS_ENUM_INFO, "its executable can't be read");
     }
@@ -91,45 +113,62 @@ std::optional<process_fate> check_content(const described_process &wanted, int d
     return std::nullopt;
 }
 
-/* What hinders that the live process of the id is ended; nothing when it is the one described. */
-std::optional<process_fate> check_live(const described_process &wanted,
-                                       const disposal_rules &rules) {
-    const descriptor directory = open_process(wanted.pid);
-    if (!directory.valid() && errno != ENOENT) {
-        return failed(dsp::DSP_ERROR_ENGRT_PROCESS_ENUM_INFO, "it can't be looked at");
-    }
-    const auto stat = directory.valid() ? read_process_stat(directory.get()) : std::nullopt;
-    if (!stat || stat->state == 'Z' || stat->state == 'X') {
-        return gone("it has ended already");
-    }
+bool ends_within(int process, int milliseconds) {
+    pollfd end{process, POLLIN, 0};
+    return ::poll(&end, 1, milliseconds) == 1;
+}
+
+/*
+ * What hinders that the process, of which both are held, is ended; nothing when it is the one
+ * described. The executing directory is that of a thread which runs.
+ */
+std::optional<process_fate> check_identity(const described_process &wanted,
+                                           std::uint64_t start_ticks, int executing,
+                                           disposal_rules &rules) {
     bool escaped = false;
-    const std::string bytes = read_executable_path(directory.get()).bytes;
+    const std::string bytes = read_executable_path(executing).bytes;
     if (auto protection = check_protection(wanted.pid, bytes, rules)) {
         return protection;
     }
     const auto another = [](const std::string &reason) {
         return process_fate{fate::another, dsp::DSP_ERROR_ENGRT_PROCESS_NOT_EXIST, reason};
     };
-    if (stat->start_ticks != wanted.create_time) {
-        return another("the process of this id was created at " +
-                       std::to_string(stat->start_ticks));
+    if (start_ticks != wanted.create_time) {
+        return another("the process of this id was created at " + std::to_string(start_ticks));
     }
     if (const std::string path = text_of_bytes(bytes, escaped); path != wanted.path) {
         return another("the process of this id runs \"" + path + "\"");
     }
-    return check_content(wanted, directory.get());
+    return check_content(wanted, executing, rules);
 }
 
-bool ends_within(int process, int milliseconds) {
-    pollfd end{process, POLLIN, 0};
-    return ::poll(&end, 1, milliseconds) == 1;
+/* The same, from the process's descriptor alone. */
+std::optional<process_fate> check_live(const described_process &wanted, int process,
+                                       disposal_rules &rules) {
+    const descriptor directory = open_process(wanted.pid);
+    if (!directory.valid() && errno != ENOENT) {
+        return failed(dsp::DSP_ERROR_ENGRT_PROCESS_ENUM_INFO, "it can't be looked at");
+    }
+    const auto stat = directory.valid() ? read_process_stat(directory.get()) : std::nullopt;
+    if (!stat || ends_within(process, 0)) {
+        return gone("it has ended already");
+    }
+    if (stat->state != 'Z') {
+        return check_identity(wanted, stat->start_ticks, directory.get(), rules);
+    }
+    const descriptor thread = open_running_thread(directory.get());
+    return thread.valid() ? check_identity(wanted, stat->start_ticks, thread.get(), rules)
+                          : gone("it has ended already");
 }
 
-/* Waits for as long as is left, and never for less than an ordinary end takes. */
-bool has_ended(int process, std::chrono::milliseconds &left) {
+/* Waits for as long as is left; then for as long as an ordinary end takes, while that is left. */
+bool has_ended(int process, disposal_rules &rules) {
+    const bool short_of_time = rules.wait_left <= shortest_wait;
+    std::chrono::milliseconds &left = short_of_time ? rules.short_waits_left : rules.wait_left;
     const auto begun = std::chrono::steady_clock::now();
-    const bool ended =
-        ends_within(process, static_cast<int>(std::max(left, shortest_wait).count()));
+    const bool ended = ends_within(
+        process,
+        static_cast<int>(short_of_time ? std::min(left, shortest_wait).count() : left.count()));
     const auto waited = std::chrono::steady_clock::now() - begun;
     left -= std::min(left, std::chrono::duration_cast<std::chrono::milliseconds>(waited));
     return ended;
@@ -140,7 +179,7 @@ process_fate end_process(int process, disposal_rules &rules) {
         return errno == ESRCH ? gone("it has ended already")
                               : failed(dsp::DSP_ERROR_ENGRT_PROCESS_KILL, "it can't be ended");
     }
-    if (!has_ended(process, rules.wait_left)) {
+    if (!has_ended(process, rules)) {
         return {fate::failed, dsp::DSP_ERROR_ENGRT_PROCESS_KILL,
                 "it was told to end and is still there"};
     }
@@ -184,7 +223,7 @@ process_fate dispose_of(const described_process &wanted, disposal_rules &rules) 
                    ? gone("no process has this id")
                    : failed(dsp::DSP_ERROR_ENGRT_PROCESS_ENUM_INFO, "it can't be looked at");
     }
-    if (auto hindrance = check_live(wanted, rules)) {
+    if (auto hindrance = check_live(wanted, process.get(), rules)) {
         /* What can't be read is often just on its way out. */
         return hindrance->what == fate::failed && ends_within(process.get(), 0)
                    ? gone("it has ended already")

@@ -2,9 +2,13 @@
 #ifndef KZE_AGENT_SERVICES_PROCESS_FATE_H
 #define KZE_AGENT_SERVICES_PROCESS_FATE_H
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <string>
+#include <tuple>
 
 namespace kze::services {
 
@@ -35,12 +39,19 @@ struct process_fate {
     std::string reason;
 };
 
-/* How the processes of an order are disposed of. A plain value. */
+/* By which a file that has not changed is known: device, number, size, times of change. */
+using executable_state = std::tuple<dev_t, ino_t, off_t, time_t, long, time_t, long>;
+
+/* How the processes of an order are disposed of, and what that has used up and read. A plain value.
+ */
 struct disposal_rules {
     bool kill = false; /* otherwise they are only looked at */
     std::string tree;  /* the agent's tree, without links: its own programs are never ended */
     /* How long processes that were told to end may still be waited for; waiting uses it up. */
     std::chrono::milliseconds wait_left{2000};
+    /* The same of the short waits behind that, which an ordinary end needs. */
+    std::chrono::milliseconds short_waits_left{3000};
+    std::map<executable_state, std::string> known_md5;
 };
 
 /*

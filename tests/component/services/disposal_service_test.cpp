@@ -125,6 +125,23 @@ TEST_F(DisposalService, process_that_has_ended_is_gone_waited_for_or_not) {
     EXPECT_EQ(newest_process()["fate"], "gone");
 }
 
+TEST_F(DisposalService, process_whose_first_thread_has_ended_is_ended_too) {
+    kill_processes();
+    sleeper process(OUTLIVED_MAIN);
+    const auto wanted = described(process.pid());
+    ASSERT_TRUE(eventually([&] {
+        process.signal(SIGCONT);
+        return !process.is_alive();
+    })) << "its first thread goes on";
+    auto other = wanted;
+    other.set_process_path("/bin/other");
+    order({other});
+    EXPECT_EQ(newest_process()["fate"], "another");
+    EXPECT_EQ(order({wanted}).code(), dsp::DSP_ERROR_SUCCESS);
+    EXPECT_EQ(newest_process()["fate"], "ended");
+    process.wait();
+}
+
 TEST_F(DisposalService, id_of_a_thread_is_no_process) {
     kill_processes();
     const loop_thread other;
