@@ -29,9 +29,13 @@ bool tap_writer::fail(const char *what) {
     return false;
 }
 
+/* Whether the path still leads to the whole file that is open. */
 bool tap_writer::is_in_place() const {
-    struct stat info {};
-    return file_.valid() && fstat(file_.get(), &info) == 0 && info.st_nlink != 0;
+    struct stat open_one {};
+    struct stat found {};
+    return file_.valid() && fstat(file_.get(), &open_one) == 0 &&
+           stat(path_.c_str(), &found) == 0 && found.st_dev == open_one.st_dev &&
+           found.st_ino == open_one.st_ino && found.st_size == tap_size;
 }
 
 std::uint64_t tap_writer::newest_number() const {

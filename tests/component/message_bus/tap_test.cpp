@@ -183,6 +183,18 @@ TEST_F(bus_tap_test, a_tap_that_is_taken_away_is_begun_anew) {
     EXPECT_THAT(numbers(list()), ElementsAre(1));
 }
 
+TEST_F(bus_tap_test, a_tap_that_is_moved_or_cut_is_begun_anew) {
+    tap_writer tap(path);
+    fill(tap, 3);
+    std::filesystem::rename(path, path + ".old");
+    fill(tap, 1);
+    EXPECT_THAT(numbers(list()), ElementsAre(1));
+    std::filesystem::resize_file(path, 0);
+    fill(tap, 2);
+    EXPECT_THAT(numbers(list()), ElementsAre(1, 2));
+    EXPECT_EQ(std::filesystem::file_size(path), std::filesystem::file_size(path + ".old"));
+}
+
 TEST_F(bus_tap_test, a_place_that_cannot_be_written_fails_and_may_be_tried_again) {
     tap_writer tap(tree.path("no/folder/bus.tap").string());
     EXPECT_FALSE(tap.add(origin, "text"));

@@ -4,13 +4,6 @@
 #include <cstring>
 #include <utility>
 
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#include <sanitizer/lsan_interface.h>
-#define HAS_LEAK_CHECKER 1
-#endif
-#endif
-
 namespace load_stage {
 namespace {
 
@@ -124,10 +117,6 @@ void engine::subscribe_credible(qd_data_cb callback, void *context) {
 }
 
 void engine::deliver_events(qd_data_cb callback, void *context) {
-#ifdef HAS_LEAK_CHECKER
-    // A disposal request that meets the closed endpoint stays behind by design.
-    const __lsan::ScopedDisabler not_looked_at;
-#endif
     std::unique_lock<std::mutex> lock(mutex);
     while (!changed.wait_for(lock, delivery_pause, [this] { return ends; })) {
         char *const buffer = new_buffer(event.size());
