@@ -88,8 +88,7 @@ typedef void (*vrd_ipc_reply_cb)(int status, unsigned int cmd, const char *data,
  * handle, until vrd_ipc_destroy(). Null, with the reason in the log, when the name is bad or a
  * living endpoint has it, when there is no loop, or the socket can't be made. The directory must
  * belong to root or our own effective user: one of our own is given the mode 0700, one of root's
- * that others may write to is refused. What a dead process
- * left behind under that name is replaced.
+ * that others may write to is refused. What a dead process left behind under that name is replaced.
  */
 VRDIPC_API vrd_ipc_st *vrd_ipc_create(const char *name, int flags);
 

@@ -48,11 +48,12 @@ ssize_t send_now(int fd, struct iovec *pieces, std::size_t count) {
 }  // namespace
 
 connection::connection(const std::shared_ptr<connection_owner> &owner,
-                       std::shared_ptr<kze_ev::loop> where, unique_fd fd, origin made_by,
-                       std::string label, std::string peer)
+                       std::shared_ptr<kze_ev::loop> where, std::shared_ptr<peer_log> log,
+                       unique_fd fd, origin made_by, std::string label, std::string peer)
     : owner_(owner),
       owner_key_(owner.get()),
       loop_(std::move(where)),
+      log_(std::move(log)),
       label_(std::move(label)),
       peer_(std::move(peer)),
       accepted_(made_by == origin::accepted),
@@ -109,7 +110,7 @@ int connection::transmit(const frame_header &header, const char *body) {
 int connection::queue_rest(const unsigned char *header, std::size_t header_size, const char *body,
                            std::size_t body_size) {
     if (!queue_.fits(header_size + body_size)) {
-        if (dropped_++ == 0) {
+        if (dropped_++ == 0 && may_log(peer_event::queue_full)) {
             kze_log(2, "ipc: %s: %zu bytes wait already, message dropped", label_.c_str(),
                     queue_.size());
         }
@@ -144,7 +145,7 @@ void connection::end_both_directions() {
 }
 
 void connection::report_dropped() {
-    if (dropped_ > 1) {
+    if (dropped_ > 1 && may_log(peer_event::dropped)) {
         kze_log(2, "ipc: %s: %llu messages dropped in all", label_.c_str(),
                 static_cast<unsigned long long>(dropped_));
     }
@@ -222,7 +223,7 @@ void connection::dial_again() {
     }
     stop_dialling();
     struct ucred peer {};
-    if (!is_allowed_peer(fd_.get(), label_, &peer)) {
+    if (!is_allowed_peer(fd_.get(), label_, *log_, &peer)) {
         close(VRD_IPC_E_FORBIDDEN);
         return;
     }
@@ -288,7 +289,7 @@ void connection::receive(bool until_end) {
             return;
         }
     }
-    if (decoder_.inside_frame()) {
+    if (decoder_.inside_frame() && may_log(peer_event::cut_off)) {
         kze_log(2, "ipc: %s: connection ended within a message", label_.c_str());
     }
     close(VRD_IPC_E_PEER_GONE);
@@ -298,11 +299,15 @@ void connection::receive(bool until_end) {
 bool connection::feed(const char *data, std::size_t size) {
     try {
         if (decoder_.feed(data, size, *this) == frame_decoder::outcome::broken) {
-            kze_log(2, "ipc: %s: peer broke the format, disconnected", label_.c_str());
+            if (may_log(peer_event::broken_format)) {
+                kze_log(2, "ipc: %s: peer broke the format, disconnected", label_.c_str());
+            }
             close(VRD_IPC_E_PEER_GONE);
         }
     } catch (const std::bad_alloc &) {
-        kze_log(1, "ipc: %s: no memory for a message, disconnected", label_.c_str());
+        if (may_log(peer_event::no_memory)) {
+            kze_log(1, "ipc: %s: no memory for a message, disconnected", label_.c_str());
+        }
         close(VRD_IPC_E_NO_MEMORY);
     }
     return !closed_;
@@ -325,7 +330,9 @@ bool connection::on_frame(const frame_header &header, const char *body) {
     if (header.type == frame_type::request) {
         bool full = false;
         if (!add_open_request(header.request_id, &full)) {
-            kze_log(2, "ipc: %s: peer used a request id twice, disconnected", label_.c_str());
+            if (may_log(peer_event::id_used_twice)) {
+                kze_log(2, "ipc: %s: peer used a request id twice, disconnected", label_.c_str());
+            }
             close(VRD_IPC_E_PEER_GONE);
             return false;
         }

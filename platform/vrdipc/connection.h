@@ -10,6 +10,7 @@
 #include "platform/vrdcl_ev/loop.h"
 #include "platform/vrdipc/fd_watch.h"
 #include "platform/vrdipc/frame.h"
+#include "platform/vrdipc/peer_log.h"
 #include "platform/vrdipc/send_queue.h"
 #include "platform/vrdipc/sockets.h"
 #include "vrdipc.h"
@@ -40,9 +41,11 @@ class connection : public std::enable_shared_from_this<connection>, private fram
     // How `fd` came to be: accepted, or dialled and either connected or still to be connected.
     enum class origin { accepted, dialled, dialling };
 
-    // `label` names the two ends in the log, `peer` is the name of a dialled endpoint.
+    // `label` names the two ends in the log, `peer` is the name of a dialled endpoint. `log` is the
+    // owner's.
     connection(const std::shared_ptr<connection_owner> &owner, std::shared_ptr<kze_ev::loop> where,
-               unique_fd fd, origin made_by, std::string label, std::string peer);
+               std::shared_ptr<peer_log> log, unique_fd fd, origin made_by, std::string label,
+               std::string peer);
 
     bool was_accepted() const { return accepted_; }
 
@@ -84,11 +87,13 @@ class connection : public std::enable_shared_from_this<connection>, private fram
                    std::size_t body_size);
     void end_both_directions();
     void report_dropped();
+    bool may_log(peer_event kind) const { return log_->admits(kind, kze_ev::now_ns()); }
 
     // Constant.
     const std::weak_ptr<connection_owner> owner_;
     const connection_owner *const owner_key_;
     const std::shared_ptr<kze_ev::loop> loop_;
+    const std::shared_ptr<peer_log> log_;
     const std::string label_;
     const std::string peer_;
     const bool accepted_;

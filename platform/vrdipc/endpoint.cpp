@@ -18,7 +18,11 @@ constexpr std::uint64_t ns_per_s = 1000 * ns_per_ms;
 }  // namespace
 
 endpoint::endpoint(std::string name, int flags, std::shared_ptr<kze_ev::loop> where)
-    : name_(std::move(name)), flags_(flags), loop_(std::move(where)), timer_due_ns_(never) {}
+    : name_(std::move(name)),
+      flags_(flags),
+      loop_(std::move(where)),
+      log_(std::make_shared<peer_log>(name_)),
+      timer_due_ns_(never) {}
 
 std::shared_ptr<endpoint> endpoint::create(const std::string &name, bool temporary, int flags,
                                            vrd_ipc_st **handle_out) {
@@ -96,12 +100,12 @@ std::shared_ptr<connection> endpoint::dial(const std::string &name, int *code_ou
     }
     std::string label = name_ + " to " + name;
     struct ucred peer {};
-    if (result == connect_state::done && !is_allowed_peer(fd.get(), label, &peer)) {
+    if (result == connect_state::done && !is_allowed_peer(fd.get(), label, *log_, &peer)) {
         *code_out = VRD_IPC_E_FORBIDDEN;
         return nullptr;
     }
     auto made = std::make_shared<connection>(
-        shared_from_this(), loop_, std::move(fd),
+        shared_from_this(), loop_, log_, std::move(fd),
         result == connect_state::done ? connection::origin::dialled : connection::origin::dialling,
         std::move(label), name);
     // A connection that never starts must not stay.

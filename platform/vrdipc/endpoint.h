@@ -14,6 +14,7 @@
 #include "platform/vrdipc/connection.h"
 #include "platform/vrdipc/fd_watch.h"
 #include "platform/vrdipc/handles.h"
+#include "platform/vrdipc/peer_log.h"
 #include "platform/vrdipc/pending_table.h"
 #include "platform/vrdipc/sockets.h"
 #include "vrdipc.h"
@@ -102,6 +103,7 @@ class endpoint : public kze_ev::loop_user,
     const std::string name_;
     const int flags_;
     const std::shared_ptr<kze_ev::loop> loop_;
+    const std::shared_ptr<peer_log> log_;
     vrd_ipc_st *handle_ = nullptr;
 
     // Loop's thread.

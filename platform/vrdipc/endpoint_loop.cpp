@@ -41,7 +41,11 @@ void endpoint::accept_waiting() {
         if (fd.is_open()) {
             accept_one(std::move(fd));
         } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-            kze_log(1, "ipc: %s: no connection can be taken: %s", name_.c_str(), strerror(errno));
+            const int error = errno;
+            if (log_->admits(peer_event::no_descriptor, kze_ev::now_ns())) {
+                kze_log(1, "ipc: %s: no connection can be taken: %s", name_.c_str(),
+                        strerror(error));
+            }
             pause_listening();
             return;
         } else if (errno != EINTR && errno != ECONNABORTED) {
@@ -52,16 +56,18 @@ void endpoint::accept_waiting() {
 
 void endpoint::accept_one(unique_fd fd) {
     struct ucred peer {};
-    if (!is_allowed_peer(fd.get(), name_, &peer)) {
+    if (!is_allowed_peer(fd.get(), name_, *log_, &peer)) {
         return;
     }
     if (accepted_ == max_accepted) {
-        kze_log(2, "ipc: %s: %zu connections already, process %d is turned away", name_.c_str(),
-                accepted_, static_cast<int>(peer.pid));
+        if (log_->admits(peer_event::too_many, kze_ev::now_ns())) {
+            kze_log(2, "ipc: %s: %zu connections already, process %d is turned away", name_.c_str(),
+                    accepted_, static_cast<int>(peer.pid));
+        }
         return;
     }
     auto made = std::make_shared<connection>(
-        shared_from_this(), loop_, std::move(fd), connection::origin::accepted,
+        shared_from_this(), loop_, log_, std::move(fd), connection::origin::accepted,
         name_ + " from process " + std::to_string(peer.pid), std::string());
     {
         std::lock_guard<std::mutex> guard(lock_);
@@ -260,6 +266,7 @@ void endpoint::release() {
         guard.lock();
     }
     guard.unlock();
+    log_->finish();
     loop_->remove_user(this);
 }
 

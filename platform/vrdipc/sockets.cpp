@@ -13,6 +13,7 @@
 #include <ctime>
 
 #include "kzautil.h"
+#include "platform/vrdcl_ev/timer.h"
 #include "vrdbase.h"
 #include "vrdipc.h"
 
@@ -273,16 +274,23 @@ connect_state connect_to(int fd, const std::string &name, int *code_out) {
     return connect_state::failed;
 }
 
-bool is_allowed_peer(int fd, const std::string &endpoint, struct ucred *peer_out) {
+bool is_allowed_peer(int fd, const std::string &endpoint, peer_log &log, struct ucred *peer_out) {
     struct ucred peer {};
     socklen_t size = sizeof peer;
     if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
-        kze_log(2, "ipc: %s: peer unknown, disconnected: %s", endpoint.c_str(), strerror(errno));
+        const int error = errno;
+        if (log.admits(peer_event::not_allowed, kze_ev::now_ns())) {
+            kze_log(2, "ipc: %s: peer unknown, disconnected: %s", endpoint.c_str(),
+                    strerror(error));
+        }
         return false;
     }
     if (peer.uid != 0 && peer.uid != geteuid()) {
-        kze_log(2, "ipc: %s: peer of user %u, process %d, is not allowed, disconnected",
-                endpoint.c_str(), static_cast<unsigned int>(peer.uid), static_cast<int>(peer.pid));
+        if (log.admits(peer_event::not_allowed, kze_ev::now_ns())) {
+            kze_log(2, "ipc: %s: peer of user %u, process %d, is not allowed, disconnected",
+                    endpoint.c_str(), static_cast<unsigned int>(peer.uid),
+                    static_cast<int>(peer.pid));
+        }
         return false;
     }
     *peer_out = peer;

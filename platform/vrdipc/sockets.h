@@ -7,6 +7,8 @@
 #include <string>
 #include <utility>
 
+#include "platform/vrdipc/peer_log.h"
+
 namespace kze_ipc {
 
 // Owns a descriptor. One thread at a time.
@@ -78,6 +80,6 @@ connect_state connect_to(int fd, const std::string &name, int *code_out);
 
 // Who is at the other end. False, with a line in the log, when it is neither root nor our own
 // effective user.
-bool is_allowed_peer(int fd, const std::string &endpoint, struct ucred *peer_out);
+bool is_allowed_peer(int fd, const std::string &endpoint, peer_log &log, struct ucred *peer_out);
 
 }  // namespace kze_ipc

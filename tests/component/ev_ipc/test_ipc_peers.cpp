@@ -61,6 +61,22 @@ TEST_F(peers, that_break_the_format_are_disconnected_and_the_others_are_served) 
     EXPECT_EQ(bystander.receive_frame(&header), "x");
 }
 
+TEST_F(peers, that_send_garbage_in_a_loop_get_one_line_and_a_sum) {
+    test_endpoint service(loop, "service", echo);
+    for (int i = 0; i < 50; ++i) {
+        const raw_socket peer = connect();
+        EXPECT_TRUE(peer.send(std::string(20, 'x')));
+        EXPECT_TRUE(peer.ends());
+    }
+    expect_served();
+    service.destroy();
+    EXPECT_TRUE(logs("ipc: service: 49 more lines on broken formats were held back"));
+    const std::string text = log_text();
+    const std::string line = "peer broke the format, disconnected";
+    EXPECT_EQ(text.find(line), text.rfind(line));
+    EXPECT_NE(text.find(line), std::string::npos);
+}
+
 TEST_F(peers, that_use_a_request_id_twice_are_disconnected) {
     test_endpoint service(loop, "service", [](const incoming &request) {
         if (request.cmd != 1) {
