@@ -33,6 +33,11 @@ std::optional<json> parse_json(std::string_view text, std::string &problem) {
             problem = "arrays and objects lie deeper than " + std::to_string(json_depth_bound);
             return std::nullopt;
         }
+        /* The parser takes a zero byte for the text's end, whatever follows. */
+        if (const std::size_t zero = text.find('\0'); zero != std::string_view::npos) {
+            problem = position(text, zero + 1) + ": not valid JSON";
+            return std::nullopt;
+        }
         return parsed;
     } catch (const json::parse_error &failure) {
         problem = position(text, failure.byte) + ": not valid JSON";

@@ -4,6 +4,7 @@
 #include <google/protobuf/wire_format_lite.h>
 
 #include <cstdint>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -83,13 +84,9 @@ std::string name_or_number(const std::string &name, int number) {
     return name.empty() ? std::to_string(number) : name;
 }
 
-json process_json(const process_vertex &process, const event_action &action) {
-    bool named = false;
-    for (const std::uint64_t node : action.alert_node_id()) {
-        named = named || node == process.node_id();
-    }
+json process_json(const process_vertex &process, const std::set<std::uint64_t> &named) {
     return {{"node_id", process.node_id()},
-            {"alert", named},
+            {"alert", named.count(process.node_id()) != 0},
             {"pid", process.process_id()},
             {"create_time", process.process_createtime()},
             {"path", process.process_path()},
@@ -100,12 +97,14 @@ json process_json(const process_vertex &process, const event_action &action) {
 
 json action_json(const event_action &action) {
     json nodes = json::array();
+    std::set<std::uint64_t> named;
     for (const std::uint64_t node : action.alert_node_id()) {
         nodes.push_back(node);
+        named.insert(node);
     }
     json processes = json::array();
     for (const process_vertex &process : action.process_list()) {
-        processes.push_back(process_json(process, action));
+        processes.push_back(process_json(process, named));
     }
     return {{"alert_id", action.alert_id()},
             {"op_time", action.op_time()},

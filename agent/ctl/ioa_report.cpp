@@ -1,5 +1,6 @@
 #include "agent/ctl/ioa_report.h"
 
+#include <climits>
 #include <nlohmann/json.hpp>
 
 #include "agent/common/json_text.h"
@@ -12,6 +13,18 @@ namespace {
 /* The identifier that is stored before any rule set was accepted. */
 constexpr char no_rules_id[] = "0";
 
+/* A member that is a whole number within bounds; empty for any other. */
+std::optional<std::int64_t> number_in(const nlohmann::json &object, const char *key,
+                                      std::int64_t low, std::int64_t high) {
+    const auto found = object.find(key);
+    if (found == object.end() || !found->is_number_integer() ||
+        (found->is_number_unsigned() && found->get<std::uint64_t>() > INT64_MAX)) {
+        return std::nullopt;
+    }
+    const auto number = found->get<std::int64_t>();
+    return number >= low && number <= high ? std::optional(number) : std::nullopt;
+}
+
 }  // namespace
 
 std::optional<ioa_report> read_ioa_report(int type, std::string_view content) {
@@ -23,17 +36,16 @@ std::optional<ioa_report> read_ioa_report(int type, std::string_view content) {
     if (!object || !object->is_object()) {
         return std::nullopt;
     }
-    const auto agent = object->find("agentId");
+    const auto agent = number_in(*object, "agentId", INT64_MIN, INT64_MAX);
     const auto rules = object->find("rulesId");
-    const auto res = object->find("res");
+    const auto res = number_in(*object, "res", INT_MIN, INT_MAX);
     const bool is_result = type == KZEMM_DATA_CTMIOA_RESULT;
-    if (agent == object->end() || !agent->is_number() || rules == object->end() ||
-        !rules->is_string() || (is_result && (res == object->end() || !res->is_number_integer()))) {
+    if (!agent || rules == object->end() || !rules->is_string() || (is_result && !res)) {
         return std::nullopt;
     }
-    ioa_report report{agent->get<std::int64_t>(), rules->get<std::string>(), std::nullopt};
+    ioa_report report{*agent, rules->get<std::string>(), std::nullopt};
     if (is_result) {
-        report.res = res->get<int>();
+        report.res = static_cast<int>(*res);
     }
     return report;
 }

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <utility>
 
+#include "agent/common/json_text.h"
 #include "agent/ctl/credible_record.h"
 #include "agent/ctl/ioa_report.h"
 #include "agent/gateway/frame.h"
@@ -166,11 +167,13 @@ std::optional<std::vector<json>> processes_of(const std::string &content) {
     std::vector<json> processes;
     std::istringstream lines(content);
     for (std::string line; std::getline(lines, line);) {
-        json process = json::parse(line, nullptr, false);
-        if (!process.is_object() || !process.contains("pid") || !process["pid"].is_number()) {
+        std::string problem;
+        std::optional<json> process = parse_json(line, problem);
+        if (!process || !process->is_object() || !process->contains("pid") ||
+            !process->at("pid").is_number()) {
             return std::nullopt;
         }
-        processes.push_back(std::move(process));
+        processes.push_back(std::move(*process));
     }
     if (processes.empty()) {
         return std::nullopt;
@@ -201,7 +204,7 @@ void print_processes(const std::vector<json> &processes, const output &out) {
                   {number_member(process, "ppid"), look::faint},
                   {printable(text_member(process, "user"))},
                   {printable(text_member(process, "name")), look::accent},
-                  {text_member(process, "md5"), look::faint},
+                  {printable(text_member(process, "md5")), look::faint},
                   {printable(text_member(process, "path"))}});
     }
     list.print(out, 2);

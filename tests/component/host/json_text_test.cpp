@@ -27,6 +27,12 @@ TEST(json_text, a_bad_text_is_told_by_line_and_column) {
     EXPECT_EQ(problem_of(""), "line 1, column 1: not valid JSON");
 }
 
+TEST(json_text, a_zero_byte_does_not_hide_what_follows) {
+    EXPECT_EQ(problem_of(std::string("{}\0", 3)), "line 1, column 3: not valid JSON");
+    EXPECT_EQ(problem_of(std::string("{}\n\0{", 5)), "line 2, column 1: not valid JSON");
+    EXPECT_EQ(problem_of(std::string("{\"a\0\": 1}", 9)), "line 1, column 4: not valid JSON");
+}
+
 TEST(json_text, a_number_that_no_type_holds_is_told) {
     EXPECT_NE(problem_of("1e999").find("1e999"), std::string::npos);
 }
