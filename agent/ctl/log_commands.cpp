@@ -17,7 +17,10 @@ using nlohmann::json;
 constexpr int look_period_ms = 50;
 
 json to_json(const log_line &line) {
-    json value = {{"line", line.text}, {"offset", line.offset}, {"next", line.next}};
+    json value = {{"line", line.text},
+                  {"offset", line.offset},
+                  {"next", line.next.offset},
+                  {"mark", to_text(line.next)}};
     if (const auto record = parse_log_line(line.text)) {
         value["time"] = record->time;
         value["level"] = record->level;
@@ -71,13 +74,13 @@ struct wait_options {
     std::string text;
     std::string which = "worker";
     double timeout = 30;
-    std::int64_t after = 0;
+    std::string after = "0";
 };
 
 exit_status wait(const wait_options &options, const output &out) {
     const std::string path = log_path(options.which);
     const deadline until(options.timeout);
-    log_reader reader(path, options.after);
+    log_reader reader(path, log_mark_of(options.after));
     for (;;) {
         while (const auto line = reader.next()) {
             if (line->text.find(options.text) != std::string::npos) {
@@ -94,8 +97,8 @@ exit_status wait(const wait_options &options, const output &out) {
 }
 
 exit_status mark(const std::string &which, const output &out) {
-    const off_t offset = file_size(log_path(which));
-    out.done(std::to_string(offset), {{"offset", offset}});
+    const log_mark end = end_of_log(log_path(which));
+    out.done(to_text(end), {{"offset", end.offset}, {"mark", to_text(end)}});
     return exit_done;
 }
 
@@ -134,9 +137,10 @@ void add_log_commands(CLI::App &app, command_line &line) {
     add_seconds(wait_command, "--timeout", waiting->timeout, "How long to wait");
     wait_command
         ->add_option("--after", waiting->after,
-                     "Look at the lines from this offset on, as \"log mark\" prints it")
+                     "Look at the lines from this place on, as \"log mark\" prints it, or from an "
+                     "offset in the current file")
         ->capture_default_str()
-        ->check(CLI::Range(std::int64_t{0}, INT64_MAX).description(""));
+        ->check(log_mark_problem);
     on_chosen(wait_command, line, [&line, waiting] { return wait(*waiting, line.out); });
 
     auto marked = std::make_shared<std::string>("worker");

@@ -8,11 +8,13 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
+#include <charconv>
 #include <filesystem>
 #include <utility>
 
 #include "agent/common/services.h"
 #include "agent/ctl/failure.h"
+#include "agent/ctl/output.h"
 #include "agent/ctl/processes.h"
 
 namespace kze::ctl {
@@ -81,10 +83,20 @@ std::vector<std::pair<std::string, std::string>> other_logs() {
     return found;
 }
 
-/* "a/name.log" becomes "a/name.1.log". */
-std::string rotated_path(const std::string &path) {
+/* After that many rotations "a/name.log" is "a/name.2.log". */
+std::string rotated_path(const std::string &path, unsigned int rotations) {
+    if (rotations == 0) {
+        return path;
+    }
     const std::size_t dot = path.rfind('.');
-    return path.substr(0, dot) + ".1" + path.substr(dot);
+    return path.substr(0, dot) + "." + std::to_string(rotations) + path.substr(dot);
+}
+
+template <typename Number>
+bool read_number(const char *&at, const char *end, Number &out) {
+    const auto result = std::from_chars(at, end, out);
+    at = result.ptr;
+    return result.ec == std::errc{};
 }
 
 std::string next_word(std::string &rest) {
@@ -141,8 +153,36 @@ std::optional<log_record> parse_log_line(const std::string &line) {
     return record;
 }
 
-log_reader::log_reader(std::string path, off_t offset)
-    : path_(std::move(path)), wanted_offset_(offset) {}
+log_mark end_of_log(const std::string &path) {
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0 ? log_mark{info.st_size, info.st_ino} : log_mark{};
+}
+
+std::string to_text(const log_mark &mark) {
+    return std::to_string(mark.offset) +
+           (mark.file == 0 ? std::string() : "@" + std::to_string(mark.file));
+}
+
+std::optional<log_mark> parse_log_mark(const std::string &text) {
+    log_mark mark;
+    const char *at = text.data();
+    const char *const end = at + text.size();
+    bool good = read_number(at, end, mark.offset) && mark.offset >= 0;
+    if (good && at != end && *at == '@') {
+        good = read_number(++at, end, mark.file);
+    }
+    return good && at == end ? std::optional<log_mark>(mark) : std::nullopt;
+}
+
+log_mark log_mark_of(const std::string &text) {
+    return parse_log_mark(text).value_or(log_mark{});
+}
+
+std::string log_mark_problem(const std::string &text) {
+    return parse_log_mark(text) ? "" : "\"" + printable(text) + "\" is no mark of a log";
+}
+
+log_reader::log_reader(std::string path, log_mark from) : path_(std::move(path)), from_(from) {}
 
 log_reader::~log_reader() {
     if (file_ >= 0) {
@@ -159,17 +199,53 @@ bool log_reader::open_at(const std::string &path, off_t offset) {
         ::close(file_);
     }
     file_ = file;
+    struct stat info {};
+    inode_ = ::fstat(file, &info) == 0 ? info.st_ino : 0;
     buffer_.clear();
     buffer_offset_ = offset;
     return true;
 }
 
-bool log_reader::open_first() {
-    if (file_size(path_) >= wanted_offset_) {
-        return open_at(path_, wanted_offset_);
+/* How often the file was rotated, by the name it has now; nothing when it is none of the log's. */
+std::optional<unsigned int> log_reader::rotations_of(const struct stat &file) const {
+    struct stat there {};
+    for (unsigned int rotations = 0;; ++rotations) {
+        const bool found = ::stat(rotated_path(path_, rotations).c_str(), &there) == 0;
+        if (found && there.st_ino == file.st_ino && there.st_dev == file.st_dev) {
+            return rotations;
+        }
+        /* During a rotation one name is free for a moment. */
+        struct stat behind {};
+        if (!found && ::stat(rotated_path(path_, rotations + 1).c_str(), &behind) != 0) {
+            return std::nullopt;
+        }
     }
-    const std::string older = rotated_path(path_);
-    return file_size(older) >= wanted_offset_ ? open_at(older, wanted_offset_) : open_at(path_, 0);
+}
+
+bool log_reader::open_oldest() {
+    unsigned int rotations = 0;
+    while (::access(rotated_path(path_, rotations + 1).c_str(), F_OK) == 0) {
+        ++rotations;
+    }
+    return open_at(rotated_path(path_, rotations), 0);
+}
+
+bool log_reader::open_first() {
+    if (from_.file != 0) {
+        struct stat marked {};
+        for (unsigned int rotations = 0;
+             ::stat(rotated_path(path_, rotations).c_str(), &marked) == 0; ++rotations) {
+            if (marked.st_ino == from_.file && marked.st_size >= from_.offset) {
+                return open_at(rotated_path(path_, rotations), from_.offset);
+            }
+        }
+        return open_oldest();
+    }
+    if (file_size(path_) >= from_.offset) {
+        return open_at(path_, from_.offset);
+    }
+    const std::string older = rotated_path(path_, 1);
+    return file_size(older) >= from_.offset ? open_at(older, from_.offset) : open_at(path_, 0);
 }
 
 /* Reads what was written meanwhile. False when there is nothing new. */
@@ -190,13 +266,15 @@ bool log_reader::fill() {
 /* At the end of a file that isn't the one at our path any more. */
 bool log_reader::go_on_with_newer_file() {
     struct stat ours {};
-    struct stat there {};
-    if (::fstat(file_, &ours) != 0 || ::stat(path_.c_str(), &there) != 0 ||
-        (ours.st_ino == there.st_ino && ours.st_dev == there.st_dev)) {
+    if (::fstat(file_, &ours) != 0) {
+        return false;
+    }
+    const std::optional<unsigned int> rotations = rotations_of(ours);
+    if (rotations == 0U || (!rotations && ::access(path_.c_str(), F_OK) != 0)) {
         return false;
     }
     /* Records may have come between our last read and the renaming. */
-    return fill() || open_at(path_, 0);
+    return fill() || (rotations ? open_at(rotated_path(path_, *rotations - 1), 0) : open_oldest());
 }
 
 std::optional<log_line> log_reader::next() {
@@ -211,7 +289,7 @@ std::optional<log_line> log_reader::next() {
             line.offset = buffer_offset_;
             buffer_.erase(0, end + 1);
             buffer_offset_ += static_cast<off_t>(end + 1);
-            line.next = buffer_offset_;
+            line.next = {buffer_offset_, inode_};
             return line;
         }
         if (!fill() && !go_on_with_newer_file()) {

@@ -2,10 +2,12 @@
 #ifndef KZE_AGENT_CTL_LOG_FILES_H
 #define KZE_AGENT_CTL_LOG_FILES_H
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kze::ctl {
@@ -16,10 +18,28 @@ std::string log_path(const std::string &name);
 /* The names that log_path knows in this tree now. */
 std::vector<std::string> log_names();
 
+/* A place in a log. With its file it is found again however often the log was rotated since, as
+ * long as the file is kept. */
+struct log_mark {
+    off_t offset = 0;
+    ino_t file = 0; /* the inode; 0 when it isn't known */
+};
+
+/* Where the log ends now; the beginning when there is no file. */
+log_mark end_of_log(const std::string &path);
+/* "OFFSET@FILE", or "OFFSET" alone when the file isn't known. */
+std::string to_text(const log_mark &mark);
+/* Nothing when it is no such text. */
+std::optional<log_mark> parse_log_mark(const std::string &text);
+/* The same for a text that log_mark_problem has nothing against. */
+log_mark log_mark_of(const std::string &text);
+/* What speaks against a text for a mark, for a person; empty when nothing does. */
+std::string log_mark_problem(const std::string &text);
+
 struct log_line {
     std::string text; /* without its line feed */
     off_t offset = 0; /* where it begins in its file */
-    off_t next = 0;   /* where the one behind it begins */
+    log_mark next;    /* where the one behind it begins */
 };
 
 /* The parts of a record, as the agent's log writes it. */
@@ -40,9 +60,11 @@ std::optional<log_record> parse_log_line(const std::string &line);
  */
 class log_reader {
   public:
-    /* From the offset on. When the file is shorter than that, it was rotated since: what is left of
-     * the rotated one comes first. */
-    log_reader(std::string path, off_t offset);
+    /* From the mark on, in whichever of the log's files it is now; when that is gone, from the
+     * oldest one on. Without a known file: when the current one is shorter than the offset, it was
+     * rotated since, and what is left of the rotated one comes first. */
+    log_reader(std::string path, log_mark from);
+    log_reader(std::string path, off_t offset) : log_reader(std::move(path), log_mark{offset, 0}) {}
     ~log_reader();
     log_reader(const log_reader &) = delete;
     log_reader &operator=(const log_reader &) = delete;
@@ -53,14 +75,17 @@ class log_reader {
   private:
     bool open_at(const std::string &path, off_t offset);
     bool open_first();
+    bool open_oldest();
+    std::optional<unsigned int> rotations_of(const struct stat &file) const;
     bool fill();
     bool go_on_with_newer_file();
 
     const std::string path_;
-    off_t wanted_offset_;
+    const log_mark from_;
     int file_ = -1;
     std::string buffer_;      /* read, and not given out yet */
     off_t buffer_offset_ = 0; /* where it begins in the file */
+    ino_t inode_ = 0;         /* of the file */
 };
 
 /* The offset at which the last `count` lines begin; 0 when there are fewer, or no file. */

@@ -25,7 +25,7 @@ constexpr int looks_between_host_checks = 10;
 struct watch_options {
     bool until_empty = false;
     bool from_now = false;
-    std::int64_t after = 0;
+    std::string after = "0";
     double timeout = 0;
 };
 
@@ -118,7 +118,8 @@ void follow(
     const std::function<bool(const std::vector<timed_event> &, const pack_watcher &)> &is_done) {
     const deadline until(options.timeout > 0 ? options.timeout : -1);
     const bool was_running = host_runs();
-    pack_watcher eyes = options.from_now ? pack_watcher::from_now() : pack_watcher(options.after);
+    pack_watcher eyes =
+        options.from_now ? pack_watcher::from_now() : pack_watcher(log_mark_of(options.after));
     for (int looks = 0;; ++looks) {
         if (is_done(eyes.look(), eyes)) {
             return;
@@ -169,12 +170,11 @@ exit_status wait(const wait_options &options, const output &out) {
     return exit_done;
 }
 
-void add_after(CLI::App *command, std::int64_t &after) {
+void add_after(CLI::App *command, std::string &after) {
     command
-        ->add_option("--after", after,
-                     "Begin behind this offset, as \"log mark upgrade\" prints it")
+        ->add_option("--after", after, "Begin behind this place, as \"log mark upgrade\" prints it")
         ->capture_default_str()
-        ->check(CLI::Range(std::int64_t{0}, INT64_MAX).description(""));
+        ->check(log_mark_problem);
 }
 
 void add_wait(CLI::App &group, command_line &line) {

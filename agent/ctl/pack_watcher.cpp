@@ -27,12 +27,14 @@ std::string now_text() {
     return text.data();
 }
 
-/* The time of the last record in front of an offset: what comes from the other log must be later.
+/* The time of the last record in front of a mark: what comes from the other log must be later.
  */
-std::string time_at(const std::string &path, std::int64_t offset) {
+std::string time_at(const std::string &path, log_mark mark) {
     std::string time;
-    log_reader reader(path, 0);
-    for (auto line = reader.next(); line && line->offset < offset; line = reader.next()) {
+    log_reader reader(path, log_mark{0, mark.file});
+    for (auto line = reader.next();
+         line && line->offset < mark.offset && (mark.file == 0 || line->next.file == mark.file);
+         line = reader.next()) {
         if (const auto record = parse_log_line(line->text)) {
             time = record->time;
         }
@@ -52,16 +54,16 @@ timed_event seen_now(const std::string &name, fate what, const std::string &reas
 
 }  // namespace
 
-pack_watcher::pack_watcher(std::int64_t after)
+pack_watcher::pack_watcher(log_mark after)
     : pack_watcher(after, time_at(log_path("upgrade"), after)) {}
 
-pack_watcher::pack_watcher(std::int64_t after, std::string host_from)
+pack_watcher::pack_watcher(log_mark after, std::string host_from)
     : relay_(log_path("upgrade"), after),
       host_(log_path("host"), 0),
       host_from_(std::move(host_from)) {}
 
 pack_watcher pack_watcher::from_now() {
-    return pack_watcher(file_size(log_path("upgrade")), now_text());
+    return pack_watcher(end_of_log(log_path("upgrade")), now_text());
 }
 
 void pack_watcher::read(log_reader &reader, bool is_relays, std::vector<record> &into) const {

@@ -24,8 +24,8 @@ struct timed_event {
 /* Follows the rule directory, the relay's log and the host's. One thread at a time. */
 class pack_watcher {
   public:
-    /* Begins with what the relay's log tells behind an offset. */
-    explicit pack_watcher(std::int64_t after);
+    /* Begins with what the relay's log tells behind a mark. */
+    explicit pack_watcher(log_mark after);
     /* Leaves out what happened before. */
     static pack_watcher from_now();
 
@@ -35,7 +35,7 @@ class pack_watcher {
     bool is_empty() const { return packs_there_ == 0; }
 
   private:
-    pack_watcher(std::int64_t after, std::string host_from);
+    pack_watcher(log_mark after, std::string host_from);
 
     struct record {
         std::string time;

@@ -338,5 +338,39 @@ TEST_F(kzectl, a_log_that_was_rotated_since_the_mark_is_read_to_its_end) {
     EXPECT_FALSE(tree.has_logged("second", from, "odd"));
 }
 
+TEST_F(kzectl, a_mark_is_found_again_after_several_rotations_and_longer_files) {
+    namespace fs = std::filesystem;
+    const auto file = [&](const std::string &name) { return tree.path("var/log/odd/" + name); };
+    tree.write("var/log/odd/odd.log", "first\nsecond\n");
+    const std::string from = tree.ask({"log", "mark", "odd"})["mark"];
+    const auto has_logged = [&](const std::string &text, const std::string &mark) {
+        return tree.ctl({"log", "wait", text, "odd", "--after", mark, "--timeout", "0"}).status ==
+               done;
+    };
+    tree.write("var/log/odd/odd.log", "first\nsecond\nthird\n");
+    fs::rename(file("odd.log"), file("odd.1.log"));
+    tree.write("var/log/odd/odd.log", "a line as long as all those before, and longer\nfourth\n");
+    EXPECT_TRUE(has_logged("third", from));
+    EXPECT_TRUE(has_logged("fourth", from));
+    EXPECT_FALSE(has_logged("second", from));
+    fs::rename(file("odd.1.log"), file("odd.2.log"));
+    fs::rename(file("odd.log"), file("odd.1.log"));
+    tree.write("var/log/odd/odd.log", "fifth\n");
+    for (const char *text : {"third", "a line as long", "fourth", "fifth"}) {
+        EXPECT_TRUE(has_logged(text, from)) << text;
+    }
+    EXPECT_FALSE(has_logged("second", from));
+    /* What comes behind a line is marked with it. */
+    const json third = tree.ask({"log", "wait", "third", "odd", "--after", from});
+    EXPECT_FALSE(has_logged("third", third["mark"]));
+    EXPECT_TRUE(has_logged("fourth", third["mark"]));
+    /* Everything that is left is newer than a mark whose file is gone. */
+    fs::remove(file("odd.2.log"));
+    EXPECT_TRUE(has_logged("fourth", from));
+    for (const char *bad : {"-1", "x", "1@", "1@x", "1 "}) {
+        EXPECT_NE(tree.ctl({"log", "wait", "x", "odd", "--after", bad}).status, done) << bad;
+    }
+}
+
 }  // namespace
 }  // namespace kze_test
