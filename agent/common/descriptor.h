@@ -4,24 +4,26 @@
 
 #include <unistd.h>
 
+#include <utility>
+
 namespace kze {
 
 /* Closes the descriptor when it goes; -1 is none. One thread at a time. */
 class descriptor {
   public:
-    explicit descriptor(int number) : number_(number) {}
+    explicit descriptor(int number = -1) : number_(number) {}
     ~descriptor() { reset(); }
-    descriptor(const descriptor &) = delete;
-    descriptor &operator=(const descriptor &) = delete;
+    descriptor(descriptor &&other) noexcept : number_(other.release()) {}
+    descriptor &operator=(descriptor &&other) noexcept {
+        reset(other.release());
+        return *this;
+    }
 
     int get() const { return number_; }
     bool valid() const { return number_ >= 0; }
     /* The caller's from now on. */
-    int release() {
-        const int released = number_;
-        number_ = -1;
-        return released;
-    }
+    int release() { return std::exchange(number_, -1); }
+    /* Closes what it owns and takes over another. */
     void reset(int number = -1) {
         if (number_ >= 0) {
             close(number_);

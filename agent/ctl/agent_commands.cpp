@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "agent/common/descriptor.h"
 #include "agent/common/tree.h"
 #include "agent/ctl/ask.h"
 #include "agent/ctl/command_line.h"
@@ -153,16 +154,15 @@ exit_status up(const up_options &options, const output &out) {
 
 /* Signals a process only if it still is the one that was found. */
 void signal_process(const tree_process &process, int number) {
-    const int descriptor = static_cast<int>(::syscall(SYS_pidfd_open, process.pid, 0U));
-    if (descriptor < 0) {
+    const descriptor handle(static_cast<int>(::syscall(SYS_pidfd_open, process.pid, 0U)));
+    if (!handle.valid()) {
         return;
     }
     for (const tree_process &now : tree_processes(process.program)) {
         if (now.pid == process.pid) {
-            ::syscall(SYS_pidfd_send_signal, descriptor, number, nullptr, 0U);
+            ::syscall(SYS_pidfd_send_signal, handle.get(), number, nullptr, 0U);
         }
     }
-    ::close(descriptor);
 }
 
 /* Returns whether all have ended by themselves. */

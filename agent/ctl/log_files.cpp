@@ -184,23 +184,14 @@ std::string log_mark_problem(const std::string &text) {
 
 log_reader::log_reader(std::string path, log_mark from) : path_(std::move(path)), from_(from) {}
 
-log_reader::~log_reader() {
-    if (file_ >= 0) {
-        ::close(file_);
-    }
-}
-
 bool log_reader::open_at(const std::string &path, off_t offset) {
-    const int file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (file < 0) {
+    descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file.valid()) {
         return false;
     }
-    if (file_ >= 0) {
-        ::close(file_);
-    }
-    file_ = file;
+    file_ = std::move(file);
     struct stat info {};
-    inode_ = ::fstat(file, &info) == 0 ? info.st_ino : 0;
+    inode_ = ::fstat(file_.get(), &info) == 0 ? info.st_ino : 0;
     buffer_.clear();
     buffer_offset_ = offset;
     return true;
@@ -254,7 +245,7 @@ bool log_reader::fill() {
     const off_t from = buffer_offset_ + static_cast<off_t>(buffer_.size());
     ssize_t got = 0;
     do {
-        got = ::pread(file_, block.data(), block.size(), from);
+        got = ::pread(file_.get(), block.data(), block.size(), from);
     } while (got < 0 && errno == EINTR);
     if (got <= 0) {
         return false;
@@ -266,7 +257,7 @@ bool log_reader::fill() {
 /* At the end of a file that isn't the one at our path any more. */
 bool log_reader::go_on_with_newer_file() {
     struct stat ours {};
-    if (::fstat(file_, &ours) != 0) {
+    if (::fstat(file_.get(), &ours) != 0) {
         return false;
     }
     const std::optional<unsigned int> rotations = rotations_of(ours);
@@ -278,7 +269,7 @@ bool log_reader::go_on_with_newer_file() {
 }
 
 std::optional<log_line> log_reader::next() {
-    if (file_ < 0 && !open_first()) {
+    if (!file_.valid() && !open_first()) {
         return std::nullopt;
     }
     for (;;) {

@@ -10,6 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include "agent/common/descriptor.h"
+
 namespace kze::ctl {
 
 /* The path of a log by its name: "worker", "host", or whatever lies under var/log. Throws failure
@@ -65,9 +67,6 @@ class log_reader {
      * rotated since, and what is left of the rotated one comes first. */
     log_reader(std::string path, log_mark from);
     log_reader(std::string path, off_t offset) : log_reader(std::move(path), log_mark{offset, 0}) {}
-    ~log_reader();
-    log_reader(const log_reader &) = delete;
-    log_reader &operator=(const log_reader &) = delete;
 
     /* The next line, or nothing when there is none at the moment. */
     std::optional<log_line> next();
@@ -82,7 +81,7 @@ class log_reader {
 
     const std::string path_;
     const log_mark from_;
-    int file_ = -1;
+    descriptor file_;
     std::string buffer_;      /* read, and not given out yet */
     off_t buffer_offset_ = 0; /* where it begins in the file */
     ino_t inode_ = 0;         /* of the file */

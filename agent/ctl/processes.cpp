@@ -19,6 +19,7 @@
 #include <memory>
 #include <string_view>
 
+#include "agent/common/descriptor.h"
 #include "agent/common/services.h"
 #include "agent/common/tree.h"
 #include "agent/ctl/failure.h"
@@ -32,22 +33,6 @@ bool is_of_agent(std::string_view program) {
            std::any_of(std::begin(agent_services), std::end(agent_services),
                        [&](const agent_service &service) { return program == service.program; });
 }
-
-class descriptor {
-  public:
-    explicit descriptor(int number) : number_(number) {}
-    ~descriptor() {
-        if (number_ >= 0) {
-            ::close(number_);
-        }
-    }
-    descriptor(const descriptor &) = delete;
-    descriptor &operator=(const descriptor &) = delete;
-    int get() const { return number_; }
-
-  private:
-    int number_;
-};
 
 std::string reason() {
     return std::strerror(errno);

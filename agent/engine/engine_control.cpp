@@ -7,8 +7,8 @@
 #include <cstring>
 
 #include "agent/common/control.h"
+#include "agent/common/descriptor.h"
 #include "agent/engine/engine_server.h"
-#include "agent/engine/owned_descriptor.h"
 #include "agent/engine/process_snapshot.h"
 #include "agent/engine/service.h"
 #include "vrdbase.h"
@@ -25,7 +25,7 @@ constexpr unsigned int die_ms = 50;
 
 /* Reads a regular file whole; returns what speaks against it. */
 std::string read_file(const std::string &path, std::string &out) {
-    const owned_descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat info {};
     if (file.get() < 0 || ::fstat(file.get(), &info) != 0) {
         return "can't read " + path + ": " + std::strerror(errno);

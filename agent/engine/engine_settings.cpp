@@ -11,8 +11,8 @@
 #include <cstring>
 #include <utility>
 
+#include "agent/common/descriptor.h"
 #include "agent/engine/engine_protocol.h"
-#include "agent/engine/owned_descriptor.h"
 #include "engine/qd_client.h"
 #include "kzautil.h"
 #include "vrdbase.h"
@@ -267,10 +267,10 @@ bool same_file(const struct stat &left, const struct stat &right) {
            left.st_ctim.tv_nsec == right.st_ctim.tv_nsec;
 }
 
-std::string write_all(int descriptor, const std::string &text) {
+std::string write_all(int file, const std::string &text) {
     std::size_t done = 0;
     while (done < text.size()) {
-        const ssize_t wrote = ::write(descriptor, text.data() + done, text.size() - done);
+        const ssize_t wrote = ::write(file, text.data() + done, text.size() - done);
         if (wrote < 0 && errno != EINTR) {
             return std::strerror(errno);
         }
@@ -408,7 +408,7 @@ std::string engine_settings::change_file(const change &how) {
         return system_error("can't make", directory);
     }
     const std::string lock_path = path_ + ".lock";
-    const owned_descriptor file(::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    const descriptor file(::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     if (file.get() < 0) {
         return system_error("can't open", lock_path);
     }
@@ -433,7 +433,7 @@ std::string engine_settings::change_file(const change &how) {
 /* Reads the file again when it is another one than last time. The caller holds lock_. */
 void engine_settings::refresh() {
     struct stat now {};
-    const owned_descriptor file(::open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const descriptor file(::open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (file.get() < 0 || ::fstat(file.get(), &now) != 0 || !S_ISREG(now.st_mode)) {
         now = {};
     }
@@ -456,7 +456,7 @@ void engine_settings::refresh() {
 std::string engine_settings::save() {
     const std::string beside = path_ + ".new";
     {
-        const owned_descriptor file(
+        const descriptor file(
             ::open(beside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
         if (file.get() < 0) {
             return system_error("can't open", beside);

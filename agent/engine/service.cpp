@@ -17,13 +17,13 @@
 namespace kze::engine {
 namespace {
 
-owned_descriptor open_run_file(const std::string &name) {
+descriptor open_run_file(const std::string &name) {
     const std::string directory = tree_path("@/../run");
     if (directory.empty() || kze_dirutils_mkdir(directory.c_str(), 0700) != 0) {
-        return owned_descriptor();
+        return descriptor();
     }
     const std::string path = directory + "/" + name;
-    return owned_descriptor(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    return descriptor(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
 }
 
 struct flock whole_file_write_lock() {

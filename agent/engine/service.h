@@ -6,8 +6,8 @@
 
 #include <string>
 
+#include "agent/common/descriptor.h"
 #include "agent/common/services.h"
-#include "agent/engine/owned_descriptor.h"
 
 namespace kze::engine {
 
@@ -34,7 +34,7 @@ class supervisor_lock {
     pid_t holder() const;
 
   private:
-    owned_descriptor file_;
+    descriptor file_;
 };
 
 /*
@@ -48,7 +48,7 @@ class command_lock {
     bool held() const { return held_; }
 
   private:
-    owned_descriptor file_;
+    descriptor file_;
     bool held_ = false;
 };
 

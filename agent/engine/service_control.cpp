@@ -61,15 +61,15 @@ void leave_caller(int report_to) {
 }
 
 /* Starts this program again as the supervisor; its report comes through the descriptor. */
-std::string launch_supervisor(const service &of, owned_descriptor &report) {
+std::string launch_supervisor(const service &of, descriptor &report) {
     int ends[2];
     /* Moved above the numbers that the child puts its own descriptors on. */
     if (::pipe2(ends, O_CLOEXEC) != 0) {
         return with_reason("no pipe");
     }
     report.reset(ends[0]);
-    const owned_descriptor low_end(ends[1]);
-    const owned_descriptor write_end(::fcntl(low_end.get(), F_DUPFD_CLOEXEC, 10));
+    const descriptor low_end(ends[1]);
+    const descriptor write_end(::fcntl(low_end.get(), F_DUPFD_CLOEXEC, 10));
     if (write_end.get() < 0) {
         return with_reason("no descriptor");
     }
@@ -86,7 +86,7 @@ std::string launch_supervisor(const service &of, owned_descriptor &report) {
     return {};
 }
 
-std::string read_report(const owned_descriptor &report) {
+std::string read_report(const descriptor &report) {
     const auto deadline = clock::now() + milliseconds(report_wait_ms);
     std::string text;
     for (;;) {
@@ -108,16 +108,16 @@ std::string read_report(const owned_descriptor &report) {
 }
 
 /* A handle of a process that is not mixed up with a later one of the same number. */
-owned_descriptor open_process(pid_t process) {
-    return owned_descriptor(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
+descriptor open_process(pid_t process) {
+    return descriptor(static_cast<int>(::syscall(SYS_pidfd_open, process, 0)));
 }
 
-void send_signal(const owned_descriptor &process, int signal) {
+void send_signal(const descriptor &process, int signal) {
     ::syscall(SYS_pidfd_send_signal, process.get(), signal, nullptr, 0);
 }
 
 /* Whether the process has ended within the time. */
-bool wait_for_end(const owned_descriptor &process, int time_ms) {
+bool wait_for_end(const descriptor &process, int time_ms) {
     if (process.get() < 0) {
         return true;
     }
@@ -136,12 +136,12 @@ bool wait_for_end(const owned_descriptor &process, int time_ms) {
 }
 
 /* A handle of the supervisor's program, with none when it has no program. */
-owned_descriptor open_program_of(pid_t supervisor) {
+descriptor open_program_of(pid_t supervisor) {
     const pid_t program = child_of(supervisor);
     if (program == 0) {
-        return owned_descriptor();
+        return descriptor();
     }
-    owned_descriptor handle = open_process(program);
+    descriptor handle = open_process(program);
     /* Asked with the handle in hand: what has this parent now is the process that it names. */
     if (parent_of(program) != supervisor) {
         handle.reset();
@@ -162,7 +162,7 @@ std::string start_locked(const service &of) {
     }
     ::setenv("KZE_AGENT_HOME", absolute, 1);
     std::free(absolute);
-    owned_descriptor report;
+    descriptor report;
     std::string error = launch_supervisor(of, report);
     if (error.empty()) {
         error = read_report(report);
@@ -176,7 +176,7 @@ std::string stop_locked(const service &of) {
     if (holder <= 0) {
         return holder < 0 ? lock_unreadable : std::string();
     }
-    const owned_descriptor supervisor = open_process(holder);
+    const descriptor supervisor = open_process(holder);
     /* Asked with the handle in hand: who holds the lock now is the process that it names. */
     if (supervisor.get() < 0 || lock.holder() != holder) {
         return lock.holder() == 0 ? std::string() : with_reason("no handle of the supervisor");
@@ -186,7 +186,7 @@ std::string stop_locked(const service &of) {
         return {};
     }
     /* The program follows by itself when its supervisor is killed. */
-    const owned_descriptor program = open_program_of(holder);
+    const descriptor program = open_program_of(holder);
     send_signal(supervisor, SIGKILL);
     if (!wait_for_end(supervisor, killed_wait_ms) || !wait_for_end(program, killed_wait_ms)) {
         return "the processes do not end";

@@ -45,8 +45,8 @@ pid_t start_program(const std::string &path, std::string &error) {
         error = std::string("no pipe: ") + std::strerror(errno);
         return 0;
     }
-    const owned_descriptor read_end(ends[0]);
-    owned_descriptor write_end(ends[1]);
+    const descriptor read_end(ends[0]);
+    descriptor write_end(ends[1]);
     const pid_t supervisor = ::getpid();
     const pid_t program = ::fork();
     if (program == 0) {
@@ -170,7 +170,7 @@ class program_keeper {
     bool stay_down_ = false;
 };
 
-void report(owned_descriptor &to, const std::string &text) {
+void report(descriptor &to, const std::string &text) {
     const ssize_t wrote = ::write(to.get(), text.data(), text.size());
     static_cast<void>(wrote);
     to.reset();
@@ -179,7 +179,7 @@ void report(owned_descriptor &to, const std::string &text) {
 }  // namespace
 
 int supervise(const service &of, int report_descriptor) {
-    owned_descriptor report_to(report_descriptor);
+    descriptor report_to(report_descriptor);
     ::fcntl(report_descriptor, F_SETFD, FD_CLOEXEC);
     sigset_t signals;
     ::sigemptyset(&signals);
