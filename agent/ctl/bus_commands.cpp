@@ -11,7 +11,7 @@
 
 #include "agent/common/tree.h"
 #include "agent/ctl/command_line.h"
-#include "agent/ctl/deadline.h"
+#include "agent/ctl/entries.h"
 #include "agent/message_bus/events.h"
 #include "agent/message_bus/tap.h"
 #include "agent/message_bus/tap_reader.h"
@@ -23,21 +23,12 @@ using bus::publication;
 using bus::tap_reader;
 using nlohmann::json;
 
-constexpr int look_period_ms = 100;
 constexpr std::size_t without_limit = std::numeric_limits<std::size_t>::max();
 /* Of the data in a row for people. */
 constexpr std::size_t shown_at_most = 160;
 
 tap_reader open_tap() {
     return tap_reader(tree_path(bus::tap_path));
-}
-
-template <typename found>
-found need(std::optional<found> result, const tap_reader &tap) {
-    if (!result) {
-        throw failure(exit_failed, tap.problem());
-    }
-    return std::move(*result);
 }
 
 /* The data whole, as far as the tap has it. */
@@ -108,7 +99,7 @@ struct list_options {
 
 exit_status list(const list_options &options, const output &out) {
     tap_reader tap = open_tap();
-    auto found = chosen_of(need(tap.list(options.after, without_limit), tap), options.chosen);
+    auto found = chosen_of(must_read(tap.list(options.after, without_limit), tap), options.chosen);
     if (found.size() > options.limit) {
         const auto surplus = static_cast<std::ptrdiff_t>(found.size() - options.limit);
         if (options.after == 0) {
@@ -117,25 +108,8 @@ exit_status list(const list_options &options, const output &out) {
             found.erase(found.end() - surplus, found.end());
         }
     }
-    if (out.json()) {
-        json all = json::array();
-        for (const publication &each : found) {
-            all.push_back(publication_json(each));
-        }
-        out.done("", {{"publications", all}});
-        return exit_done;
-    }
-    table rows;
-    rows.add({{"ID", look::strong},
-              {"TIME", look::strong},
-              {"EVENT", look::strong},
-              {"SIZE", look::strong},
-              {"DATA", look::strong}});
-    for (const publication &each : found) {
-        rows.add(publication_row(each));
-    }
-    rows.print(out);
-    return exit_done;
+    return print_list(found, "publications", {"ID", "TIME", "EVENT", "SIZE", "DATA"},
+                      publication_row, publication_json, out);
 }
 
 /* ---- tail ---- */
@@ -146,16 +120,12 @@ struct tail_options {
     bool follow = false;
 };
 
-void print_row(const publication &each, const output &out) {
+void print_entry(const publication &each, const output &out) {
     if (out.json()) {
         out.json_line(publication_json(each));
-        return;
+    } else {
+        print_row(publication_row(each), out);
     }
-    std::string text;
-    for (const table::cell &cell : publication_row(each)) {
-        text += (text.empty() ? "" : "  ") + out.paint(cell.with, cell.text);
-    }
-    out.line(text);
 }
 
 /* Says where the ring has overtaken its reader. */
@@ -168,30 +138,30 @@ void tell_of_gap(std::uint64_t after, const std::vector<publication> &found, con
 
 /* What is behind `after`, which it moves; from the beginning where the tap was begun anew. */
 std::vector<publication> new_publications(tap_reader &tap, std::uint64_t &after) {
-    auto found = need(tap.list(after, without_limit), tap);
-    if (found.empty() && need(tap.newest_number(), tap) < after) {
+    auto found = must_read(tap.list(after, without_limit), tap);
+    if (found.empty() && must_read(tap.newest_number(), tap) < after) {
         after = 0;
-        found = need(tap.list(after, without_limit), tap);
+        found = must_read(tap.list(after, without_limit), tap);
     }
     return found;
 }
 
 exit_status tail(const tail_options &options, const output &out) {
     tap_reader tap = open_tap();
-    auto last = need(tap.newest(without_limit), tap);
+    auto last = must_read(tap.newest(without_limit), tap);
     std::uint64_t after = last.empty() ? 0 : last.back().number;
     last = chosen_of(std::move(last), options.chosen);
     for (std::size_t i = last.size() - std::min(last.size(), options.lines); i < last.size(); ++i) {
-        print_row(last[i], out);
+        print_entry(last[i], out);
     }
     while (options.follow) {
         auto found = new_publications(tap, after);
         tell_of_gap(after, found, out);
         after = found.empty() ? after : found.back().number;
         for (const publication &each : chosen_of(std::move(found), options.chosen)) {
-            print_row(each, out);
+            print_entry(each, out);
         }
-        deadline(1).pause_ms(look_period_ms);
+        deadline(1).pause_ms(entry_look_period_ms);
     }
     return exit_done;
 }
@@ -206,26 +176,21 @@ struct wait_options {
 
 exit_status wait(const wait_options &options, const output &out) {
     tap_reader tap = open_tap();
-    const deadline until(options.timeout);
-    for (;;) {
-        const auto found =
-            chosen_of(need(tap.list(options.after, without_limit), tap), options.chosen);
-        if (!found.empty()) {
-            out.done(std::to_string(found.front().number), publication_json(found.front()));
-            return exit_done;
-        }
-        if (until.passed()) {
-            throw failure(exit_timed_out, "no such event was published in time");
-        }
-        until.pause_ms(look_period_ms);
+    const auto found = find_in_time(options.timeout, [&] {
+        const auto all =
+            chosen_of(must_read(tap.list(options.after, without_limit), tap), options.chosen);
+        return all.empty() ? std::nullopt : std::optional(all.front());
+    });
+    if (!found) {
+        throw failure(exit_timed_out, "no such event was published in time");
     }
+    out.done(std::to_string(found->number), publication_json(*found));
+    return exit_done;
 }
 
-exit_status mark(const output &out) {
+std::uint64_t newest_number() {
     tap_reader tap = open_tap();
-    const std::uint64_t number = need(tap.newest_number(), tap);
-    out.done(std::to_string(number), {{"id", number}});
-    return exit_done;
+    return must_read(tap.newest_number(), tap);
 }
 
 /* ---- the command line ---- */
@@ -235,13 +200,8 @@ void add_list(CLI::App &to, command_line &line) {
     CLI::App *command = add_command(to, "list", "Lists what the tap has, oldest first",
                                     "kzectl bus list --event origin --limit 5");
     add_event(command, options->chosen);
-    command->add_option("--after", options->after, "Only publications with a number above this")
-        ->check(CLI::Range(std::uint64_t{0}, UINT64_MAX).description(""));
-    command
-        ->add_option("--limit", options->limit,
-                     "At most so many: the newest, or with --after the oldest")
-        ->check(CLI::Range(std::size_t{1}, without_limit).description(""))
-        ->default_str("");
+    add_after(command, options->after, "publications");
+    add_limit(command, options->limit);
     on_chosen(command, line, [&line, options] { return list(*options, line.out); });
 }
 
@@ -250,8 +210,7 @@ void add_tail(CLI::App &to, command_line &line) {
     CLI::App *command =
         add_command(to, "tail", "Shows the newest publications, one a line", "kzectl bus tail -f");
     add_event(command, options->chosen);
-    command->add_option("-n,--lines", options->lines, "How many")->capture_default_str();
-    command->add_flag("-f,--follow", options->follow, "Go on with what comes, until Ctrl-C");
+    add_tail_options(command, options->lines, options->follow);
     on_chosen(command, line, [&line, options] { return tail(*options, line.out); });
 }
 
@@ -261,12 +220,7 @@ void add_wait(CLI::App &to, command_line &line) {
                                     "last=$(kzectl bus mark) && kzectl engine die && "
                                     "kzectl bus wait --event offline --after $last");
     add_event(command, options->chosen);
-    command
-        ->add_option("--after", options->after,
-                     "Only publications with a number above this; 0 takes one that is already "
-                     "there")
-        ->capture_default_str()
-        ->check(CLI::Range(std::uint64_t{0}, UINT64_MAX).description(""));
+    add_after_for_wait(command, options->after, "publications");
     command
         ->add_option("--contains", options->chosen.contains,
                      "Only one whose data, as far as it is kept, holds this text")
@@ -284,10 +238,7 @@ void add_bus_commands(CLI::App &app, command_line &line) {
     add_list(*group, line);
     add_tail(*group, line);
     add_wait(*group, line);
-    CLI::App *mark_command =
-        add_command(*group, "mark", "Prints the newest publication's number, for \"wait --after\"",
-                    "kzectl bus mark");
-    on_chosen(mark_command, line, [&line] { return mark(line.out); });
+    add_mark(*group, line, "publication", newest_number);
 }
 
 }  // namespace kze::ctl

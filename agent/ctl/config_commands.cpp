@@ -133,7 +133,7 @@ exit_status list(const std::string &module, const output &out) {
     }
     table rows;
     json values = json::array();
-    rows.add({{"MODULE", look::strong}, {"KEY", look::strong}, {"VALUE", look::strong}});
+    rows.add_heads({"MODULE", "KEY", "VALUE"});
     for (const store_entry &entry : entries) {
         if (!module.empty() && entry.module != module) {
             continue;

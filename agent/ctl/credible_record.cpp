@@ -203,13 +203,7 @@ void print_credible_actions(const json &event, const output &out) {
         out.line("Action of alert " + text_of(action, "alert_id") + ", " +
                  counted(action["processes"].size(), "process", "processes"));
         table rows;
-        rows.add({{"NODE", look::strong},
-                  {"PID", look::strong},
-                  {"CREATED", look::strong},
-                  {"PART", look::strong},
-                  {"MD5", look::strong},
-                  {"PATH", look::strong},
-                  {"COMMAND LINE", look::strong}});
+        rows.add_heads({"NODE", "PID", "CREATED", "PART", "MD5", "PATH", "COMMAND LINE"});
         for (const json &process : action["processes"]) {
             const bool alert = process["alert"];
             rows.add({{process["node_id"].dump(), look::faint},

@@ -2,7 +2,6 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdint>
-#include <limits>
 #include <map>
 #include <memory>
 #include <string>
@@ -11,7 +10,7 @@
 #include "agent/common/json_text.h"
 #include "agent/common/tree.h"
 #include "agent/ctl/command_line.h"
-#include "agent/ctl/deadline.h"
+#include "agent/ctl/entries.h"
 #include "agent/services/disposal_settings.h"
 #include "agent/services/record_reader.h"
 
@@ -22,19 +21,10 @@ using nlohmann::json;
 using services::kept_record;
 using services::record_reader;
 
-constexpr int look_period_ms = 100;
 constexpr unsigned int batch = 64;
 
 record_reader open_orders() {
     return record_reader(tree_path(services::disposal_orders.path), services::disposal_orders);
-}
-
-template <typename found>
-found need(std::optional<found> result, const record_reader &orders) {
-    if (!result) {
-        throw failure(exit_failed, orders.problem());
-    }
-    return std::move(*result);
 }
 
 /* The order with its number and its time. */
@@ -79,49 +69,27 @@ look look_of_fate(const std::string &fate) {
 
 /* ---- list, show ---- */
 
-struct list_options {
-    std::int64_t after = -1;
-    unsigned int limit = std::numeric_limits<unsigned int>::max();
-};
+std::vector<table::cell> order_row(const kept_record &record) {
+    const json order = order_json(record);
+    return {{std::to_string(record.id), look::strong},
+            {human_time(record.received_us), look::faint},
+            {std::to_string(order["tasks"].size())},
+            {fates_text(order)},
+            {answer_text(order)}};
+}
 
-exit_status list(const list_options &options, const output &out) {
+exit_status list(const list_range &range, const output &out) {
     record_reader orders = open_orders();
-    const auto found = need(options.after < 0 ? orders.newest(options.limit)
-                                              : orders.list(options.after, options.limit),
-                            orders);
-    json all = json::array();
-    for (const kept_record &record : found) {
-        all.push_back(order_json(record));
-    }
-    if (out.json()) {
-        out.done("", {{"orders", all}});
-        return exit_done;
-    }
-    table rows;
-    rows.add({{"ID", look::strong},
-              {"TIME", look::strong},
-              {"TASKS", look::strong},
-              {"PROCESSES", look::strong},
-              {"ANSWER", look::strong}});
-    for (const json &order : all) {
-        rows.add({{order["id"].dump(), look::strong},
-                  {human_time(order["received_us"]), look::faint},
-                  {std::to_string(order["tasks"].size())},
-                  {fates_text(order)},
-                  {answer_text(order)}});
-    }
-    rows.print(out);
-    return exit_done;
+    const auto found = must_read(
+        range.after < 0 ? orders.newest(range.limit) : orders.list(range.after, range.limit),
+        orders);
+    return print_list(found, "orders", {"ID", "TIME", "TASKS", "PROCESSES", "ANSWER"}, order_row,
+                      order_json, out);
 }
 
 void print_processes(const json &task, const output &out) {
     table rows;
-    rows.add({{"PID", look::strong},
-              {"CREATED", look::strong},
-              {"FATE", look::strong},
-              {"REASON", look::strong},
-              {"MD5", look::strong},
-              {"PATH", look::strong}});
+    rows.add_heads({"PID", "CREATED", "FATE", "REASON", "MD5", "PATH"});
     for (const json &process : task["processes"]) {
         const std::string fate = process.value("fate", "unknown");
         const std::string reason = printable(process.value("reason", ""));
@@ -157,7 +125,7 @@ void print_order(const json &order, const output &out) {
 
 exit_status show(std::int64_t id, const output &out) {
     record_reader orders = open_orders();
-    const auto found = need(orders.show(id), orders);
+    const auto found = must_read(orders.show(id), orders);
     if (found.empty()) {
         throw failure(exit_not_there, "there is no disposal order " + std::to_string(id));
     }
@@ -179,7 +147,11 @@ struct wait_options {
     double timeout = 30;
 };
 
+/* Done, and with such a process. */
 bool is_wanted(const wait_options &options, const json &order) {
+    if (!order.value("done", false)) {
+        return false;
+    }
     if (options.pid == 0 && options.fate.empty()) {
         return true;
     }
@@ -194,44 +166,24 @@ bool is_wanted(const wait_options &options, const json &order) {
     return false;
 }
 
-/* The first order behind the mark that is done and wanted; one in hand is looked at again. */
-std::optional<json> find_wanted(const wait_options &options, record_reader &orders) {
-    std::int64_t after = options.after;
-    for (;;) {
-        const auto found = need(orders.list(after, batch), orders);
-        for (const kept_record &record : found) {
-            after = record.id;
-            json order = order_json(record);
-            if (order.value("done", false) && is_wanted(options, order)) {
-                return order;
-            }
-        }
-        if (found.empty()) {
-            return std::nullopt;
-        }
-    }
-}
-
 exit_status wait(const wait_options &options, const output &out) {
     record_reader orders = open_orders();
-    const deadline until(options.timeout);
-    for (;;) {
-        if (const auto order = find_wanted(options, orders)) {
-            out.done((*order)["id"].dump(), *order);
-            return exit_done;
-        }
-        if (until.passed()) {
-            throw failure(exit_timed_out, "no such disposal order came in time");
-        }
-        until.pause_ms(look_period_ms);
+    const auto found = find_in_time(options.timeout, [&] {
+        std::int64_t after = options.after; /* each time, for an order in hand gets done */
+        return first_wanted(
+            after, [&](std::int64_t id) { return must_read(orders.list(id, batch), orders); },
+            [&](const kept_record &record) { return is_wanted(options, order_json(record)); });
+    });
+    if (!found) {
+        throw failure(exit_timed_out, "no such disposal order came in time");
     }
+    out.done(std::to_string(found->id), order_json(*found));
+    return exit_done;
 }
 
-exit_status mark(const output &out) {
+std::int64_t newest_id() {
     record_reader orders = open_orders();
-    const std::int64_t id = need(orders.newest_id(), orders);
-    out.done(std::to_string(id), {{"id", id}});
-    return exit_done;
+    return must_read(orders.newest_id(), orders);
 }
 
 exit_status mode(const std::string &wanted, const output &out) {
@@ -249,21 +201,13 @@ exit_status mode(const std::string &wanted, const output &out) {
 
 /* ---- the command line ---- */
 
-void add_after(CLI::App *command, std::int64_t &after) {
-    command->add_option("--after", after, "Only orders with a number above this")
-        ->check(CLI::Range(std::int64_t{0}, INT64_MAX).description(""));
-}
-
 void add_list(CLI::App &to, command_line &line) {
-    auto options = std::make_shared<list_options>();
+    auto range = std::make_shared<list_range>();
     CLI::App *command =
         add_command(to, "list", "Lists the orders, oldest first", "kzectl disposal list --limit 5");
-    add_after(command, options->after);
-    command
-        ->add_option("--limit", options->limit,
-                     "At most so many: the newest, or with --after the oldest")
-        ->check(CLI::Range(1U, UINT32_MAX).description(""));
-    on_chosen(command, line, [&line, options] { return list(*options, line.out); });
+    add_after(command, range->after, "orders");
+    add_limit(command, range->limit);
+    on_chosen(command, line, [&line, range] { return list(*range, line.out); });
 }
 
 void add_show(CLI::App &to, command_line &line) {
@@ -281,7 +225,7 @@ void add_wait(CLI::App &to, command_line &line) {
         to, "wait", "Waits for an order that is done and prints its number",
         "last=$(kzectl disposal mark) && kzectl engine credible --scene web --pid 4711 && "
         "kzectl disposal wait --after $last --pid 4711 --fate ended --timeout 10");
-    add_after(command, options->after);
+    add_after(command, options->after, "orders");
     command->add_option("--pid", options->pid, "Only an order with this process");
     command
         ->add_option("--fate", options->fate,
@@ -314,10 +258,7 @@ void add_disposal_commands(CLI::App &app, command_line &line) {
     add_list(*group, line);
     add_show(*group, line);
     add_wait(*group, line);
-    CLI::App *mark_command =
-        add_command(*group, "mark", "Prints the newest order's number, for \"wait --after\"",
-                    "kzectl disposal mark");
-    on_chosen(mark_command, line, [&line] { return mark(line.out); });
+    add_mark(*group, line, "order", newest_id);
     add_mode(*group, line);
 }
 

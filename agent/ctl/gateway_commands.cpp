@@ -4,13 +4,12 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <limits>
 #include <memory>
 #include <string>
 
 #include "agent/common/tree.h"
 #include "agent/ctl/command_line.h"
-#include "agent/ctl/deadline.h"
+#include "agent/ctl/entries.h"
 #include "agent/ctl/records.h"
 #include "agent/gateway/gateway.h"
 #include "agent/gateway/journal.h"
@@ -22,7 +21,6 @@ using gateway::journal_entry;
 using gateway::journal_reader;
 using nlohmann::json;
 
-constexpr int look_period_ms = 100;
 constexpr unsigned int batch = 256;
 
 std::string journal_path() {
@@ -58,39 +56,21 @@ int type_of(const std::string &text) {
 
 struct list_options {
     std::string type;
-    std::int64_t after = -1;
-    unsigned int limit = 0;
+    list_range range;
 };
 
 exit_status list(const list_options &options, const output &out) {
     journal_reader journal(journal_path());
     const int type = type_of(options.type);
-    const unsigned int limit =
-        options.limit == 0 ? std::numeric_limits<unsigned int>::max() : options.limit;
-    const auto found =
-        options.after < 0 ? journal.newest(type, limit) : journal.list(options.after, type, limit);
+    const auto [after, limit] = options.range;
+    const auto found = after < 0 ? journal.newest(type, limit) : journal.list(after, type, limit);
     if (!found) {
         fail(journal);
     }
-    if (out.json()) {
-        json records = json::array();
-        for (const journal_entry &entry : *found) {
-            records.push_back(record_json(with_content(journal, entry)));
-        }
-        out.done("", {{"records", records}});
-        return exit_done;
-    }
-    table rows;
-    rows.add({{"ID", look::strong},
-              {"TIME", look::strong},
-              {"TYPE", look::strong},
-              {"SIZE", look::strong},
-              {"CONTENT", look::strong}});
-    for (const journal_entry &entry : *found) {
-        rows.add(record_row(with_content(journal, entry)));
-    }
-    rows.print(out);
-    return exit_done;
+    return print_list(
+        *found, "records", {"ID", "TIME", "TYPE", "SIZE", "CONTENT"},
+        [&](const journal_entry &entry) { return record_row(with_content(journal, entry)); },
+        [&](const journal_entry &entry) { return record_json(with_content(journal, entry)); }, out);
 }
 
 struct show_options {
@@ -126,7 +106,8 @@ exit_status show(const show_options &options, const output &out) {
     return exit_done;
 }
 
-std::int64_t newest_id(journal_reader &journal) {
+std::int64_t newest_id() {
+    journal_reader journal(journal_path());
     const auto newest = journal.newest(0, 1);
     if (!newest && !journal.absent()) {
         fail(journal);
@@ -134,20 +115,12 @@ std::int64_t newest_id(journal_reader &journal) {
     return !newest || newest->empty() ? 0 : newest->back().id;
 }
 
-/* A row without a table around it: widths that fit what usually comes. */
-void print_row(const journal_entry &entry, const output &out) {
+void print_entry(const journal_entry &entry, const output &out) {
     if (out.json()) {
         out.json_line(record_json(entry));
-        return;
+    } else {
+        print_row(record_row(entry), out, {5, 12, 10, 9}); /* which fit what usually comes */
     }
-    const auto row = record_row(entry);
-    const auto padded = [&](std::size_t i, std::size_t width) {
-        const std::string &text = row[i].text;
-        return out.paint(row[i].with, text) +
-               std::string(text.size() < width ? width - text.size() : 0, ' ');
-    };
-    out.line(padded(0, 5) + "  " + padded(1, 12) + "  " + padded(2, 10) + "  " + padded(3, 9) +
-             "  " + row[4].text);
 }
 
 struct tail_options {
@@ -167,13 +140,13 @@ exit_status tail(const tail_options &options, const output &out) {
     for (const journal_entry &entry : last.value_or(std::vector<journal_entry>())) {
         after = entry.id;
         if (options.lines != 0) {
-            print_row(with_content(journal, entry), out);
+            print_entry(with_content(journal, entry), out);
         }
     }
     if (options.follow &&
         !journal.follow(
-            after, type, std::chrono::milliseconds(look_period_ms),
-            [&](const journal_entry &entry) { print_row(with_content(journal, entry), out); },
+            after, type, std::chrono::milliseconds(entry_look_period_ms),
+            [&](const journal_entry &entry) { print_entry(with_content(journal, entry), out); },
             [] { return true; })) {
         fail(journal);
     }
@@ -198,34 +171,23 @@ bool has_text(journal_reader &journal, const journal_entry &entry, const std::st
 exit_status wait(const wait_options &options, const output &out) {
     journal_reader journal(journal_path());
     const int type = type_of(options.type);
-    const deadline until(options.timeout);
     std::int64_t after = options.after;
-    for (;;) {
-        /* A journal that can't be read now may be replaced by the gateway in a moment. */
-        const auto found = journal.list(after, type, batch);
-        for (const journal_entry &entry : found.value_or(std::vector<journal_entry>())) {
-            after = entry.id;
-            if (has_text(journal, entry, options.contains)) {
-                json value = record_json(with_content(journal, entry));
-                out.done(std::to_string(entry.id), value);
-                return exit_done;
-            }
-        }
-        if (found && !found->empty()) {
-            continue;
-        }
-        if (until.passed()) {
-            throw failure(exit_timed_out, "no such record reached the gateway in time" +
-                                              (found ? std::string() : ": " + journal.problem()));
-        }
-        until.pause_ms(look_period_ms);
+    std::string trouble;
+    /* A journal that can't be read now may be replaced by the gateway in a moment. */
+    const auto next_above = [&](std::int64_t id) {
+        const auto found = journal.list(id, type, batch);
+        trouble = found ? "" : ": " + journal.problem();
+        return found.value_or(std::vector<journal_entry>());
+    };
+    const auto found = find_in_time(options.timeout, [&] {
+        return first_wanted(after, next_above, [&](const journal_entry &entry) {
+            return has_text(journal, entry, options.contains);
+        });
+    });
+    if (!found) {
+        throw failure(exit_timed_out, "no such record reached the gateway in time" + trouble);
     }
-}
-
-exit_status mark(const output &out) {
-    journal_reader journal(journal_path());
-    const std::int64_t id = newest_id(journal);
-    out.done(std::to_string(id), {{"id", id}});
+    out.done(std::to_string(found->id), record_json(with_content(journal, *found)));
     return exit_done;
 }
 
@@ -242,12 +204,8 @@ void add_list(CLI::App &to, command_line &line) {
     CLI::App *command = add_command(to, "list", "Lists the records, oldest first",
                                     "kzectl gateway list --type origin --limit 5");
     add_type(command, options->type);
-    command->add_option("--after", options->after, "Only records with a number above this")
-        ->check(CLI::Range(std::int64_t{0}, INT64_MAX).description(""));
-    command
-        ->add_option("--limit", options->limit,
-                     "At most so many: the newest, or with --after the oldest")
-        ->check(CLI::Range(1U, UINT32_MAX).description(""));
+    add_after(command, options->range.after, "records");
+    add_limit(command, options->range.limit);
     on_chosen(command, line, [&line, options] { return list(*options, line.out); });
 }
 
@@ -270,8 +228,7 @@ void add_tail(CLI::App &to, command_line &line) {
     CLI::App *command =
         add_command(to, "tail", "Shows the newest records, one a line", "kzectl gateway tail -f");
     add_type(command, options->type);
-    command->add_option("-n,--lines", options->lines, "How many")->capture_default_str();
-    command->add_flag("-f,--follow", options->follow, "Go on with what comes, until Ctrl-C");
+    add_tail_options(command, options->lines, options->follow);
     on_chosen(command, line, [&line, options] { return tail(*options, line.out); });
 }
 
@@ -283,11 +240,7 @@ void add_wait(CLI::App &to, command_line &line) {
                     "kzectl gateway wait --type alarm --after $last --timeout 10");
     add_type(command, options->type);
     command->get_option("--type")->required();
-    command
-        ->add_option("--after", options->after,
-                     "Only records with a number above this; 0 takes one that is already there")
-        ->capture_default_str()
-        ->check(CLI::Range(std::int64_t{0}, INT64_MAX).description(""));
+    add_after_for_wait(command, options->after, "records");
     command
         ->add_option("--contains", options->contains,
                      "Only a record that carries this text, compressed ones included")
@@ -306,10 +259,7 @@ void add_gateway_commands(CLI::App &app, command_line &line) {
     add_show(*group, line);
     add_tail(*group, line);
     add_wait(*group, line);
-    CLI::App *mark_command =
-        add_command(*group, "mark", "Prints the newest record's number, for \"wait --after\"",
-                    "kzectl gateway mark");
-    on_chosen(mark_command, line, [&line] { return mark(line.out); });
+    add_mark(*group, line, "record", newest_id);
 }
 
 }  // namespace kze::ctl

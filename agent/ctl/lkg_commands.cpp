@@ -4,14 +4,13 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
-#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "agent/common/tree.h"
 #include "agent/ctl/command_line.h"
-#include "agent/ctl/deadline.h"
+#include "agent/ctl/entries.h"
 #include "agent/services/record_reader.h"
 
 namespace kze::ctl {
@@ -21,19 +20,10 @@ using nlohmann::json;
 using services::kept_record;
 using services::record_reader;
 
-constexpr int look_period_ms = 100;
 constexpr unsigned int batch = 256;
 
 record_reader open_replies() {
     return record_reader(tree_path(services::linkage_replies.path), services::linkage_replies);
-}
-
-template <typename found>
-found need(std::optional<found> result, const record_reader &replies) {
-    if (!result) {
-        throw failure(exit_failed, replies.problem());
-    }
-    return std::move(*result);
 }
 
 json reply_json(const kept_record &reply) {
@@ -56,40 +46,18 @@ std::vector<table::cell> reply_row(const kept_record &reply) {
 
 /* ---- list, show ---- */
 
-struct list_options {
-    std::int64_t after = -1;
-    unsigned int limit = std::numeric_limits<unsigned int>::max();
-};
-
-exit_status list(const list_options &options, const output &out) {
+exit_status list(const list_range &range, const output &out) {
     record_reader replies = open_replies();
-    const auto found = need(options.after < 0 ? replies.newest(options.limit)
-                                              : replies.list(options.after, options.limit),
-                            replies);
-    if (out.json()) {
-        json all = json::array();
-        for (const kept_record &reply : found) {
-            all.push_back(reply_json(reply));
-        }
-        out.done("", {{"replies", all}});
-        return exit_done;
-    }
-    table rows;
-    rows.add({{"ID", look::strong},
-              {"TIME", look::strong},
-              {"REPLY", look::strong},
-              {"SIZE", look::strong},
-              {"CONTENT", look::strong}});
-    for (const kept_record &reply : found) {
-        rows.add(reply_row(reply));
-    }
-    rows.print(out);
-    return exit_done;
+    const auto found = must_read(
+        range.after < 0 ? replies.newest(range.limit) : replies.list(range.after, range.limit),
+        replies);
+    return print_list(found, "replies", {"ID", "TIME", "REPLY", "SIZE", "CONTENT"}, reply_row,
+                      reply_json, out);
 }
 
 exit_status show(std::int64_t id, bool raw, const output &out) {
     record_reader replies = open_replies();
-    const auto found = need(replies.show(id), replies);
+    const auto found = must_read(replies.show(id), replies);
     if (found.empty()) {
         throw failure(exit_not_there, "there is no linkage reply " + std::to_string(id));
     }
@@ -127,25 +95,20 @@ struct tail_options {
     bool follow = false;
 };
 
-void print_row(const kept_record &reply, const output &out) {
+void print_entry(const kept_record &reply, const output &out) {
     if (out.json()) {
         out.json_line(reply_json(reply));
-        return;
+    } else {
+        print_row(reply_row(reply), out);
     }
-    const auto row = reply_row(reply);
-    std::string text;
-    for (std::size_t i = 0; i < row.size(); ++i) {
-        text += (i == 0 ? "" : "  ") + out.paint(row[i].with, row[i].text);
-    }
-    out.line(text);
 }
 
 /* What is behind `after`, which it moves; from the beginning where the file was begun anew. */
 std::vector<kept_record> new_replies(record_reader &replies, std::int64_t &after) {
-    if (need(replies.newest_id(), replies) < after) {
+    if (must_read(replies.newest_id(), replies) < after) {
         after = 0;
     }
-    auto found = need(replies.list(after, batch), replies);
+    auto found = must_read(replies.list(after, batch), replies);
     if (!found.empty()) {
         after = found.back().id;
     }
@@ -154,18 +117,18 @@ std::vector<kept_record> new_replies(record_reader &replies, std::int64_t &after
 
 exit_status tail(const tail_options &options, const output &out) {
     record_reader replies = open_replies();
-    std::int64_t after = need(replies.newest_id(), replies);
-    for (const kept_record &reply : need(replies.newest(options.lines), replies)) {
-        print_row(reply, out);
+    std::int64_t after = must_read(replies.newest_id(), replies);
+    for (const kept_record &reply : must_read(replies.newest(options.lines), replies)) {
+        print_entry(reply, out);
         after = std::max(after, reply.id);
     }
     while (options.follow) {
         const auto found = new_replies(replies, after);
         for (const kept_record &reply : found) {
-            print_row(reply, out);
+            print_entry(reply, out);
         }
         if (found.size() < batch) {
-            deadline(1).pause_ms(look_period_ms);
+            deadline(1).pause_ms(entry_look_period_ms);
         }
     }
     return exit_done;
@@ -188,53 +151,39 @@ bool is_wanted(const wait_options &options, record_reader &replies, const kept_r
     if (options.contains.empty()) {
         return true;
     }
-    const auto whole = need(replies.show(reply.id), replies);
+    const auto whole = must_read(replies.show(reply.id), replies);
     return !whole.empty() && whole.front().data.find(options.contains) != std::string::npos;
 }
 
 exit_status wait(const wait_options &options, const output &out) {
     record_reader replies = open_replies();
-    const deadline until(options.timeout);
     std::int64_t after = options.after;
-    for (;;) {
-        const auto found = need(replies.list(after, batch), replies);
-        for (const kept_record &reply : found) {
-            after = reply.id;
-            if (is_wanted(options, replies, reply)) {
-                out.done(std::to_string(reply.id), reply_json(reply));
-                return exit_done;
-            }
-        }
-        if (!found.empty()) {
-            continue;
-        }
-        if (until.passed()) {
-            throw failure(exit_timed_out, "no such linkage reply came in time");
-        }
-        until.pause_ms(look_period_ms);
+    const auto found = find_in_time(options.timeout, [&] {
+        return first_wanted(
+            after, [&](std::int64_t id) { return must_read(replies.list(id, batch), replies); },
+            [&](const kept_record &reply) { return is_wanted(options, replies, reply); });
+    });
+    if (!found) {
+        throw failure(exit_timed_out, "no such linkage reply came in time");
     }
+    out.done(std::to_string(found->id), reply_json(*found));
+    return exit_done;
 }
 
-exit_status mark(const output &out) {
+std::int64_t newest_id() {
     record_reader replies = open_replies();
-    const std::int64_t id = need(replies.newest_id(), replies);
-    out.done(std::to_string(id), {{"id", id}});
-    return exit_done;
+    return must_read(replies.newest_id(), replies);
 }
 
 /* ---- the command line ---- */
 
 void add_list(CLI::App &to, command_line &line) {
-    auto options = std::make_shared<list_options>();
+    auto range = std::make_shared<list_range>();
     CLI::App *command =
         add_command(to, "list", "Lists the replies, oldest first", "kzectl lkg list --limit 5");
-    command->add_option("--after", options->after, "Only replies with a number above this")
-        ->check(CLI::Range(std::int64_t{0}, INT64_MAX).description(""));
-    command
-        ->add_option("--limit", options->limit,
-                     "At most so many: the newest, or with --after the oldest")
-        ->check(CLI::Range(1U, UINT32_MAX).description(""));
-    on_chosen(command, line, [&line, options] { return list(*options, line.out); });
+    add_after(command, range->after, "replies");
+    add_limit(command, range->limit);
+    on_chosen(command, line, [&line, range] { return list(*range, line.out); });
 }
 
 void add_show(CLI::App &to, command_line &line) {
@@ -250,8 +199,7 @@ void add_tail(CLI::App &to, command_line &line) {
     auto options = std::make_shared<tail_options>();
     CLI::App *command =
         add_command(to, "tail", "Shows the newest replies, one a line", "kzectl lkg tail -f");
-    command->add_option("-n,--lines", options->lines, "How many")->capture_default_str();
-    command->add_flag("-f,--follow", options->follow, "Go on with what comes, until Ctrl-C");
+    add_tail_options(command, options->lines, options->follow);
     on_chosen(command, line, [&line, options] { return tail(*options, line.out); });
 }
 
@@ -260,11 +208,7 @@ void add_wait(CLI::App &to, command_line &line) {
     CLI::App *command = add_command(to, "wait", "Waits for a reply and prints its number",
                                     "last=$(kzectl lkg mark) && kzectl request lkganal --text x && "
                                     "kzectl lkg wait --after $last --timeout 10");
-    command
-        ->add_option("--after", options->after,
-                     "Only replies with a number above this; 0 takes one that is already there")
-        ->capture_default_str()
-        ->check(CLI::Range(std::int64_t{0}, INT64_MAX).description(""));
+    add_after_for_wait(command, options->after, "replies");
     command->add_option("--contains", options->contains, "Only a reply that holds this text")
         ->type_name("STRING");
     CLI::Option *failed = command->add_flag("--failed", options->failed,
@@ -286,10 +230,7 @@ void add_lkg_commands(CLI::App &app, command_line &line) {
     add_show(*group, line);
     add_tail(*group, line);
     add_wait(*group, line);
-    CLI::App *mark_command =
-        add_command(*group, "mark", "Prints the newest reply's number, for \"wait --after\"",
-                    "kzectl lkg mark");
-    on_chosen(mark_command, line, [&line] { return mark(line.out); });
+    add_mark(*group, line, "reply", newest_id);
 }
 
 }  // namespace kze::ctl

@@ -78,7 +78,7 @@ exit_status show(const std::string &name, const output &out) {
         return exit_done;
     }
     table rows;
-    rows.add({{"FIELD", look::strong}, {"ANSWERED AS", look::strong}});
+    rows.add_heads({"FIELD", "ANSWERED AS"});
     for (const auto &[field, value] : content.fields) {
         rows.add({{field, look::accent}, {"\"" + printable(value) + "\""}});
     }

@@ -213,6 +213,32 @@ void output::done(std::string_view text, nlohmann::json value) const {
     json_line(value);
 }
 
+namespace {
+
+std::string row_text(const std::vector<table::cell> &row, const output &to,
+                     const std::vector<std::size_t> &widths) {
+    std::string text;
+    for (std::size_t i = 0; i < row.size(); ++i) {
+        text += to.paint(row[i].with, row[i].text);
+        if (i + 1 < row.size()) {
+            const std::size_t width = width_of(row[i].text);
+            const std::size_t wanted = i < widths.size() ? widths[i] : 0;
+            text += std::string(std::max(width, wanted) - width + 2, ' ');
+        }
+    }
+    return text;
+}
+
+}  // namespace
+
+void table::add_heads(std::initializer_list<const char *> heads) {
+    std::vector<cell> row;
+    for (const char *head : heads) {
+        row.push_back({head, look::strong});
+    }
+    add(std::move(row));
+}
+
 void table::print(const output &to, std::size_t indent) const {
     std::vector<std::size_t> widths;
     for (const auto &row : rows_) {
@@ -222,15 +248,13 @@ void table::print(const output &to, std::size_t indent) const {
         }
     }
     for (const auto &row : rows_) {
-        std::string text(indent, ' ');
-        for (std::size_t i = 0; i < row.size(); ++i) {
-            text += to.paint(row[i].with, row[i].text);
-            if (i + 1 < row.size()) {
-                text += std::string(widths[i] - width_of(row[i].text) + 2, ' ');
-            }
-        }
-        to.line(text);
+        to.line(std::string(indent, ' ') + row_text(row, to, widths));
     }
+}
+
+void print_row(const std::vector<table::cell> &row, const output &to,
+               const std::vector<std::size_t> &widths) {
+    to.line(row_text(row, to, widths));
 }
 
 }  // namespace kze::ctl

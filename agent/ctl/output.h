@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
@@ -65,12 +66,17 @@ class table {
     };
 
     void add(std::vector<cell> row) { rows_.push_back(std::move(row)); }
+    void add_heads(std::initializer_list<const char *> heads);
     bool empty() const { return rows_.empty(); }
     void print(const output &to, std::size_t indent = 0) const;
 
   private:
     std::vector<std::vector<cell>> rows_;
 };
+
+/* A row without a table around it, each cell at least as wide as its number in `widths` says. */
+void print_row(const std::vector<table::cell> &row, const output &to,
+               const std::vector<std::size_t> &widths = {});
 
 }  // namespace kze::ctl
 

@@ -193,12 +193,7 @@ std::string number_member(const json &object, const char *name) {
 
 void print_processes(const std::vector<json> &processes, const output &out) {
     table list;
-    list.add({{"PID", look::strong},
-              {"PPID", look::strong},
-              {"USER", look::strong},
-              {"NAME", look::strong},
-              {"MD5", look::strong},
-              {"PATH", look::strong}});
+    list.add_heads({"PID", "PPID", "USER", "NAME", "MD5", "PATH"});
     for (const json &process : processes) {
         list.add({{number_member(process, "pid")},
                   {number_member(process, "ppid"), look::faint},

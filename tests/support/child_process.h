@@ -67,14 +67,10 @@ class child_process {
         }
         return line;
     }
+    /* All of its output that was not read yet, until its end. */
+    std::string read_output() { return rest_of(output_); }
     /* All of its error output; for after its end. */
-    std::string read_errors() {
-        std::string text;
-        for (int c = std::getc(errors_); c != EOF; c = std::getc(errors_)) {
-            text.push_back(static_cast<char>(c));
-        }
-        return text;
-    }
+    std::string read_errors() { return rest_of(errors_); }
     void write_line(const std::string &text) {
         std::fprintf(input_, "%s\n", text.c_str());
         std::fflush(input_);
@@ -94,6 +90,14 @@ class child_process {
     }
 
   private:
+    static std::string rest_of(std::FILE *stream) {
+        std::string text;
+        for (int c = std::getc(stream); c != EOF; c = std::getc(stream)) {
+            text.push_back(static_cast<char>(c));
+        }
+        return text;
+    }
+
     pid_t pid_ = 0;
     std::FILE *input_ = nullptr;
     std::FILE *output_ = nullptr;

@@ -8,7 +8,7 @@
 #include "agent/common/module_frame.h"
 #include "agent/common/process_files.h"
 #include "tests/component/gateway/gateway_library.h"
-#include "tests/support/child_process.h"
+#include "tests/support/command_run.h"
 #include "tests/support/process_state.h"
 #include "tests/support/temp_tree.h"
 #include "trace.pb.h"
@@ -22,26 +22,9 @@ using kzav_trace::process_vertex;
 using nlohmann::json;
 using testing::HasSubstr;
 
-struct run_result {
-    int status;
-    std::string out;
-    std::string err;
-};
-
-run_result kzectl(std::vector<std::string> arguments) {
+command_run kzectl(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), KZECTL);
-    child_process program(arguments);
-    run_result result = {};
-    for (std::string line = program.read_line(); !line.empty(); line = program.read_line()) {
-        result.out += line + "\n";
-    }
-    for (std::string line = program.read_line(); !line.empty(); line = program.read_line()) {
-        result.out += line + "\n"; /* behind an empty line */
-    }
-    result.err = program.read_errors();
-    const int status = program.wait();
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return result;
+    return run_command(arguments);
 }
 
 kze::descriptor directory_of(pid_t pid) {
@@ -63,7 +46,7 @@ class ctl_credible : public ::testing::Test {
     std::string frame(std::vector<std::string> arguments) {
         const std::string file = tree.path("event.bin").string();
         arguments.insert(arguments.begin(), {"engine", "credible", "-o", file});
-        const run_result result = kzectl(arguments);
+        const command_run result = kzectl(arguments);
         EXPECT_EQ(result.status, 0) << result.err;
         return tree.read("event.bin");
     }

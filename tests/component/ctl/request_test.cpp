@@ -8,7 +8,7 @@
 
 #include "tests/component/ev_ipc/ipc_test.h"
 #include "tests/component/gateway/gateway_library.h"
-#include "tests/support/child_process.h"
+#include "tests/support/command_run.h"
 
 namespace kze_test {
 namespace {
@@ -17,27 +17,9 @@ using namespace std::string_literals;
 using nlohmann::json;
 using testing::HasSubstr;
 
-struct run_result {
-    int status;
-    std::string out;
-    std::string err;
-};
-
-run_result run(const std::vector<std::string> &command) {
-    child_process program(command);
-    run_result result = {};
-    for (std::string line = program.read_line(); !line.empty(); line = program.read_line()) {
-        result.out += line + "\n";
-    }
-    result.err = program.read_errors();
-    const int status = program.wait();
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return result;
-}
-
-run_result kzectl(std::vector<std::string> arguments) {
+command_run kzectl(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), KZECTL);
-    return run(arguments);
+    return run_command(arguments);
 }
 
 std::string response(int code) {
@@ -89,7 +71,7 @@ TEST_F(ctl_request, each_kind_goes_out_under_its_command_framed_where_it_is_to_b
         {"ioa", 102, header + "order"},
         {"lkganal", 1010, "order"}};
     for (const auto &[kind, cmd, body] : kinds) {
-        const run_result result = kzectl({"request", kind, "--text", "order"});
+        const command_run result = kzectl({"request", kind, "--text", "order"});
         EXPECT_EQ(result.status, 0) << result.err;
         EXPECT_THAT(result.out, HasSubstr("KZEMM_TRACE_OK")) << kind;
         ASSERT_FALSE(requests().empty());
@@ -106,7 +88,8 @@ TEST_F(ctl_request, a_body_comes_from_a_file_from_standard_input_or_is_empty) {
     const std::string file = tree.path("order.bin").string();
     EXPECT_EQ(kzectl({"request", "linkage", file}).status, 0);
     EXPECT_TRUE(requests().back().body == bytes);
-    EXPECT_EQ(run({"/bin/sh", "-c", "'" KZECTL "' request append - <'" + file + "'"}).status, 0);
+    EXPECT_EQ(
+        run_command({"/bin/sh", "-c", "'" KZECTL "' request append - <'" + file + "'"}).status, 0);
     EXPECT_TRUE(requests().back().body == bytes);
     EXPECT_EQ(kzectl({"request", "lkganal", "--text", ""}).status, 0);
     EXPECT_EQ(requests().back().body, "");
@@ -140,10 +123,10 @@ TEST_F(ctl_request, each_code_is_printed_by_its_name_and_has_an_exit_status_of_i
     for (const auto &[name, status] : codes) {
         requests(); /* what changes here was read before */
         ++code;
-        const run_result result = kzectl({"request", "append", "--text", "order"});
+        const command_run result = kzectl({"request", "append", "--text", "order"});
         EXPECT_EQ(result.status, status) << name;
         EXPECT_EQ(result.out.substr(0, name.size()), name);
-        const run_result program = kzectl({"--json", "request", "append", "--text", "order"});
+        const command_run program = kzectl({"--json", "request", "append", "--text", "order"});
         EXPECT_EQ(program.status, status) << name;
         const json value = json::parse(program.out);
         EXPECT_EQ(value["ok"], status == 0);
@@ -156,20 +139,20 @@ TEST_F(ctl_request, each_code_is_printed_by_its_name_and_has_an_exit_status_of_i
 TEST_F(ctl_request, many_at_once_are_counted_by_their_codes_and_the_first_refusal_decides) {
     int answered = 0;
     answer_with([&answered](const incoming &) { return response(answered++ < 7 ? 0 : 1); });
-    const run_result result =
+    const command_run result =
         kzectl({"--json", "request", "linkage", "--text", "order", "--count", "10"});
     EXPECT_EQ(result.status, 11);
     EXPECT_EQ(json::parse(result.out)["responses"],
               json({{{"code", 0}, {"name", "KZEMM_TRACE_OK"}, {"count", 7}},
                     {{"code", 1}, {"name", "KZEMM_TRACE_QUEUE_FULL"}, {"count", 3}}}));
-    const run_result text = kzectl({"request", "linkage", "--text", "order", "--count", "2"});
+    const command_run text = kzectl({"request", "linkage", "--text", "order", "--count", "2"});
     EXPECT_THAT(text.out, HasSubstr("2 KZEMM_TRACE_QUEUE_FULL"));
     EXPECT_EQ(requests().size(), 12U);
 }
 
 TEST_F(ctl_request, a_body_that_is_too_long_in_its_frame_is_refused_with_its_size) {
     tree.write("long.bin", std::string(VRD_IPC_MAX_BODY - 19, 'x'));
-    const run_result result = kzectl({"request", "hunting", tree.path("long.bin").string()});
+    const command_run result = kzectl({"request", "hunting", tree.path("long.bin").string()});
     EXPECT_EQ(result.status, 2);
     EXPECT_THAT(result.err, HasSubstr("16777197 bytes of body in a frame"));
 }
@@ -184,7 +167,7 @@ TEST_F(ctl_request, of_many_at_once_one_without_a_response_leaves_the_codes_of_t
                              static_cast<unsigned int>(bytes.size()));
         }
     });
-    const run_result result = kzectl(
+    const command_run result = kzectl(
         {"--json", "request", "linkage", "--text", "order", "--count", "4", "--timeout", "1"});
     EXPECT_EQ(result.status, 4);
     const json value = json::parse(result.out);
@@ -194,7 +177,7 @@ TEST_F(ctl_request, of_many_at_once_one_without_a_response_leaves_the_codes_of_t
     EXPECT_EQ(value["without_code"],
               json({{{"error", "the plug-in gave no response within 1 s"}, {"count", 1}}}));
     come = 0;
-    const run_result text =
+    const command_run text =
         kzectl({"request", "linkage", "--text", "order", "--count", "3", "--timeout", "1"});
     EXPECT_EQ(text.status, 4);
     EXPECT_EQ(text.out,
@@ -204,14 +187,14 @@ TEST_F(ctl_request, of_many_at_once_one_without_a_response_leaves_the_codes_of_t
 
 TEST_F(ctl_request, what_is_no_response_is_a_failure_with_its_reason) {
     answer_with([](const incoming &) { return "3200"s; });
-    const run_result result = kzectl({"request", "append", "--text", "order"});
+    const command_run result = kzectl({"request", "append", "--text", "order"});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.out, "");
     EXPECT_THAT(result.err, HasSubstr("the response can't be read: it has 4 bytes"));
 }
 
 TEST_F(ctl_request, without_the_plug_in_the_status_says_so) {
-    const run_result result = kzectl({"request", "append", "--text", "order"});
+    const command_run result = kzectl({"request", "append", "--text", "order"});
     EXPECT_EQ(result.status, 3);
     EXPECT_THAT(result.err, HasSubstr("\"agt_rpt\" isn't there"));
 }
@@ -220,7 +203,7 @@ TEST_F(ctl_request, a_plug_in_that_gives_no_response_is_waited_for_no_longer_tha
     loop_thread loop;
     const test_endpoint silent(loop, "agt_rpt", [](const incoming &) {});
     const auto begun = std::chrono::steady_clock::now();
-    const run_result result = kzectl({"request", "append", "--text", "x", "--timeout", "0.5"});
+    const command_run result = kzectl({"request", "append", "--text", "x", "--timeout", "0.5"});
     EXPECT_EQ(result.status, 4);
     EXPECT_THAT(result.err, HasSubstr("no response within 1 s"));
     EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(10));
@@ -247,7 +230,7 @@ TEST_F(ctl_request, command_lines_that_make_no_sense_are_refused_and_send_nothin
         {}};
     for (std::vector<std::string> arguments : wrong) {
         arguments.insert(arguments.begin(), "request");
-        const run_result result = kzectl(arguments);
+        const command_run result = kzectl(arguments);
         EXPECT_EQ(result.status, 2) << testing::PrintToString(arguments) << result.err;
     }
     EXPECT_TRUE(requests().empty());
@@ -293,7 +276,7 @@ TEST_F(ctl_ioa, status_has_the_stored_identifier_the_last_result_and_the_last_he
 }
 
 TEST_F(ctl_ioa, status_says_what_is_not_there_yet) {
-    const run_result result = kzectl({"--json", "ioa", "status"});
+    const command_run result = kzectl({"--json", "ioa", "status"});
     EXPECT_EQ(result.status, 0) << result.out;
     const json status = json::parse(result.out);
     for (const char *each : {"stored", "result", "hello"}) {

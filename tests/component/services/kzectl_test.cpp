@@ -5,6 +5,7 @@
 
 #include "agent/services/record_store.h"
 #include "tests/component/services/service_process.h"
+#include "tests/support/command_run.h"
 
 namespace kze_test {
 namespace {
@@ -12,25 +13,9 @@ namespace {
 using nlohmann::json;
 using testing::HasSubstr;
 
-struct run_result {
-    int status = -1;
-    std::string out;
-    std::string err;
-    json value; /* of what it printed, where that is JSON */
-};
-
-run_result kzectl(std::vector<std::string> arguments) {
+command_run kzectl(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), KZECTL);
-    child_process program(arguments);
-    run_result result;
-    for (std::string line = program.read_line(); !line.empty(); line = program.read_line()) {
-        result.out += line + "\n";
-    }
-    result.err = program.read_errors();
-    const int status = program.wait();
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    result.value = json::parse(result.out, nullptr, false);
-    return result;
+    return run_command(arguments);
 }
 
 class ModuleCommands : public service_test {
@@ -47,8 +32,8 @@ TEST_F(ModuleCommands, set_stores_all_fields_and_announces_the_module) {
     counter announced;
     const test_endpoint plugin(loop, "agt_rpt", nullptr,
                                [&](const incoming &) { announced.add(); });
-    const run_result set = kzectl({"--json", "config", "module", "set", "anti_bfa", "config=rules",
-                                   "enable=1", "ssh_enable=false"});
+    const command_run set = kzectl({"--json", "config", "module", "set", "anti_bfa", "config=rules",
+                                    "enable=1", "ssh_enable=false"});
     EXPECT_EQ(set.status, 0) << set.err;
     EXPECT_EQ(set.value["notified"], true) << set.out;
     EXPECT_EQ(set.value["fields"], json({"config", "enable", "ssh_enable"}));
@@ -63,7 +48,7 @@ TEST_F(ModuleCommands, value_comes_from_a_file_where_it_begins_with_an_at_sign) 
     const std::string path = tree.path("rules").string();
     EXPECT_EQ(kzectl({"config", "module", "set", "abnormal_login", "config=@" + path}).status, 0);
     EXPECT_EQ(fields_of("abnormal_login"), (json{{"config", "line one\nline two\n"}}));
-    const run_result missing =
+    const command_run missing =
         kzectl({"config", "module", "set", "abnormal_login", "config=@" + path + "x"});
     EXPECT_EQ(missing.status, 2);
     EXPECT_THAT(missing.err, HasSubstr("can't read " + path + "x"));
@@ -102,7 +87,7 @@ TEST_F(ModuleCommands, show_tells_what_is_missing_and_what_is_no_string) {
 }
 
 TEST_F(ModuleCommands, push_announces_without_a_change_and_fails_when_nobody_is_there) {
-    const run_result nobody = kzectl({"config", "module", "push", "trust_ip"});
+    const command_run nobody = kzectl({"config", "module", "push", "trust_ip"});
     EXPECT_EQ(nobody.status, 3);
     EXPECT_THAT(nobody.err, HasSubstr("\"agt_rpt\" takes no message"));
     loop_thread loop;
@@ -133,7 +118,7 @@ TEST_F(ModuleCommands, set_and_unset_of_a_value_below_mgr_announce_it_and_others
 TEST_F(ModuleCommands, change_is_made_and_nobody_notified_without_the_service) {
     kill_service();
     std::filesystem::remove(socket_path("agt_cfgc"));
-    const run_result set = kzectl({"config", "module", "set", "trust_ip", "white_ip={}"});
+    const command_run set = kzectl({"config", "module", "set", "trust_ip", "white_ip={}"});
     EXPECT_EQ(set.status, 0);
     EXPECT_THAT(set.out, HasSubstr("nobody is notified: the configuration service isn't running"));
     EXPECT_EQ(fields_of("trust_ip"), (json{{"white_ip", "{}"}}));
@@ -167,7 +152,7 @@ TEST_F(LkgCommands, replies_are_listed_shown_and_told_from_failures) {
     EXPECT_THAT(kzectl({"lkg", "tail", "-n", "5"}).out, HasSubstr("\\x1B[31m"));
     EXPECT_THAT(kzectl({"lkg", "show", "2"}).out, HasSubstr("the analysis failed"));
     EXPECT_EQ(kzectl({"--json", "lkg", "show", "1"}).value["content"], "{\"found\":\"\x1B[31m\"}");
-    EXPECT_EQ(kzectl({"lkg", "show", "1", "--raw"}).out, "{\"found\":\"\x1B[31m\"}\n");
+    EXPECT_EQ(kzectl({"lkg", "show", "1", "--raw"}).out, "{\"found\":\"\x1B[31m\"}");
     EXPECT_EQ(kzectl({"lkg", "mark"}).out, "2\n");
 }
 
@@ -200,7 +185,7 @@ TEST_F(LkgCommands, tail_goes_on_with_what_comes_and_into_a_new_file) {
 
 TEST_F(LkgCommands, file_that_is_no_database_is_a_failure_with_its_name) {
     tree.write("var/lib/linkage.db", std::string(5000, 'r'));
-    const run_result result = kzectl({"lkg", "list"});
+    const command_run result = kzectl({"lkg", "list"});
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.err, HasSubstr("linkage.db"));
 }
@@ -235,12 +220,16 @@ TEST_F(DisposalCommands, there_is_nothing_before_the_first_order) {
 
 TEST_F(DisposalCommands, orders_are_listed_and_shown_with_the_fate_of_each_process) {
     ASSERT_TRUE(orders_.add(order(4711, "ended")) && orders_.add(order(4712, "", false)));
-    const run_result list = kzectl({"disposal", "list"});
+    const command_run list = kzectl({"disposal", "list"});
     EXPECT_THAT(list.out, HasSubstr("1 ended"));
     EXPECT_THAT(list.out, HasSubstr("code -30015, why"));
     EXPECT_THAT(list.out, HasSubstr("begun, and no end is known"));
     EXPECT_EQ(kzectl({"--json", "disposal", "list", "--limit", "1"}).value["orders"][0]["id"], 2);
-    const run_result show = kzectl({"disposal", "show", "1"});
+    const json behind =
+        kzectl({"--json", "disposal", "list", "--after", "0", "--limit", "1"}).value;
+    ASSERT_EQ(behind["orders"].size(), 1U);
+    EXPECT_EQ(behind["orders"][0]["id"], 1);
+    const command_run show = kzectl({"disposal", "show", "1"});
     EXPECT_THAT(show.out, HasSubstr("1 ended"));
     EXPECT_EQ(show.out.find('\x1B'), std::string::npos);
     const json whole = kzectl({"--json", "disposal", "show", "1"}).value;
@@ -253,6 +242,8 @@ TEST_F(DisposalCommands, wait_ends_with_the_order_that_fits_and_is_done) {
                 orders_.add(order(4711, "ended")));
     EXPECT_EQ(kzectl({"disposal", "wait"}).out, "2\n");
     EXPECT_EQ(kzectl({"disposal", "wait", "--pid", "4711", "--fate", "ended"}).out, "3\n");
+    EXPECT_EQ(kzectl({"disposal", "wait", "--fate", "ended"}).out, "3\n");
+    EXPECT_EQ(kzectl({"disposal", "wait", "--after", "2"}).out, "3\n");
     EXPECT_EQ(kzectl({"disposal", "wait", "--pid", "4712", "--timeout", "0.2"}).status, 4);
     EXPECT_EQ(kzectl({"disposal", "wait", "--fate", "dead"}).status, 2);
     child_process waiting({KZECTL, "disposal", "wait", "--pid", "1", "--timeout", "20"});
