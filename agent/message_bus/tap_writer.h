@@ -14,8 +14,8 @@ namespace kze::bus {
 
 /*
  * Goes on with the numbers of the file that is there. A file that is no tap is replaced; one that
- * is taken away, moved or cut is begun anew with the next publication. One writer at a time has a tap, in all
- * processes. One thread at a time.
+ * is taken away, moved or cut is begun anew with the next publication. One writer at a time has a
+ * tap, in all processes. One thread at a time.
  */
 class tap_writer {
   public:

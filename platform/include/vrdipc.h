@@ -107,8 +107,9 @@ VRDIPC_API vrd_ipc_st *vrd_ipc_create_temp(const char *name, int flags);
  * destroys its own endpoint. Another thread waits for a callback that is just running, so it must
  * not hold what that callback waits for. When one thread destroys an endpoint that another one is
  * destroying already, it waits for the other, unless it is inside a callback of the endpoint: then
- * it returns at once, and the other completes what is pending. Null and destroyed handles are ignored. In a forked child
- * the parent's endpoints are left to the parent: the handle is given up, and nothing else happens.
+ * it returns at once, and the other completes what is pending. Null and destroyed handles are
+ * ignored. In a forked child the parent's endpoints are left to the parent: the handle is given up,
+ * and nothing else happens.
  */
 VRDIPC_API void vrd_ipc_destroy(vrd_ipc_st *ipc);
 
