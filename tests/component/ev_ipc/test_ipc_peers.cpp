@@ -9,6 +9,7 @@
 
 #include "tests/component/ev_ipc/ipc_test.h"
 #include "tests/support/process_state.h"
+#include "tests/support/sanitizers.h"
 
 namespace kze_test {
 namespace {
@@ -530,11 +531,9 @@ TEST_F(peers, may_hold_256_connections_and_the_next_is_turned_away) {
 }
 
 TEST_F(peers, wait_while_no_descriptor_is_left_and_are_served_when_there_is) {
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer)
-    GTEST_SKIP() << "the undefined-behaviour checks need a descriptor themselves";
-#endif
-#endif
+    if (address_sanitizer) {
+        GTEST_SKIP() << "the undefined-behaviour checks need a descriptor themselves";
+    }
     test_endpoint service(loop, "service", echo);
     expect_served();
     const raw_socket peer = connect();
