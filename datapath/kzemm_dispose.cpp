@@ -39,8 +39,9 @@ constexpr size_t max_request_bytes = 0xA00000;
 constexpr size_t least_of_process = 2;
 constexpr size_t least_of_alert = 42;
 
-// What an event and its request may take of memory, beside their texts. A part that says anything
-// takes less than a hundred times its bytes; only events of nothing but empty parts exceed this.
+// What an event and its request may take of memory, beside their texts. A part takes some hundreds
+// of bytes whatever it says: an event of the largest size exceeds this where its parts say next to
+// nothing, in two to four bytes each.
 constexpr size_t max_event_memory = size_t{1} << 30;
 
 // What a message may hold of memory beyond its delivery.

@@ -61,6 +61,11 @@ void echo(const incoming &request) {
               VRD_IPC_OK);
 }
 
+void on_echo_request(vrd_ipc_st *ipc, vrd_addr_st *from, unsigned int id, unsigned int cmd,
+                     const char *data, unsigned int len, void * /*user*/) {
+    vrd_ipc_response(ipc, from, id, cmd, data, len);
+}
+
 test_endpoint::test_endpoint(loop_thread &loop, vrd_ipc_st *(*create)(const char *, int),
                              const std::string &name)
     : loop_(loop) {

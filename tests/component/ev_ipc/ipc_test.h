@@ -59,6 +59,11 @@ using incoming_handler = std::function<void(const incoming &)>;
 // Answers with the request's own command and body.
 void echo(const incoming &request);
 
+// The same, to be given to vrd_ipc_on_request() by a test that has the endpoint on its own thread.
+// Whether the answer leaves is not looked at.
+void on_echo_request(vrd_ipc_st *ipc, vrd_addr_st *from, unsigned int id, unsigned int cmd,
+                     const char *data, unsigned int len, void *);
+
 // An endpoint on a loop, destroyed on that loop's thread.
 class test_endpoint {
   public:

@@ -151,12 +151,7 @@ TEST_F(foreign_user, with_an_endpoint_serves_root) {
         }
         cl_ev_loop_nowait(0);
         vrd_ipc_st *const ipc = vrd_ipc_create("service", 0);
-        vrd_ipc_on_request(
-            ipc,
-            [](vrd_ipc_st *self, vrd_addr_st *from, unsigned int id, unsigned int cmd,
-               const char *data, unsigned int len,
-               void *) { vrd_ipc_response(self, from, id, cmd, data, len); },
-            nullptr);
+        vrd_ipc_on_request(ipc, on_echo_request, nullptr);
         if (ipc == nullptr || write(ready[1], "r", 1) != 1) {
             _exit(1);
         }

@@ -317,12 +317,7 @@ TEST_F(sockets, are_left_to_the_parent_by_a_forked_child_that_ends_or_destroys_t
     std::thread([&] {
         ASSERT_EQ(cl_ev_loop_nowait(1), 0);
         vrd_ipc_st *const service = vrd_ipc_create("service", 0);
-        vrd_ipc_on_request(
-            service,
-            [](vrd_ipc_st *ipc, vrd_addr_st *from, unsigned int id, unsigned int cmd,
-               const char *data, unsigned int len,
-               void *) { vrd_ipc_response(ipc, from, id, cmd, data, len); },
-            nullptr);
+        vrd_ipc_on_request(service, on_echo_request, nullptr);
         const raw_socket peer = raw_socket::connect_to(socket_path("service"));
         const test_address address("service");
         replies got;
