@@ -47,4 +47,13 @@ std::optional<json> parse_json(std::string_view text, std::string &problem) {
     return std::nullopt;
 }
 
+std::optional<std::int64_t> number_in(const json &value, std::int64_t low, std::int64_t high) {
+    if (!value.is_number_integer() ||
+        (value.is_number_unsigned() && value.get<std::uint64_t>() > INT64_MAX)) {
+        return std::nullopt;
+    }
+    const auto number = value.get<std::int64_t>();
+    return number >= low && number <= high ? std::optional(number) : std::nullopt;
+}
+
 }  // namespace kze

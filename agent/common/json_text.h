@@ -2,6 +2,7 @@
 #ifndef KZE_AGENT_COMMON_JSON_TEXT_H
 #define KZE_AGENT_COMMON_JSON_TEXT_H
 
+#include <cstdint>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -18,6 +19,10 @@ constexpr int json_depth_bound = 64;
  * "line 3, column 7: not valid JSON"; lines and columns (in bytes) count from 1. Any thread.
  */
 std::optional<nlohmann::json> parse_json(std::string_view text, std::string &problem);
+
+/* A whole number from low to high; empty for any other number and any other value. Any thread. */
+std::optional<std::int64_t> number_in(const nlohmann::json &value, std::int64_t low,
+                                      std::int64_t high);
 
 }  // namespace kze
 

@@ -14,15 +14,10 @@ namespace {
 constexpr char no_rules_id[] = "0";
 
 /* A member that is a whole number within bounds; empty for any other. */
-std::optional<std::int64_t> number_in(const nlohmann::json &object, const char *key,
+std::optional<std::int64_t> member_in(const nlohmann::json &object, const char *key,
                                       std::int64_t low, std::int64_t high) {
     const auto found = object.find(key);
-    if (found == object.end() || !found->is_number_integer() ||
-        (found->is_number_unsigned() && found->get<std::uint64_t>() > INT64_MAX)) {
-        return std::nullopt;
-    }
-    const auto number = found->get<std::int64_t>();
-    return number >= low && number <= high ? std::optional(number) : std::nullopt;
+    return found == object.end() ? std::nullopt : number_in(*found, low, high);
 }
 
 }  // namespace
@@ -36,9 +31,9 @@ std::optional<ioa_report> read_ioa_report(int type, std::string_view content) {
     if (!object || !object->is_object()) {
         return std::nullopt;
     }
-    const auto agent = number_in(*object, "agentId", INT64_MIN, INT64_MAX);
+    const auto agent = member_in(*object, "agentId", INT64_MIN, INT64_MAX);
     const auto rules = object->find("rulesId");
-    const auto res = number_in(*object, "res", INT_MIN, INT_MAX);
+    const auto res = member_in(*object, "res", INT_MIN, INT_MAX);
     const bool is_result = type == KZEMM_DATA_CTMIOA_RESULT;
     if (!agent || rules == object->end() || !rules->is_string() || (is_result && !res)) {
         return std::nullopt;

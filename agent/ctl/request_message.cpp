@@ -53,11 +53,14 @@ response_code read_response(std::string_view frame) {
     if (!answer) {
         return {std::nullopt, problem};
     }
-    if (!answer->is_object() || !answer->contains("resp_code") ||
-        !(*answer)["resp_code"].is_number_integer()) {
+    const std::optional<std::int64_t> code =
+        answer->is_object() && answer->contains("resp_code")
+            ? number_in((*answer)["resp_code"], INT32_MIN, INT32_MAX)
+            : std::nullopt;
+    if (!code) {
         return {std::nullopt, "it has no resp_code"};
     }
-    return {(*answer)["resp_code"].get<int>(), ""};
+    return {static_cast<int>(*code), ""};
 }
 
 const char *response_name(int code) {

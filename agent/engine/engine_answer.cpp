@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <climits>
 
+#include "agent/common/json_text.h"
+
 namespace kze::engine {
 namespace {
 
@@ -91,14 +93,12 @@ std::string read_number(const json &in, const char *key, std::int64_t low, std::
     if (!has_member(in, key)) {
         return {};
     }
-    const json &value = in.at(key);
-    if (!value.is_number_integer() ||
-        (value.is_number_unsigned() && value.get<std::uint64_t>() > INT64_MAX) ||
-        value.get<std::int64_t>() < low || value.get<std::int64_t>() > high) {
+    const std::optional<std::int64_t> number = number_in(in.at(key), low, high);
+    if (!number) {
         return std::string("\"") + key + "\" must be a whole number from " + std::to_string(low) +
                " to " + std::to_string(high);
     }
-    out = value.get<std::int64_t>();
+    out = *number;
     return {};
 }
 

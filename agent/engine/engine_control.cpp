@@ -8,6 +8,7 @@
 
 #include "agent/common/control.h"
 #include "agent/common/descriptor.h"
+#include "agent/common/json_text.h"
 #include "agent/engine/engine_server.h"
 #include "agent/engine/process_snapshot.h"
 #include "agent/engine/service.h"
@@ -171,26 +172,28 @@ json engine_server::control_die(const json &request) {
 
 json engine_server::control_silent(const json &request) {
     const auto found = request.find("seconds");
-    const bool given = found != request.end();
-    if (given && (!found->is_number_unsigned() || found->get<std::uint64_t>() > silent_limit_s)) {
+    const std::optional<std::int64_t> seconds =
+        found == request.end() ? 0 : number_in(*found, 0, silent_limit_s);
+    if (!seconds) {
         return control_error(
             "\"seconds\" must be a whole number from 0 to 86400; 0, or none, "
             "means until \"clear\"");
     }
-    const int seconds = given ? found->get<int>() : 0;
     silent_until_ =
-        seconds == 0 ? clock::time_point::max() : clock::now() + std::chrono::seconds(seconds);
+        *seconds == 0 ? clock::time_point::max() : clock::now() + std::chrono::seconds(*seconds);
     clients_.set_silent(true);
     kze_log(2, "told to be silent");
     return {{"ok", true}};
 }
 
 json engine_server::control_rule_text(const json &request) {
-    const auto found = request.find("type");
-    if (found == request.end() || !found->is_number_integer()) {
+    const std::optional<std::int64_t> type =
+        number_in(request.value("type", json()), INT32_MIN, INT32_MAX);
+    if (!type) {
         return control_error("\"type\" must be a capability's number");
     }
-    const std::string *text = calls_.rules().find(found->get<int>(), text_of(request, "part"));
+    const std::string *text =
+        calls_.rules().find(static_cast<int>(*type), text_of(request, "part"));
     if (text == nullptr) {
         return control_error("no rule text has come for that type");
     }

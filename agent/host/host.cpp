@@ -12,6 +12,7 @@
 #include <cstring>
 #include <memory>
 
+#include "agent/common/json_text.h"
 #include "agent/common/tree.h"
 #include "agent/host/log_level.h"
 #include "agent/host/process_figures.h"
@@ -43,11 +44,11 @@ void unblock_in_child() {
 }
 
 json set_log_level(const json &request) {
-    const auto level = request.find("level");
-    if (level == request.end() || !level->is_number_integer() || *level < 0 || *level > 4) {
+    const std::optional<std::int64_t> level = number_in(request.value("level", json()), 0, 4);
+    if (!level) {
         return control_error("\"level\" is a number from 0 to 4");
     }
-    const std::string problem = change_log_level(level->get<int>());
+    const std::string problem = change_log_level(static_cast<int>(*level));
     return problem.empty() ? json{{"ok", true}} : control_error(problem);
 }
 

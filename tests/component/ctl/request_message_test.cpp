@@ -64,8 +64,8 @@ TEST(read_response, has_a_problem_and_no_code_for_each_defect) {
         EXPECT_FALSE(read_response(bad).code) << at;
         EXPECT_NE(read_response(bad).problem, "") << at;
     }
-    for (const char *text :
-         {"", "{}", "[0]", "0", "{\"resp_code\":\"0\"}", "{\"resp_code\":0.5}"}) {
+    for (const char *text : {"", "{}", "[0]", "0", "{\"resp_code\":\"0\"}", "{\"resp_code\":0.5}",
+                             "{\"resp_code\":4294967296}"}) {
         EXPECT_FALSE(read_response(response(text)).code) << text;
     }
 }

@@ -188,6 +188,9 @@ TEST_F(EngineClient, rule_text_reaches_the_engine_unchanged_and_ends_in_its_call
     const json kept = tree.ask({{"op", "rule-text"}, {"type", 7}});
     EXPECT_EQ(kept.at("bytes"), 22);
     EXPECT_EQ(kept.at("text"), std::string("rules\0with any\\xff bytes", 25));
+    const std::int64_t too_large = 7 + (std::int64_t{1} << 32);
+    EXPECT_EQ(tree.ask({{"op", "rule-text"}, {"type", too_large}}),
+              (json{{"ok", false}, {"error", "\"type\" must be a capability's number"}}));
 }
 
 TEST_F(EngineClient, rule_text_of_no_known_type_or_without_bytes_fails) {

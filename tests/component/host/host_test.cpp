@@ -198,7 +198,8 @@ TEST_F(host, makes_the_file_for_the_log_level_where_there_is_none) {
 
 TEST_F(host, refuses_levels_that_are_none) {
     run("good", {"good"});
-    for (const json &level : {json(-1), json(5), json("3"), json(2.5), json(nullptr)}) {
+    for (const json &level :
+         {json(-1), json(5), json(1LL << 32), json("3"), json(2.5), json(nullptr)}) {
         EXPECT_EQ(ask({{"op", "log-level"}, {"level", level}}),
                   (json{{"ok", false}, {"error", "\"level\" is a number from 0 to 4"}}));
     }

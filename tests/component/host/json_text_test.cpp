@@ -50,4 +50,20 @@ TEST(json_text, depth_counts_up_to_its_bound) {
     EXPECT_EQ(problem_of(nested(1000000)), "arrays and objects lie deeper than 64");
 }
 
+TEST(number_in, takes_whole_numbers_within_its_bounds_only) {
+    using kze::number_in;
+    EXPECT_EQ(number_in(-2, -2, 3), -2);
+    EXPECT_EQ(number_in(3U, -2, 3), 3);
+    EXPECT_EQ(number_in(-3, -2, 3), std::nullopt);
+    EXPECT_EQ(number_in(4U, -2, 3), std::nullopt);
+    EXPECT_EQ(number_in(INT64_MIN, INT64_MIN, INT64_MAX), INT64_MIN);
+    EXPECT_EQ(number_in(INT64_MAX, INT64_MIN, INT64_MAX), INT64_MAX);
+    EXPECT_EQ(number_in(UINT64_MAX, INT64_MIN, INT64_MAX), std::nullopt);
+    for (const nlohmann::json &other :
+         {nlohmann::json(), nlohmann::json(1.0), nlohmann::json(true), nlohmann::json("1"),
+          nlohmann::json::array(), nlohmann::json::object()}) {
+        EXPECT_EQ(number_in(other, -2, 3), std::nullopt) << other;
+    }
+}
+
 }  // namespace
