@@ -92,6 +92,46 @@ std::string rotated_path(const std::string &path, unsigned int rotations) {
     return path.substr(0, dot) + "." + std::to_string(rotations) + path.substr(dot);
 }
 
+/* Not valid where it can't be opened. */
+descriptor open_log(const std::string &path, unsigned int rotations) {
+    return descriptor(::open(rotated_path(path, rotations).c_str(), O_RDONLY | O_CLOEXEC));
+}
+
+/* 0 of no file. */
+off_t size_of(const descriptor &file) {
+    struct stat info {};
+    return ::fstat(file.get(), &info) == 0 ? info.st_size : 0;
+}
+
+log_file_id id_of(const descriptor &file) {
+    struct statx info {};
+    if (::statx(file.get(), "", AT_EMPTY_PATH, STATX_INO | STATX_BTIME, &info) != 0) {
+        return {};
+    }
+    const bool has_time = (info.stx_mask & STATX_BTIME) != 0;
+    return {info.stx_ino,
+            has_time ? info.stx_btime.tv_sec * 1'000'000'000 + info.stx_btime.tv_nsec : 0};
+}
+
+/* Shows the log's files, the newest first, with how often each was rotated, until `take` says that
+ * it has what it looks for; whether it did. A rotation gives files the next higher number, so none
+ * is missed, and leaves one name free for a moment. */
+template <typename Take>
+bool any_file(const std::string &path, const Take &take) {
+    bool was_free = false;
+    for (unsigned int rotations = 0;; ++rotations) {
+        descriptor file = open_log(path, rotations);
+        const bool is_free = !file.valid();
+        if (is_free && was_free) {
+            return false;
+        }
+        if (!is_free && take(rotations, file)) {
+            return true;
+        }
+        was_free = is_free;
+    }
+}
+
 template <typename Number>
 bool read_number(const char *&at, const char *end, Number &out) {
     const auto result = std::from_chars(at, end, out);
@@ -154,13 +194,20 @@ std::optional<log_record> parse_log_line(const std::string &line) {
 }
 
 log_mark end_of_log(const std::string &path) {
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0 ? log_mark{info.st_size, info.st_ino} : log_mark{};
+    log_mark end;
+    any_file(path, [&end](unsigned int, const descriptor &file) {
+        end = {size_of(file), id_of(file)};
+        return true;
+    });
+    return end;
 }
 
 std::string to_text(const log_mark &mark) {
-    return std::to_string(mark.offset) +
-           (mark.file == 0 ? std::string() : "@" + std::to_string(mark.file));
+    std::string text = std::to_string(mark.offset);
+    if (mark.file.known()) {
+        text += "@" + std::to_string(mark.file.inode) + "." + std::to_string(mark.file.made_ns);
+    }
+    return text;
 }
 
 std::optional<log_mark> parse_log_mark(const std::string &text) {
@@ -169,7 +216,8 @@ std::optional<log_mark> parse_log_mark(const std::string &text) {
     const char *const end = at + text.size();
     bool good = read_number(at, end, mark.offset) && mark.offset >= 0;
     if (good && at != end && *at == '@') {
-        good = read_number(++at, end, mark.file);
+        good = read_number(++at, end, mark.file.inode) && at != end && *at == '.' &&
+               read_number(++at, end, mark.file.made_ns);
     }
     return good && at == end ? std::optional<log_mark>(mark) : std::nullopt;
 }
@@ -184,59 +232,56 @@ std::string log_mark_problem(const std::string &text) {
 
 log_reader::log_reader(std::string path, log_mark from) : path_(std::move(path)), from_(from) {}
 
-bool log_reader::open_at(const std::string &path, off_t offset) {
-    descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+bool log_reader::go_to(descriptor file, off_t offset) {
     if (!file.valid()) {
         return false;
     }
+    id_ = id_of(file);
     file_ = std::move(file);
-    struct stat info {};
-    inode_ = ::fstat(file_.get(), &info) == 0 ? info.st_ino : 0;
     buffer_.clear();
     buffer_offset_ = offset;
     return true;
 }
 
-/* How often the file was rotated, by the name it has now; nothing when it is none of the log's. */
-std::optional<unsigned int> log_reader::rotations_of(const struct stat &file) const {
-    struct stat there {};
-    for (unsigned int rotations = 0;; ++rotations) {
-        const bool found = ::stat(rotated_path(path_, rotations).c_str(), &there) == 0;
-        if (found && there.st_ino == file.st_ino && there.st_dev == file.st_dev) {
-            return rotations;
+/* How often our file was rotated, by the name it has now; nothing when it is none of the log's. */
+std::optional<unsigned int> log_reader::rotations() const {
+    std::optional<unsigned int> ours;
+    any_file(path_, [&](unsigned int rotations, const descriptor &file) {
+        if (id_of(file) == id_) {
+            ours = rotations;
         }
-        /* During a rotation one name is free for a moment. */
-        struct stat behind {};
-        if (!found && ::stat(rotated_path(path_, rotations + 1).c_str(), &behind) != 0) {
-            return std::nullopt;
-        }
-    }
+        return ours.has_value();
+    });
+    return ours;
 }
 
 bool log_reader::open_oldest() {
-    unsigned int rotations = 0;
-    while (::access(rotated_path(path_, rotations + 1).c_str(), F_OK) == 0) {
-        ++rotations;
-    }
-    return open_at(rotated_path(path_, rotations), 0);
+    descriptor oldest;
+    any_file(path_, [&oldest](unsigned int, descriptor &file) {
+        oldest = std::move(file);
+        return false;
+    });
+    return go_to(std::move(oldest), 0);
+}
+
+bool log_reader::open_marked() {
+    return any_file(path_, [this](unsigned int, descriptor &file) {
+        return id_of(file) == from_.file && size_of(file) >= from_.offset &&
+               go_to(std::move(file), from_.offset);
+    });
 }
 
 bool log_reader::open_first() {
-    if (from_.file != 0) {
-        struct stat marked {};
-        for (unsigned int rotations = 0;
-             ::stat(rotated_path(path_, rotations).c_str(), &marked) == 0; ++rotations) {
-            if (marked.st_ino == from_.file && marked.st_size >= from_.offset) {
-                return open_at(rotated_path(path_, rotations), from_.offset);
-            }
-        }
-        return open_oldest();
+    if (from_.file.known()) {
+        return open_marked() || open_oldest();
     }
-    if (file_size(path_) >= from_.offset) {
-        return open_at(path_, from_.offset);
+    descriptor current = open_log(path_, 0);
+    if (size_of(current) >= from_.offset) {
+        return go_to(std::move(current), from_.offset);
     }
-    const std::string older = rotated_path(path_, 1);
-    return file_size(older) >= from_.offset ? open_at(older, from_.offset) : open_at(path_, 0);
+    descriptor older = open_log(path_, 1);
+    return size_of(older) >= from_.offset ? go_to(std::move(older), from_.offset)
+                                          : go_to(std::move(current), 0);
 }
 
 /* Reads what was written meanwhile. False when there is nothing new. */
@@ -256,16 +301,20 @@ bool log_reader::fill() {
 
 /* At the end of a file that isn't the one at our path any more. */
 bool log_reader::go_on_with_newer_file() {
-    struct stat ours {};
-    if (::fstat(file_.get(), &ours) != 0) {
-        return false;
-    }
-    const std::optional<unsigned int> rotations = rotations_of(ours);
-    if (rotations == 0U || (!rotations && ::access(path_.c_str(), F_OK) != 0)) {
+    const std::optional<unsigned int> now = rotations();
+    if (now == 0U || (!now && ::access(path_.c_str(), F_OK) != 0)) {
         return false;
     }
     /* Records may have come between our last read and the renaming. */
-    return fill() || (rotations ? open_at(rotated_path(path_, *rotations - 1), 0) : open_oldest());
+    if (fill()) {
+        return true;
+    }
+    if (!now) {
+        return open_oldest();
+    }
+    descriptor newer = open_log(path_, *now - 1);
+    /* After another rotation meanwhile that name is another file's: looked for anew. */
+    return rotations() != now || go_to(std::move(newer), 0);
 }
 
 std::optional<log_line> log_reader::next() {
@@ -280,7 +329,7 @@ std::optional<log_line> log_reader::next() {
             line.offset = buffer_offset_;
             buffer_.erase(0, end + 1);
             buffer_offset_ += static_cast<off_t>(end + 1);
-            line.next = {buffer_offset_, inode_};
+            line.next = {buffer_offset_, id_};
             return line;
         }
         if (!fill() && !go_on_with_newer_file()) {

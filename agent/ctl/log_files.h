@@ -2,9 +2,9 @@
 #ifndef KZE_AGENT_CTL_LOG_FILES_H
 #define KZE_AGENT_CTL_LOG_FILES_H
 
-#include <sys/stat.h>
 #include <sys/types.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <utility>
@@ -20,16 +20,28 @@ std::string log_path(const std::string &name);
 /* The names that log_path knows in this tree now. */
 std::vector<std::string> log_names();
 
+/* One file, whatever its name is now. The time it was made tells it from a later one with the same
+ * inode. */
+struct log_file_id {
+    ino_t inode = 0;          /* 0 when the file isn't known */
+    std::int64_t made_ns = 0; /* since 1970; 0 where the file system doesn't keep it */
+
+    bool known() const { return inode != 0; }
+    bool operator==(const log_file_id &other) const {
+        return inode == other.inode && made_ns == other.made_ns;
+    }
+};
+
 /* A place in a log. With its file it is found again however often the log was rotated since, as
  * long as the file is kept. */
 struct log_mark {
     off_t offset = 0;
-    ino_t file = 0; /* the inode; 0 when it isn't known */
+    log_file_id file;
 };
 
 /* Where the log ends now; the beginning when there is no file. */
 log_mark end_of_log(const std::string &path);
-/* "OFFSET@FILE", or "OFFSET" alone when the file isn't known. */
+/* "OFFSET@INODE.TIME", the time in nanoseconds, or "OFFSET" alone when the file isn't known. */
 std::string to_text(const log_mark &mark);
 /* Nothing when it is no such text. */
 std::optional<log_mark> parse_log_mark(const std::string &text);
@@ -66,16 +78,18 @@ class log_reader {
      * oldest one on. Without a known file: when the current one is shorter than the offset, it was
      * rotated since, and what is left of the rotated one comes first. */
     log_reader(std::string path, log_mark from);
-    log_reader(std::string path, off_t offset) : log_reader(std::move(path), log_mark{offset, 0}) {}
+    log_reader(std::string path, off_t offset)
+        : log_reader(std::move(path), log_mark{offset, {}}) {}
 
     /* The next line, or nothing when there is none at the moment. */
     std::optional<log_line> next();
 
   private:
-    bool open_at(const std::string &path, off_t offset);
+    bool go_to(descriptor file, off_t offset);
     bool open_first();
+    bool open_marked();
     bool open_oldest();
-    std::optional<unsigned int> rotations_of(const struct stat &file) const;
+    std::optional<unsigned int> rotations() const;
     bool fill();
     bool go_on_with_newer_file();
 
@@ -84,7 +98,7 @@ class log_reader {
     descriptor file_;
     std::string buffer_;      /* read, and not given out yet */
     off_t buffer_offset_ = 0; /* where it begins in the file */
-    ino_t inode_ = 0;         /* of the file */
+    log_file_id id_;          /* of the file */
 };
 
 /* The offset at which the last `count` lines begin; 0 when there are fewer, or no file. */

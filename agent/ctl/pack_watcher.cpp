@@ -33,7 +33,7 @@ std::string time_at(const std::string &path, log_mark mark) {
     std::string time;
     log_reader reader(path, log_mark{0, mark.file});
     for (auto line = reader.next();
-         line && line->offset < mark.offset && (mark.file == 0 || line->next.file == mark.file);
+         line && line->offset < mark.offset && (!mark.file.known() || line->next.file == mark.file);
          line = reader.next()) {
         if (const auto record = parse_log_line(line->text)) {
             time = record->time;
