@@ -93,14 +93,14 @@ descriptor open_running_thread(int process_directory) {
     }
     tasks.release();
     while (const dirent *const entry = ::readdir(list.get())) {
-        const int directory =
-            ::openat(::dirfd(list.get()), entry->d_name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        const auto stat = directory < 0 ? std::nullopt : read_process_stat(directory);
-        if (stat && stat->state != 'Z' && stat->state != 'X') {
-            return descriptor(directory);
+        if (entry->d_name[0] == '.') {
+            continue;
         }
-        if (directory >= 0) {
-            ::close(directory);
+        descriptor thread(
+            ::openat(::dirfd(list.get()), entry->d_name, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        const auto stat = thread.valid() ? read_process_stat(thread.get()) : std::nullopt;
+        if (stat && stat->state != 'Z' && stat->state != 'X') {
+            return thread;
         }
     }
     return descriptor(-1);

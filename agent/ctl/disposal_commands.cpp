@@ -27,11 +27,35 @@ record_reader open_orders() {
     return record_reader(tree_path(services::disposal_orders.path), services::disposal_orders);
 }
 
+/* Whether it is one as the service keeps it, as far as it is read here. */
+bool is_order(const json &order) {
+    try {
+        order.value("done", false);
+        order.value("code", 0);
+        order.value("msg", "");
+        order.value("agent_id", "");
+        for (const json &task : order.at("tasks").get_ref<const json::array_t &>()) {
+            task.value("task_id", "");
+            task.value("alert_id", "");
+            for (const json &process : task.at("processes").get_ref<const json::array_t &>()) {
+                process.at("pid").get<std::uint64_t>();
+                process.at("create_time").get<std::uint64_t>();
+                for (const char *const text : {"fate", "reason", "md5", "path"}) {
+                    process.value(text, "");
+                }
+            }
+        }
+    } catch (const json::exception &) {
+        return false;
+    }
+    return true;
+}
+
 /* The order with its number and its time. */
 json order_json(const kept_record &record) {
-    std::string problem;
+    std::string problem = "it is no order";
     std::optional<json> order = parse_json(record.data, problem);
-    if (!order || !order->is_object()) {
+    if (!order || !is_order(*order)) {
         throw failure(exit_failed,
                       "disposal order " + std::to_string(record.id) + " can't be read: " + problem);
     }

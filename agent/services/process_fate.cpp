@@ -136,6 +136,9 @@ std::optional<process_fate> check_identity(const described_process &wanted,
     if (start_ticks != wanted.create_time) {
         return another("the process of this id was created at " + std::to_string(start_ticks));
     }
+    if (bytes.empty()) {
+        return failed(dsp::DSP_ERROR_ENGRT_PROCESS_ENUM_INFO, "its executable can't be told");
+    }
     if (const std::string path = text_of_bytes(bytes, escaped); path != wanted.path) {
         return another("the process of this id runs \"" + path + "\"");
     }

@@ -19,7 +19,7 @@ constexpr int records_version = 1;
 
 inline constexpr record_kind linkage_replies{"@/../var/lib/linkage.db", "replies",
                                              "linkage replies", 80};
-/* Each is a JSON object (order_record.h). */
+/* Each is a JSON object (disposal_order.h). */
 inline constexpr record_kind disposal_orders{"@/../var/lib/disposal.db", "orders",
                                              "disposal orders", INT_MAX};
 

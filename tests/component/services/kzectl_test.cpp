@@ -252,6 +252,29 @@ TEST_F(DisposalCommands, wait_ends_with_the_order_that_fits_and_is_done) {
     EXPECT_EQ(waiting.wait(), 0);
 }
 
+TEST_F(DisposalCommands, a_record_that_is_no_order_is_told_and_not_shown) {
+    const auto order_of = [](const std::string &process) {
+        return R"({"done":true,"tasks":[{"processes":[)" + process + "]}]}";
+    };
+    const std::string good = R"({"pid":1,"create_time":7})";
+    ASSERT_TRUE(orders_.add(order_of(good)));
+    EXPECT_EQ(kzectl({"disposal", "list"}).status, 0);
+    for (const std::string &bad :
+         {std::string("[]"), std::string("{}"), std::string("7"), std::string(R"({"tasks":{}})"),
+          std::string(R"({"tasks":[7]})"), std::string(R"({"tasks":[{}]})"), order_of("7"),
+          order_of(R"({"pid":1})"), order_of(R"({"create_time":7})"),
+          order_of(R"({"pid":"1","create_time":7})"),
+          order_of(R"({"pid":1,"create_time":7,"fate":7})")}) {
+        ASSERT_TRUE(orders_.replace(1, bad));
+        for (const char *command : {"list", "wait"}) {
+            const command_run run = kzectl({"disposal", command});
+            EXPECT_EQ(run.status, 1) << bad;
+            EXPECT_THAT(run.err, HasSubstr("disposal order 1 can't be read: it is no order"));
+        }
+        EXPECT_EQ(kzectl({"disposal", "show", "1"}).status, 1) << bad;
+    }
+}
+
 TEST_F(DisposalCommands, mode_is_reporting_until_it_is_changed_and_keeps_the_rest_of_the_file) {
     tree.write("config/agent.ini", "; a comment\n[agent]\nkind = standard\n");
     EXPECT_EQ(kzectl({"--json", "disposal", "mode"}).value["kill"], false);
