@@ -9,6 +9,7 @@
 #include <new>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "config/kzemm_config.h"
@@ -28,7 +29,7 @@ struct kzemm_config_inspector {
 struct vrd_ipc_st {};
 struct vrd_addr_st {};
 
-using testing::Contains;
+using testing::UnorderedElementsAre;
 
 namespace {
 
@@ -94,12 +95,10 @@ void operator delete[](void *memory, size_t) noexcept {
 
 namespace {
 
-struct line {
-    int level;
-    std::string text;
-};
+using line = std::pair<int, std::string>;  // level and text
+using lines = std::vector<line>;
 
-std::vector<line> s_lines;
+lines s_lines;
 unsigned int s_sent_up = 0;
 vrd_ipc_reply_cb s_callback = nullptr;
 void *s_context = nullptr;
@@ -145,15 +144,10 @@ class kzemm_dispose_memory_test : public testing::Test {
         done = result;
     }
 
-    // The texts of what was logged last, up to so many.
-    static std::vector<std::string> last_texts(size_t number) {
-        std::vector<std::string> texts;
-        for (const line &each : s_lines) {
-            texts.push_back(each.text);
-        }
-        texts.erase(texts.begin(),
-                    texts.end() - static_cast<std::ptrdiff_t>(std::min(texts.size(), number)));
-        return texts;
+    // What was logged last, up to so many lines.
+    static lines last_lines(size_t number) {
+        const auto count = static_cast<std::ptrdiff_t>(std::min(s_lines.size(), number));
+        return {s_lines.end() - count, s_lines.end()};
     }
 
     void TearDown() override { s_lines = {}; }
@@ -169,29 +163,35 @@ TEST_F(kzemm_dispose_memory_test, does_no_harm_whichever_allocation_fails) {
     std::string frame = event();
     int failures = 0;
     int not_done = 0;
-    std::set<std::vector<std::string>> ends;
+    std::set<lines> ends;
     for (int failing = 1; failing == 1 || s_failed; ++failing) {
         SCOPED_TRACE(failing);
         run(frame, failing);
         failures += s_failed;
         not_done += !done;
         if (!done) {
-            const std::vector<std::string> end = last_texts(3);
-            EXPECT_EQ(s_sent_up, end.back() == "send_event_to_autodsp failed" ? 1U : 0U);
+            const lines end = last_lines(3);
+            EXPECT_EQ(s_sent_up, end.back().second == "send_event_to_autodsp failed" ? 1U : 0U);
             ends.insert(end);
         }
     }
     EXPECT_GT(failures, 10);
     EXPECT_GT(not_done, 10);
-    using texts = std::vector<std::string>;
-    EXPECT_THAT(ends, Contains(texts{"start do auto dispose",
-                                     "parse qd_engine_sub_credible data to proto failed"}));
-    EXPECT_THAT(ends,
-                Contains(texts{"serialize trace info pb data failed.",
-                               "change data dispose state failed", "send_event_to_thtgw failed"}));
-    EXPECT_THAT(
-        ends, Contains(texts{"serialize auto dispose data failed.",
-                             "build auto dispose pbdata failed.", "send_event_to_autodsp failed"}));
+    const line start = {4, "start do auto dispose"};
+    const line no_frame = {2, "change data dispose state failed"};
+    const line not_sent_up = {1, "send_event_to_thtgw failed"};
+    const line not_disposed = {1, "send_event_to_autodsp failed"};
+    EXPECT_THAT(ends, UnorderedElementsAre(
+                          lines{start, {1, "no memory for auto dispose"}},
+                          lines{start, {2, "parse qd_engine_sub_credible data to proto failed"}},
+                          lines{{4, "check auto dispose switch end"}, no_frame, not_sent_up},
+                          lines{{2, "serialize trace info pb data failed."}, no_frame, not_sent_up},
+                          lines{{1, "serialize auto dispose data failed."},
+                                {2, "build auto dispose pbdata failed."},
+                                not_disposed},
+                          lines{{4, "string data add module header done, data len: %d"},
+                                {2, "new auto dispose ipc ctx failed"},
+                                not_disposed}));
     run(frame, never);
     EXPECT_TRUE(done) << "the next event is handled as ever";
 }
