@@ -106,14 +106,18 @@ origin_data_reaches_the_gateway() {
     saw "$(row Processes) processes"
     saw "raw $(row Raw)"
     expect 'the message bus gets the same data, uncompressed'
-    published origin "$bus_from"
+    published origin "$bus_from" "\"size\":$(row Raw | sed -E 's/.*\(([0-9]+) bytes\).*/\1/'),"
 }
 
-# published EVENT MARK: the bus took such an event behind the mark.
+# published EVENT MARK PART: the bus took such an event behind the mark, and its description as JSON
+# has this part.
 published() {
     run_waiting "$kzectl" bus wait --event "$1" --after "$2" --timeout 15 ||
         missed "$(tail -n 1 "$work/err")"
-    saw "event $(cat "$work/out") of the bus, $1"
+    "$kzectl" --json bus list --event "$1" --after "$2" >"$work/published"
+    grep -qF "$3" "$work/published" || missed "no event with $3"
+    saw "an event of the bus, $1, with $3"
+    show "$kzectl" bus tail -n 1 --event "$1"
 }
 
 # pass_unchanged KIND TYPE: the engine delivers a file, the gateway gets the same bytes.
@@ -159,7 +163,7 @@ outage_is_noticed_and_mended() {
         missed "$(tail -n 1 "$work/err")"
     saw "record $(cat "$work/out") of type 5, origin"
     expect 'the message bus hears of the outage'
-    published offline "$bus_from"
+    published offline "$bus_from" '"content":"offline"'
 }
 
 waits_grow_while_the_engine_stays_away() {

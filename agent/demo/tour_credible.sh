@@ -104,6 +104,7 @@ credible_event_goes_up_while_disposal_is_off() {
 
 reused_id_is_not_hit() {
     step 'A process id that belongs to another process by now'
+    note 'The event tells of an earlier process with this id, by its creation time.'
     local orders
     turn_disposal 3
     orders=$("$kzectl" disposal mark)

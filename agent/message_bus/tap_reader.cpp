@@ -29,14 +29,28 @@ std::optional<publication> read_slot(int file, off_t place, std::uint64_t after)
     return publication{slot.number, slot.published_us, slot.size, slot.event_id, std::move(data)};
 }
 
+/* Those above that number, by where they lie. */
+std::vector<publication> read_slots(int file, std::uint64_t after) {
+    std::vector<publication> found;
+    for (std::uint64_t each = 1; each <= tap_form.slots; ++each) {
+        if (auto whole = read_slot(file, tap_place(each), after)) {
+            found.push_back(std::move(*whole));
+        }
+    }
+    return found;
+}
+
+bool is_older(const publication &a, const publication &b) {
+    return a.number < b.number;
+}
+
 }  // namespace
 
 std::optional<std::vector<publication>> tap_reader::all_above(std::uint64_t after) {
-    std::vector<publication> found;
     const descriptor file(open(path_.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file.valid()) {
         if (errno == ENOENT) {
-            return found;
+            return std::vector<publication>();
         }
         problem_ = path_ + ": " + std::strerror(errno);
         return std::nullopt;
@@ -45,13 +59,19 @@ std::optional<std::vector<publication>> tap_reader::all_above(std::uint64_t afte
         problem_ = path_ + " is no tap of the message bus";
         return std::nullopt;
     }
-    for (std::uint64_t each = 1; each <= tap_form.slots; ++each) {
-        if (auto whole = read_slot(file.get(), tap_place(each), after)) {
-            found.push_back(std::move(*whole));
-        }
+    /* What comes during a look may lie where it has looked already, and what follows it where it
+     * looks next. All up to the newest that a first look finds are there before the second. */
+    std::vector<publication> found = read_slots(file.get(), after);
+    const auto newest = std::max_element(found.begin(), found.end(), is_older);
+    if (newest == found.end()) {
+        return found;
     }
-    std::sort(found.begin(), found.end(),
-              [](const publication &a, const publication &b) { return a.number < b.number; });
+    const std::uint64_t last = newest->number;
+    found = read_slots(file.get(), after);
+    found.erase(std::remove_if(found.begin(), found.end(),
+                               [last](const publication &each) { return each.number > last; }),
+                found.end());
+    std::sort(found.begin(), found.end(), is_older);
     return found;
 }
 

@@ -1,6 +1,7 @@
 /* kzectl bus and kzectl gateway: which entries list, tail and wait take. */
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <csignal>
 #include <filesystem>
@@ -103,6 +104,37 @@ TEST_F(BusCommands, tail_takes_the_newest_lines_and_goes_on) {
     EXPECT_THAT(following.read_line(), HasSubstr("\"fourth\""));
     ASSERT_TRUE(tap_.add(event_offline, "fifth"));
     EXPECT_THAT(following.read_line(), HasSubstr("\"fifth\""));
+    following.signal(SIGTERM);
+    following.wait();
+}
+
+TEST_F(BusCommands, tail_that_was_overtaken_says_by_how_many) {
+    publish_four();
+    child_process following({KZECTL, "bus", "tail", "-f", "-n", "1"});
+    EXPECT_THAT(following.read_line(), HasSubstr("fourth"));
+    following.signal(SIGSTOP);
+    int status = 0;
+    ASSERT_EQ(waitpid(following.pid(), &status, WUNTRACED), following.pid());
+    constexpr int more = 1030; /* of which the ring keeps 1,024 */
+    for (int i = 0; i < more; ++i) {
+        ASSERT_TRUE(tap_.add(event_origin, "later"));
+    }
+    following.signal(SIGCONT);
+    EXPECT_EQ(following.read_line(), "6 publications were overwritten");
+    EXPECT_THAT(following.read_line(), StartsWith("11  "));
+    following.signal(SIGTERM);
+    following.wait();
+}
+
+TEST_F(BusCommands, tail_goes_on_with_a_tap_that_was_begun_anew) {
+    publish_four();
+    child_process following({KZECTL, "bus", "tail", "-f", "-n", "1"});
+    EXPECT_THAT(following.read_line(), HasSubstr("fourth"));
+    std::filesystem::remove(kze::tree_path(kze::bus::tap_path));
+    ASSERT_TRUE(tap_.add(event_origin, "first of the new one"));
+    const std::string line = following.read_line();
+    EXPECT_THAT(line, StartsWith("1  "));
+    EXPECT_THAT(line, HasSubstr("first of the new one"));
     following.signal(SIGTERM);
     following.wait();
 }

@@ -231,6 +231,45 @@ TEST_F(bus_tap_test, a_reader_beside_the_writer_sees_whole_publications_only) {
     writer.join();
 }
 
+// The follower is stopped in the midst of a look again and again, and the writer passes it by.
+TEST_F(bus_tap_test, a_follower_that_is_held_up_within_the_rings_length_misses_nothing) {
+    constexpr std::uint64_t rounds = 30;
+    constexpr std::uint64_t at_a_time = tap_form.slots / 2;
+    tap_writer tap(path);
+    fill(tap, at_a_time);
+    int caught_up[2];
+    ASSERT_EQ(pipe2(caught_up, O_CLOEXEC), 0);
+    const pid_t follower = fork();
+    ASSERT_GE(follower, 0);
+    if (follower == 0) {
+        std::uint64_t read = 0;
+        while (true) {
+            for (const std::uint64_t number : numbers(list(read))) {
+                if (number != ++read) {
+                    _exit(1);
+                }
+                if (read % at_a_time == 0 && write(caught_up[1], "", 1) != 1) {
+                    _exit(2);
+                }
+            }
+        }
+    }
+    close(caught_up[1]);
+    char byte = 0;
+    for (std::uint64_t round = 0; round < rounds; ++round) {
+        const bool has_all = read(caught_up[0], &byte, 1) == 1;
+        kill(follower, has_all ? SIGSTOP : SIGKILL);
+        int status = 0;
+        ASSERT_EQ(waitpid(follower, &status, WUNTRACED), follower);
+        ASSERT_TRUE(WIFSTOPPED(status)) << "it missed one in round " << round;
+        fill(tap, at_a_time);
+        kill(follower, SIGCONT);
+    }
+    close(caught_up[0]);
+    kill(follower, SIGKILL);
+    waitpid(follower, nullptr, 0);
+}
+
 TEST_F(bus_tap_test, a_writer_that_is_killed_leaves_whole_publications) {
     const pid_t child = fork();
     ASSERT_GE(child, 0);
