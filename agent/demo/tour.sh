@@ -106,7 +106,7 @@ origin_data_reaches_the_gateway() {
     saw "$(row Processes) processes"
     saw "raw $(row Raw)"
     expect 'the message bus gets the same data, uncompressed'
-    published origin "$bus_from" "\"size\":$(row Raw | sed -E 's/.*\(([0-9]+) bytes\).*/\1/'),"
+    published origin "$bus_from" "\"size\":$(row Raw | sed -E 's/^[^(]*\(([0-9]+) bytes\).*/\1/'),"
 }
 
 # published EVENT MARK PART: the bus took such an event behind the mark, and its description as JSON
