@@ -99,6 +99,9 @@ int library::send(int type, const char *data, unsigned int size) {
     if (result != GATEWAY_ACCEPTED) {
         ++refusals_.full;
     }
+    if (result == GATEWAY_JOURNAL_FULL) {
+        parts->queue.tell_of_full_journal();
+    }
     return result;
 }
 

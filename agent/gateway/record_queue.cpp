@@ -28,8 +28,6 @@ gateway_result record_queue::reserve(unsigned int size) {
         return GATEWAY_QUEUE_FULL;
     }
     if (journal_bytes_ + used_bytes_ + size > limits_.journal_bytes) {
-        journal_refused_ = true;
-        changed_.notify_one();
         return GATEWAY_JOURNAL_FULL;
     }
     used_bytes_ += size;
@@ -68,6 +66,12 @@ int record_queue::add(int type, const char *data, unsigned int size) {
         changed_.notify_one();
     }
     return GATEWAY_ACCEPTED;
+}
+
+void record_queue::tell_of_full_journal() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    journal_refused_ = true;
+    changed_.notify_one();
 }
 
 void record_queue::take(std::vector<record> &batch) {

@@ -25,8 +25,8 @@ struct record {
 /*
  * What is taken by the writer still counts against the bounds until the writer gives its room back,
  * so that they bound the memory and not just the queue.
- * add, close and closing may be called from any thread; take, pause and give_back by the one
- * writer.
+ * add, tell_of_full_journal, close and closing may be called from any thread; take, pause and
+ * give_back by the one writer.
  */
 class record_queue {
   public:
@@ -35,11 +35,13 @@ class record_queue {
     /* Copies the data and appends it. Returns a gateway_result: accepted, queue or
      * journal full, or no memory. */
     int add(int type, const char *data, unsigned int size);
+    /* Wakes the writer after such a refusal; it finds what was counted before this. */
+    void tell_of_full_journal();
 
     /*
-     * Waits for records or for a refusal because of a full journal, then up to commit_ms for others
+     * Waits for records or for word of a full journal, then up to commit_ms for others
      * to join them (not while the queue fills up), and moves all of them into the batch, which is
-     * empty. Comes back with an empty batch after such a refusal, and when the queue is closed and
+     * empty. Comes back with an empty batch after such word, and when the queue is closed and
      * empty.
      */
     void take(std::vector<record> &batch);

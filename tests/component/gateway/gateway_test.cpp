@@ -334,6 +334,18 @@ TEST_F(gateway, refuses_past_the_journals_bound_and_keeps_what_it_took) {
     EXPECT_TRUE(eventually([&] { return counter(GATEWAY_COUNT_REFUSED_FULL) == 2; }));
 }
 
+TEST_F(gateway, counts_each_refusal_of_a_full_journal_without_waiting_for_the_next) {
+    set("journal_bytes = 1024\nretry_ms = 10\n");
+    const gateway_library library;
+    ASSERT_EQ(library.send(KZEMM_DATA_ALARM, std::string(1024, 'x')), GATEWAY_ACCEPTED);
+    ASSERT_TRUE(eventually_holds(1));
+    for (int refused = 1; refused <= 100; ++refused) {
+        EXPECT_EQ(library.send(KZEMM_DATA_ALARM, "x"), GATEWAY_JOURNAL_FULL);
+        ASSERT_TRUE(eventually([&] { return counter(GATEWAY_COUNT_REFUSED_FULL) == refused; }))
+            << refused;
+    }
+}
+
 TEST_F(gateway, knows_from_the_start_how_full_the_journal_is) {
     set("journal_bytes = 1024\n");
     {
