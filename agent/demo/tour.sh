@@ -116,7 +116,7 @@ published() {
         missed "$(tail -n 1 "$work/err")"
     "$kzectl" --json bus list --event "$1" --after "$2" >"$work/published"
     grep -qF "$3" "$work/published" || missed "no event with $3"
-    saw "an event of the bus, $1, with $3"
+    saw "an event of the bus, $1, with ${3%,}"
     show "$kzectl" bus tail -n 1 --event "$1"
 }
 

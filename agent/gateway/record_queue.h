@@ -39,10 +39,9 @@ class record_queue {
     void tell_of_full_journal();
 
     /*
-     * Waits for records or for word of a full journal, then up to commit_ms for others
-     * to join them (not while the queue fills up), and moves all of them into the batch, which is
-     * empty. Comes back with an empty batch after such word, and when the queue is closed and
-     * empty.
+     * Waits for records or for word of a full journal, then up to commit_ms for others to join them
+     * (not while the queue fills up), and moves all of them into the batch, which is empty. Comes
+     * back with an empty batch after such word, and when the queue is closed and empty.
      */
     void take(std::vector<record> &batch);
     /* Waits for that long, or until the queue is closed. */

@@ -104,8 +104,6 @@ TEST_F(BusCommands, tail_takes_the_newest_lines_and_goes_on) {
     EXPECT_THAT(following.read_line(), HasSubstr("\"fourth\""));
     ASSERT_TRUE(tap_.add(event_offline, "fifth"));
     EXPECT_THAT(following.read_line(), HasSubstr("\"fifth\""));
-    following.signal(SIGTERM);
-    following.wait();
 }
 
 TEST_F(BusCommands, tail_that_was_overtaken_says_by_how_many) {
@@ -122,8 +120,6 @@ TEST_F(BusCommands, tail_that_was_overtaken_says_by_how_many) {
     following.signal(SIGCONT);
     EXPECT_EQ(following.read_line(), "6 publications were overwritten");
     EXPECT_THAT(following.read_line(), StartsWith("11  "));
-    following.signal(SIGTERM);
-    following.wait();
 }
 
 TEST_F(BusCommands, tail_goes_on_with_a_tap_that_was_begun_anew) {
@@ -135,8 +131,6 @@ TEST_F(BusCommands, tail_goes_on_with_a_tap_that_was_begun_anew) {
     const std::string line = following.read_line();
     EXPECT_THAT(line, StartsWith("1  "));
     EXPECT_THAT(line, HasSubstr("first of the new one"));
-    following.signal(SIGTERM);
-    following.wait();
 }
 
 TEST_F(BusCommands, wait_ends_with_the_publication_that_fits) {
@@ -200,8 +194,6 @@ TEST_F(GatewayCommands, tail_takes_the_newest_lines_and_goes_on) {
     EXPECT_THAT(following.read_line(), HasSubstr("\"id\":4"));
     send({{2, "fifth"}});
     EXPECT_THAT(following.read_line(), HasSubstr("\"id\":5"));
-    following.signal(SIGTERM);
-    following.wait();
 }
 
 TEST_F(GatewayCommands, wait_ends_with_the_record_that_fits) {
