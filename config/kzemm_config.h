@@ -8,29 +8,7 @@
 #include <string>
 
 #include "config/kzacfgc_api.h"
-
-// The numbered switches. The numbers between and above name no switch.
-enum EMM_SWITCH_TYPE : unsigned int {
-    EMM_SWITCH_COLLECT = 1,
-    EMM_SWITCH_SUBSCRIBE_EVENT = 2,
-    EMM_SWITCH_IOA = 3,
-    EMM_SWITCH_IOC = 4,
-    EMM_SWITCH_HUNTING = 5,
-    EMM_SWITCH_LINKAGE = 6,
-    EMM_SWITCH_REPORT = 7,
-    EMM_SWITCH_MD = 8,
-    EMM_SWITCH_ORIGIN_FORWARD = 9,
-    EMM_SWITCH_ABNORMAL_IP_LOGIN = 10,
-    EMM_SWITCH_ABNORMAL_TIME_LOGIN = 11,
-    EMM_SWITCH_ABNORMAL_SCAN = 12,
-    EMM_SWITCH_REVERSESHELL = 13,
-    EMM_SWITCH_BRUTEFORCE_GLOBAL = 14,
-    EMM_SWITCH_BRUTEFORCE_SSH = 18,
-    EMM_SWITCH_DISPOSE_WEB = 19,
-    EMM_SWITCH_DISPOSE_PHISHING = 20,
-};
-
-class kzemm_work;
+#include "config/kzemm_switch.h"
 
 /*
  * Threads: init, uninit and the evaluations run on the worker thread, set_ctmioa_rule_id on a
@@ -59,7 +37,8 @@ class kzemm_config {
     // the file returned.
     int load_ctm_cfg_rule();
     // Stores the identifier in its file, which must exist, and then here, so that the memory never
-    // runs ahead of the file. 0, -1, or what saving the file returned.
+    // runs ahead of the file: on a failure both keep the old one. 0, -1 without the file or without
+    // memory, or the code with which the file layer refused the identifier or failed to save it.
     int set_ctmioa_rule_id(const std::string &id);
 
     unsigned int get_collect_report_cycle() const { return collect_report_cycle; }      // seconds
@@ -111,7 +90,16 @@ class kzemm_config {
 
   private:
     friend struct kzemm_config_inspector;  // tests look at the fields through it
-    friend class kzemm_work;               // its hello copies ctmioa_rule_id, which has no getter
+
+    // One switch: its field, and the value of central configuration that it follows, by the
+    // position of its read; some are on only together with the IOA switch.
+    struct switch_row {
+        EMM_SWITCH_TYPE type;
+        bool kzemm_config::*field;
+        unsigned int source;
+        bool needs_ioa;
+    };
+    static const switch_row s_switches[];
 
     // Opens the client library and its table. 0, or -1 with what was opened left open.
     int open_cfgc_library();
@@ -140,7 +128,14 @@ class kzemm_config {
     unsigned int upgrade_check_interval = 120;
     unsigned int offline_retry_times = 10;
     unsigned int qd_start_max_interval = 300;
+
+  public:
+    // The identifier of the custom IOA rules, empty until it is known. The worker's hello copies
+    // it; there is no getter. Deliberately unlocked: a thread of the engine client may be storing
+    // the next one through set_ctmioa_rule_id meanwhile.
     std::string ctmioa_rule_id;
+
+  private:
     bool abnormal_ip_login_switch = false;
     bool abnormal_time_login_switch = false;
     bool abnormal_scan_switch = false;

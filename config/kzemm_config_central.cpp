@@ -1,5 +1,6 @@
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "config/kzemm_config.h"
 #include "kzautil.h"
@@ -15,8 +16,55 @@ constexpr unsigned int value_size = 30;  // longer texts are cut to 29 character
 constexpr unsigned int min_report_cycle = 120;  // seconds
 constexpr unsigned int max_report_cycle = 600;
 
+// What an evaluation reads, in this order; behind the reads stands what needs none.
+enum cfgc_value : unsigned int {
+    ADV_THREATS,
+    REPORT_ACTION_LOG,
+    REAL_TIME_DATA,
+    BOTNET,
+    ABNORMAL_IP_LOGIN,
+    ABNORMAL_TIME_LOGIN,
+    ABNORMAL_SCAN,
+    REVERSESHELL,
+    BRUTEFORCE_GLOBAL,
+    BRUTEFORCE_SSH,
+    DISPOSE_WEB,
+    DISPOSE_PHISHING,
+    CFGC_READS,
+    ALWAYS_ON = CFGC_READS,
+    CFGC_VALUES,
+};
+
+constexpr char base_collect[] = "/mgr/base_collect";
+constexpr char abnormal_login[] = "/mgr/abnormal_login";
+constexpr char anti_bfa[] = "/mgr/anti_bfa";
+constexpr char auto_dispose[] = "/mgr/auto_dispose";
+
 constexpr int dispose_web_mask = 1;
 constexpr int dispose_phishing_mask = 2;
+
+struct cfgc_read {
+    const char *module;
+    const char *key;
+    int mask;   // of a decimal number; 0: the value is a boolean
+    bool dflt;  // when it can't be read
+};
+
+// By cfgc_value. BOTNET and REVERSESHELL feed the log alone.
+constexpr cfgc_read reads[CFGC_READS] = {
+    {base_collect, "/adv_threats", 0, false},
+    {base_collect, "/enable_actioninfo", 0, false},
+    {base_collect, "/real_time_data", 0, false},
+    {"/mgr/global", "/enable_domain_report", 0, true},
+    {abnormal_login, "/abnormal_ip_login_enable", 0, false},
+    {abnormal_login, "/abnormal_time_login_enable", 0, false},
+    {abnormal_login, "/abnormal_scan_enable", 0, false},
+    {abnormal_login, "/reverseshell_enable", 0, false},
+    {anti_bfa, "/enable", 0, false},
+    {anti_bfa, "/ssh_enable", 0, false},
+    {auto_dispose, "/switch", dispose_web_mask, false},
+    {auto_dispose, "/switch", dispose_phishing_mask, false},
+};
 
 // Whether every operation is there that the library has to offer, called here or not.
 bool is_table_complete(const cfgc_operations &table) {
@@ -113,31 +161,26 @@ void kzemm_config::uninit_cfgc() {
 }
 
 int kzemm_config::get_cfgc_val(const char *module, const char *key, unsigned int size, char *out) {
-    cfgc_value_st *value = nullptr;
-    const int result = cfgc_api->GetValue(cfgc_client, module, key, &value);
+    cfgc_value_st *read = nullptr;
+    const int result = cfgc_api->GetValue(cfgc_client, module, key, &read);
+    const std::unique_ptr<cfgc_value_st, decltype(cfgc_api->FreeValue)> value(read,
+                                                                              cfgc_api->FreeValue);
     if (result < 0 || value == nullptr) {
         kze_log(1, "cfgc GetValue failed, module: %s, key: %s, err: %s.", module, key,
                 cfgc_api->ErrorString(result));
-        if (value != nullptr) {
-            cfgc_api->FreeValue(value);
-        }
         return -1;
     }
-
-    const char *text = nullptr;
-    const int type = cfgc_api->ValueType(value);
-    if (type != CFGC_VALUE_STRING) {
+    if (const int type = cfgc_api->ValueType(value.get()); type != CFGC_VALUE_STRING) {
         kze_log(1, "value type: %d error", type);
-    } else {
-        text = cfgc_api->ValueAsString(value);
-        if (text == nullptr) {
-            kze_log(1, "convert cfgc value to string failed");
-        } else {
-            kze_str_strlcpy(out, text, size);
-        }
+        return -1;
     }
-    cfgc_api->FreeValue(value);
-    return text != nullptr ? 0 : -1;
+    const char *const text = cfgc_api->ValueAsString(value.get());
+    if (text == nullptr) {
+        kze_log(1, "convert cfgc value to string failed");
+        return -1;
+    }
+    kze_str_strlcpy(out, text, size);
+    return 0;
 }
 
 int kzemm_config::get_cfgc_switch(bool &out, const char *key, const char *module, bool dflt) {
@@ -165,70 +208,61 @@ int kzemm_config::get_cfgc_bit_switch(bool &out, int mask, bool dflt, const char
     return 1;
 }
 
+// The reverse shell follows the IOA switch, not its own key.
+const kzemm_config::switch_row kzemm_config::s_switches[] = {
+    {EMM_SWITCH_HUNTING, &kzemm_config::hunting_switch, ADV_THREATS, false},
+    {EMM_SWITCH_LINKAGE, &kzemm_config::linkage_switch, ADV_THREATS, false},
+    {EMM_SWITCH_REPORT, &kzemm_config::report_switch, REPORT_ACTION_LOG, false},
+    {EMM_SWITCH_COLLECT, &kzemm_config::collect_switch, ADV_THREATS, false},
+    {EMM_SWITCH_IOA, &kzemm_config::ioa_switch, ADV_THREATS, false},
+    {EMM_SWITCH_IOC, &kzemm_config::ioc_switch, ADV_THREATS, false},
+    {EMM_SWITCH_MD, &kzemm_config::md_switch, ADV_THREATS, false},
+    {EMM_SWITCH_SUBSCRIBE_EVENT, &kzemm_config::subscribe_event_switch, REAL_TIME_DATA, false},
+    {EMM_SWITCH_ORIGIN_FORWARD, &kzemm_config::origin_forward_switch, ALWAYS_ON, false},
+    {EMM_SWITCH_ABNORMAL_IP_LOGIN, &kzemm_config::abnormal_ip_login_switch, ABNORMAL_IP_LOGIN,
+     false},
+    {EMM_SWITCH_ABNORMAL_TIME_LOGIN, &kzemm_config::abnormal_time_login_switch, ABNORMAL_TIME_LOGIN,
+     false},
+    {EMM_SWITCH_ABNORMAL_SCAN, &kzemm_config::abnormal_scan_switch, ABNORMAL_SCAN, false},
+    {EMM_SWITCH_REVERSESHELL, &kzemm_config::reverseshell_switch, ADV_THREATS, false},
+    {EMM_SWITCH_BRUTEFORCE_GLOBAL, &kzemm_config::bruteforce_global_switch, BRUTEFORCE_GLOBAL,
+     false},
+    {EMM_SWITCH_BRUTEFORCE_SSH, &kzemm_config::bruteforce_ssh_switch, BRUTEFORCE_SSH, false},
+    {EMM_SWITCH_DISPOSE_WEB, &kzemm_config::dispose_web_switch, DISPOSE_WEB, true},
+    {EMM_SWITCH_DISPOSE_PHISHING, &kzemm_config::dispose_phishing_switch, DISPOSE_PHISHING, true},
+};
+
 int kzemm_config::set_engine_swith_value() {
     if (!cfgc_initialized) {
         kze_log(2, "cfgc is not initialized");
         return -1;
     }
 
-    constexpr char base_collect[] = "/mgr/base_collect";
-    constexpr char abnormal_login[] = "/mgr/abnormal_login";
-    constexpr char anti_bfa[] = "/mgr/anti_bfa";
-    constexpr char auto_dispose[] = "/mgr/auto_dispose";
-    bool adv_threats = false;
-    bool report_action_log = false;
-    bool real_time_data = false;
-    bool botnet = false;
-    bool abnormal_ip_login = false;
-    bool abnormal_time_login = false;
-    bool abnormal_scan = false;
-    bool reverseshell = false;
-    bool bruteforce_global = false;
-    bool bruteforce_ssh = false;
-    bool dispose_web = false;
-    bool dispose_phishing = false;
-
-    if (get_cfgc_switch(adv_threats, "/adv_threats", base_collect, false) != 0) {
-        kze_log(1, "get cfgc failed");
-        return -1;
+    bool values[CFGC_VALUES] = {};
+    values[ALWAYS_ON] = true;
+    for (unsigned int each = 0; each < CFGC_READS; ++each) {
+        const cfgc_read &row = reads[each];
+        const int result =
+            row.mask == 0
+                ? get_cfgc_switch(values[each], row.key, row.module, row.dflt)
+                : get_cfgc_bit_switch(values[each], row.mask, row.dflt, row.module, row.key);
+        if (result < 0 && each == ADV_THREATS) {  // any other one leaves its default
+            kze_log(1, "get cfgc failed");
+            return -1;
+        }
     }
-    // A failed read below leaves the default that the call names.
-    get_cfgc_switch(report_action_log, "/enable_actioninfo", base_collect, false);
-    get_cfgc_switch(real_time_data, "/real_time_data", base_collect, false);
-    get_cfgc_switch(botnet, "/enable_domain_report", "/mgr/global", true);
-    get_cfgc_switch(abnormal_ip_login, "/abnormal_ip_login_enable", abnormal_login, false);
-    get_cfgc_switch(abnormal_time_login, "/abnormal_time_login_enable", abnormal_login, false);
-    get_cfgc_switch(abnormal_scan, "/abnormal_scan_enable", abnormal_login, false);
-    get_cfgc_switch(reverseshell, "/reverseshell_enable", abnormal_login, false);
-    get_cfgc_switch(bruteforce_global, "/enable", anti_bfa, false);
-    get_cfgc_switch(bruteforce_ssh, "/ssh_enable", anti_bfa, false);
-    get_cfgc_bit_switch(dispose_web, dispose_web_mask, false, auto_dispose, "/switch");
-    get_cfgc_bit_switch(dispose_phishing, dispose_phishing_mask, false, auto_dispose, "/switch");
     kze_log(3,
             "adv_threats: %d, report_action_log: %d, botnet: %d, rtd:%d, abnormal_ip_login:%d, "
             "abnormal_time_login:%d abnormal_scan:%d, reverseshell: %d, bruteforce_global: %d, "
             "dispose_web: %d, dispose_phishing: %d",
-            adv_threats, report_action_log, botnet, real_time_data, abnormal_ip_login,
-            abnormal_time_login, abnormal_scan, reverseshell, bruteforce_global, dispose_web,
-            dispose_phishing);
+            values[ADV_THREATS], values[REPORT_ACTION_LOG], values[BOTNET], values[REAL_TIME_DATA],
+            values[ABNORMAL_IP_LOGIN], values[ABNORMAL_TIME_LOGIN], values[ABNORMAL_SCAN],
+            values[REVERSESHELL], values[BRUTEFORCE_GLOBAL], values[DISPOSE_WEB],
+            values[DISPOSE_PHISHING]);
 
-    hunting_switch = adv_threats;
-    linkage_switch = adv_threats;
-    report_switch = report_action_log;
-    collect_switch = adv_threats;
-    ioa_switch = adv_threats;
-    ioc_switch = adv_threats;
-    md_switch = ioa_switch;
-    subscribe_event_switch = real_time_data;
-    origin_forward_switch = true;
-    abnormal_ip_login_switch = abnormal_ip_login;
-    abnormal_time_login_switch = abnormal_time_login;
-    abnormal_scan_switch = abnormal_scan;
-    reverseshell_switch = ioa_switch;  // not its own key, which feeds the log alone
-    bruteforce_global_switch = bruteforce_global;
-    bruteforce_ssh_switch = bruteforce_ssh;
-    dispose_web_switch = dispose_web && ioa_switch;
-    dispose_phishing_switch = dispose_phishing && ioa_switch;
+    for (const switch_row &row : s_switches) {
+        this->*row.field = values[row.source] && (!row.needs_ioa || values[ADV_THREATS]);
+    }
     log_switches();
     return 0;
 }
@@ -251,7 +285,7 @@ int kzemm_config::set_report_cycle() {
         return -1;
     }
     char text[value_size] = {};
-    if (get_cfgc_val("/mgr/base_collect", "/collect_act_time", sizeof(text), text) != 0) {
+    if (get_cfgc_val(base_collect, "/collect_act_time", sizeof(text), text) != 0) {
         kze_log(2, "get collect report cycle from cfgc failed, ues default");
         return -1;
     }
@@ -272,41 +306,10 @@ void kzemm_config::set_upgrad_switch(bool on) {
 }
 
 bool kzemm_config::get_switch(EMM_SWITCH_TYPE type) const {
-    switch (type) {
-        case EMM_SWITCH_COLLECT:
-            return collect_switch;
-        case EMM_SWITCH_SUBSCRIBE_EVENT:
-            return subscribe_event_switch;
-        case EMM_SWITCH_IOA:
-            return ioa_switch;
-        case EMM_SWITCH_IOC:
-            return ioc_switch;
-        case EMM_SWITCH_HUNTING:
-            return hunting_switch;
-        case EMM_SWITCH_LINKAGE:
-            return linkage_switch;
-        case EMM_SWITCH_REPORT:
-            return report_switch;
-        case EMM_SWITCH_MD:
-            return md_switch;
-        case EMM_SWITCH_ORIGIN_FORWARD:
-            return origin_forward_switch;
-        case EMM_SWITCH_ABNORMAL_IP_LOGIN:
-            return abnormal_ip_login_switch;
-        case EMM_SWITCH_ABNORMAL_TIME_LOGIN:
-            return abnormal_time_login_switch;
-        case EMM_SWITCH_ABNORMAL_SCAN:
-            return abnormal_scan_switch;
-        case EMM_SWITCH_REVERSESHELL:
-            return reverseshell_switch;
-        case EMM_SWITCH_BRUTEFORCE_GLOBAL:
-            return bruteforce_global_switch;
-        case EMM_SWITCH_BRUTEFORCE_SSH:
-            return bruteforce_ssh_switch;
-        case EMM_SWITCH_DISPOSE_WEB:
-            return dispose_web_switch;
-        case EMM_SWITCH_DISPOSE_PHISHING:
-            return dispose_phishing_switch;
+    for (const switch_row &row : s_switches) {
+        if (row.type == type) {
+            return this->*row.field;
+        }
     }
     return false;
 }

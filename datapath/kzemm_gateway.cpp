@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "engine/kzemm_loader.h"
+#include "engine/qd_calls.h"
 #include "plugin/kzemm_data_conv.h"
 #include "vrdbase.h"
 
@@ -17,9 +17,7 @@ int send_once(KZEMM_DATA_TYPE type, const char *data, unsigned int len) {
         kze_log(2, "type invalid, type: %d", static_cast<int>(type));
         return -1;
     }
-    const auto async_send = reinterpret_cast<kzethtgw_async_send_fn>(
-        kzemm_loader::get_instance().get_kzethtgw_async_send_fn());
-    if (async_send(type, data, len) != 0) {
+    if (qd::async_send(type, data, len) != 0) {
         kze_log(1, "send data to kzethtgw failed, type: %d", static_cast<int>(type));
         return -1;
     }
@@ -35,8 +33,7 @@ void release_by_type(KZEMM_DATA_TYPE type, char *data) {
         case KZEMM_DATA_CREDIBLE:
             return;  // the caller's
         default:
-            reinterpret_cast<x_client_free_fn>(kzemm_loader::get_instance().get_x_client_free_fn())(
-                data);
+            qd::free(data);
     }
 }
 

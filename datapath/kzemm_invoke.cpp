@@ -186,14 +186,18 @@ unsigned int kzemm_invoke::GetVersion(unsigned int *out) const {
     return 0;
 }
 
-void kzemm_invoke::OnAdvised(MbFrame::IPluginSetting *, MbFrame::IDispatch *to) {
+int kzemm_invoke::OnAdvised(MbFrame::IPluginSetting *, MbFrame::IDispatch *to) {
     const mutex_lock lock(mutex);
     dispatch = to;
+    return 0;
 }
 
-void kzemm_invoke::OnUnadvised(_UNADVISE_REASON) {
+int kzemm_invoke::OnUnadvised(_UNADVISE_REASON) {
     const mutex_lock lock(mutex);
     dispatch = nullptr;
+    return 0;
 }
 
-void kzemm_invoke::OnEvent(MbFrame::IEvent *, _RESPONSE_STATUS *) {}
+int kzemm_invoke::OnEvent(MbFrame::IEvent *, _RESPONSE_STATUS *) {
+    return 0;
+}

@@ -44,9 +44,9 @@ class kzemm_invoke : public MbFrame::IPlugin {
     int Release() override;
     unsigned int GetUniqueID(unsigned char (*out)[16]) const override;
     unsigned int GetVersion(unsigned int *out) const override;
-    void OnAdvised(MbFrame::IPluginSetting *setting, MbFrame::IDispatch *to) override;
-    void OnUnadvised(_UNADVISE_REASON reason) override;
-    void OnEvent(MbFrame::IEvent *event, _RESPONSE_STATUS *status) override;
+    int OnAdvised(MbFrame::IPluginSetting *setting, MbFrame::IDispatch *to) override;
+    int OnUnadvised(_UNADVISE_REASON reason) override;
+    int OnEvent(MbFrame::IEvent *event, _RESPONSE_STATUS *status) override;
 
   private:
     friend struct kzemm_invoke_inspector;  // tests look at the fields through it

@@ -4,34 +4,22 @@
 
 #include "config/kzemm_config.h"
 #include "datapath/kzemm_mutex_lock.h"
-#include "engine/kzemm_loader.h"
-#include "kzautil.h"
+#include "engine/qd_calls.h"
+#include "plugin/kzemm_platform.h"
 #include "vrdbase.h"
 
 namespace {
 
 constexpr char log_directory[] = "@/../var/log/agent/kzemdlmgr/task";
-constexpr int log_files = 5;
-
-// Of these types only the latest request counts.
-bool replaces_older(KZEMM_TASK_TYPE type) {
-    return type == KZEMM_TASK_HUNTING || type == KZEMM_TASK_CUSTOM_IOA ||
-           type == KZEMM_TASK_LKGANAL;
-}
 
 // The engine's number for a coordinate task; 0 for a task of another kind.
 int trace_type_of(KZEMM_TASK_TYPE type) {
-    switch (type) {
-        case KZEMM_TASK_LINKAGE:
-            return QD_TRACE_LINKAGE;
-        case KZEMM_TASK_APPEND:
-            return QD_TRACE_APPEND;
-        case KZEMM_TASK_HUNTING:
-            return QD_TRACE_HUNTING;
-        default:
-            kze_log(2, "invalid task type: %d", type);
-            return 0;
+    const kzemm_command *const command = find_command_of_task(type);
+    if (command == nullptr || command->trace_type == 0) {
+        kze_log(2, "invalid task type: %d", type);
+        return 0;
     }
+    return command->trace_type;
 }
 
 int report_engine_result(int result) {
@@ -48,17 +36,13 @@ int run_coordinate(KZEMM_TASK_TYPE type, const TASK_COORDINATE &request) {
         kze_log(1, "trace type %d is invalid", trace_type);
         return -1;
     }
-    const auto coordinate = reinterpret_cast<x_client_coordinate_fn>(
-        kzemm_loader::get_instance().get_x_client_coordinate_fn());
-    return report_engine_result(coordinate(trace_type, request.data, request.size));
+    return report_engine_result(qd::coordinate(trace_type, request.data, request.size));
 }
 
 int run_linkage_analysis(const TASK_COORDINATE &request) {
     kze_log(3, "qd-agent handle lkganal task begin!");
-    const auto dispose_trc = reinterpret_cast<x_client_coordinate_dispose_trc_fn>(
-        kzemm_loader::get_instance().get_x_client_coordinate_dispose_trc());
     return report_engine_result(
-        dispose_trc(request.data, request.size, request.callback, request.user));
+        qd::coordinate_dispose_trc(request.data, request.size, request.callback, request.user));
 }
 
 }  // namespace
@@ -105,7 +89,8 @@ KZEMM_TRACE_ERRORCODE kzemm_task::add_task(kzemm::task_info *task) {
         return KZEMM_TRACE_INVALID;
     }
     const KZEMM_TASK_TYPE type = task->get_type();
-    if (!is_task_type(type)) {
+    const kzemm_command *const command = find_command_of_task(type);
+    if (command == nullptr) {
         kze_log(1, "task type %d is invalid", type);
         return KZEMM_TRACE_INVALID;
     }
@@ -120,7 +105,7 @@ KZEMM_TRACE_ERRORCODE kzemm_task::add_task(kzemm::task_info *task) {
         kze_log(2, "task queue is full, size: %zu", waiting);
         return KZEMM_TRACE_QUEUE_FULL;
     }
-    if (replaces_older(type)) {
+    if (command->latest_only) {
         erase_spe_type_task(type);
     }
     try {
@@ -134,8 +119,8 @@ KZEMM_TRACE_ERRORCODE kzemm_task::add_task(kzemm::task_info *task) {
     return KZEMM_TRACE_OK;
 }
 
-// The new thread sets its log up before it looks at `running`, which is set behind its back. One
-// that looked first would end at once.
+// `running` is set behind the new thread's back, which ends at once where it finds it unset:
+// kze_thread_start lets its creator go on to the lock first.
 int kzemm_task::create_task_thread() {
     if (thread != 0) {
         kze_log(2, "task thread is exist");
@@ -194,9 +179,7 @@ void kzemm_task::clear_task_list() {
 }
 
 void *kzemm_task::static_thread_routine(void *task) {
-    char directory[4096] = {};
-    kze_dirutils_path_transform(log_directory, directory, sizeof(directory));
-    autolog_init(directory, log_files);
+    start_thread_log(log_directory);
     static_cast<kzemm_task *>(task)->task_thread_routine();
     return nullptr;
 }

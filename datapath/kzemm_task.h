@@ -7,6 +7,7 @@
 #include <list>
 #include <string>
 
+#include "datapath/kzemm_custom_ioa.h"
 #include "datapath/kzemm_task_info.h"
 #include "engine/qd_client.h"
 #include "kzabase.h"
@@ -19,16 +20,6 @@ enum KZEMM_TRACE_ERRORCODE : int {
     KZEMM_TRACE_INVALID = 3,        // a malformed message or task
     KZEMM_TRACE_FAILED = 4,         // no memory, or no task thread
 };
-
-// The outcome of one update of the custom IOA rules.
-struct _customioa_info {
-    int ret;  // the engine's value at first, the console's after ctmioa_ret_trans
-    std::string rule_id;
-};
-
-// Builds the text of a message about the custom IOA rules: this host's number, the result unless
-// `result` is null, the identifier. 0 with a text that the caller releases with free, else -1.
-int build_ctmioa_msg(const int *result, const std::string &rule_id, char **out);
 
 /*
  * Threads: init, uninit and add_task are called by the worker thread. Tasks run on the task thread,
@@ -66,30 +57,33 @@ class kzemm_task {
     // Runs one task on the calling thread. 0 or -1.
     int run_task(kzemm::task_info *task);
 
-    // ---- custom IOA rules (kzemm_task_custom_ioa.cpp) ----
+    // ---- custom IOA rules (kzemm_custom_ioa.cpp) ----
 
     // Hands the rules of a request's frame to the engine. The frame was checked on arrival: its
     // header alone tells its length. 0 when the engine took them, else -1. On the task thread.
     int deal_customioa_task(const char *data, unsigned int len);
     // The engine's verdict on the rules, on a thread of the engine client; user is the kzemm_task.
-    // One that comes after that has ended is passed over.
+    // One that comes after that has ended is passed over. Nothing is held meanwhile: a verdict may
+    // come during another one, and the task may end.
     static void engine_upd_by_data_cb(_engine_type type, int ret, void *user);
-    // Tells the console the outcome. 0 or -1; without an identifier nothing is sent.
-    int report_ctmioa_info(_customioa_info &info);
+    // Tells the console the outcome. 0 or -1; without an identifier nothing is sent. Any thread,
+    // as the following ones.
+    static int report_ctmioa_info(_customioa_info &info);
     // Replaces the engine's value by the one that the console knows.
-    void ctmioa_ret_trans(_customioa_info &info);
+    static void ctmioa_ret_trans(_customioa_info &info);
     // 0 with the result message, which the caller releases with free, or -1.
-    int build_cusioa_json_msg(_customioa_info &info, char **out);
-    // Frames a text and hands it to the gateway, once. 0 or -1. The text stays the caller's. Any
-    // thread.
-    int send_ctmdata_to_gw(KZEMM_DATA_TYPE type, const char *data, unsigned int len);
+    static int build_cusioa_json_msg(_customioa_info &info, char **out);
+    // Frames a text and hands it to the gateway, once. 0 or -1. The text stays the caller's.
+    static int send_ctmdata_to_gw(KZEMM_DATA_TYPE type, const char *data, unsigned int len);
 
   private:
     friend struct kzemm_task_inspector;  // tests look at the fields through it
 
-    // From the constructor to the destructor, which waits for a verdict that is being handled.
+    // Verdicts are taken from the constructor to the destructor.
     void take_verdicts();
     void refuse_verdicts();
+    // Copies the identifier of the update in flight. False when `task` takes no verdicts any more.
+    static bool copy_rule_id(const kzemm_task *task, std::string &out);
 
     static void *static_thread_routine(void *task);
     void task_thread_routine();
@@ -101,8 +95,8 @@ class kzemm_task {
     kze_cond_t cond;
     std::list<kzemm::task_info *> task_list;  // each with its reference
     // The identifier of the update in flight. The task thread writes it once the engine took the
-    // rules, and the engine's callback reads it. Nothing keeps the two in step: a newer update puts
-    // its own in place while an older one is still at work, which is then reported under it.
+    // rules, and the engine's callback copies it. Nothing keeps the two in step: a newer update
+    // puts its own in place while an older one is still at work, which is then reported under it.
     std::string cur_rule_id;
 };
 

@@ -6,10 +6,6 @@
 #include "kzabase.h"
 #include "vrdbase.h"
 
-bool is_task_type(int type) {
-    return type >= KZEMM_TASK_LINKAGE && type <= KZEMM_TASK_LKGANAL;
-}
-
 namespace kzemm {
 
 task_info::task_info(KZEMM_TASK_TYPE task_type, const char *data, unsigned int size,

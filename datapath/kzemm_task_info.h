@@ -5,18 +5,7 @@
 #define KZEMDLMGR_DATAPATH_KZEMM_TASK_INFO_H
 
 #include "engine/qd_client.h"
-
-// What a task asks for. 0 is no type; an empty task has it.
-enum KZEMM_TASK_TYPE : int {
-    KZEMM_TASK_LINKAGE = 1,
-    KZEMM_TASK_APPEND = 2,
-    KZEMM_TASK_HUNTING = 3,
-    KZEMM_TASK_CUSTOM_IOA = 4,
-    KZEMM_TASK_LKGANAL = 5,
-};
-
-// Whether a number names a task type.
-bool is_task_type(int type);
+#include "plugin/kzemm_command.h"
 
 // The request of a task, with a copy of its data.
 struct TASK_COORDINATE {

@@ -121,11 +121,11 @@ class IPlugin : public IUnknown {
   public:
     virtual unsigned int GetUniqueID(unsigned char (*out)[16]) const = 0;
     virtual unsigned int GetVersion(unsigned int *out) const = 0;
-    // From now on, until OnUnadvised, the plug-in may dispatch. On any thread.
-    virtual void OnAdvised(IPluginSetting *setting, IDispatch *dispatch) = 0;
-    virtual void OnUnadvised(_UNADVISE_REASON reason) = 0;
+    // From now on, until OnUnadvised, the plug-in may dispatch. On any thread. 0, as the other two.
+    virtual int OnAdvised(IPluginSetting *setting, IDispatch *dispatch) = 0;
+    virtual int OnUnadvised(_UNADVISE_REASON reason) = 0;
     // A subscribed event has come.
-    virtual void OnEvent(IEvent *event, _RESPONSE_STATUS *status) = 0;
+    virtual int OnEvent(IEvent *event, _RESPONSE_STATUS *status) = 0;
 };
 
 // The bus.

@@ -23,7 +23,7 @@ class kzemm_loader {
     void unload_qdccl();
     void unload_kzethtgw();
 
-    // The function as it stands in the table, to be cast to its signature of engine/qd_client.h;
+    // The function as it stands in the table; engine/qd_calls.h gives it its signature;
     // null or stale when the library is not loaded. Fetch it afresh for each call.
     void *get_x_client_start_fn() const { return x_client_start; }
     void *get_x_client_stop_fn() const { return x_client_stop; }

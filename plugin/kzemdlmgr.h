@@ -21,7 +21,8 @@ KZEMDLMGR_EXPORT int kzemdlmgr_init(void);
 
 /*
  * Stops the worker, waits for its thread and closes the two libraries. Always 0. Waits for as long
- * as the worker's action in flight takes; a worker that was not created yet is not told to stop.
+ * as the worker's action in flight takes: one that is still starting ends when its start has ended.
+ * A worker that was not created yet is not told to stop.
  */
 KZEMDLMGR_EXPORT int kzemdlmgr_uninit(void);
 

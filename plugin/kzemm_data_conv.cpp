@@ -1,8 +1,5 @@
 #include "plugin/kzemm_data_conv.h"
 
-#include <endian.h>
-#include <sys/mman.h>
-#include <unistd.h>
 #include <uuid/uuid.h>
 #include <zlib.h>
 
@@ -11,46 +8,21 @@
 #include <new>
 
 #include "kzautil.h"
+#include "plugin/kzemm_command.h"
 #include "vrdbase.h"
 
 namespace {
 
-constexpr uint16_t proto_type_request = 1;
-constexpr uint16_t proto_type_compressed = 2;
-constexpr uint16_t compress_flag_zlib = 2;
 constexpr uint32_t max_msg_len = 0xA00000;
 constexpr uint32_t header_size = sizeof(_module_header);
+constexpr bool host_order = false;
 
-// The commands whose messages carry a header.
-constexpr uint32_t cmd_custom_ioa = 102;
-constexpr uint32_t cmd_hunting = 1002;
+// A credible event of the engine is a frame too.
 constexpr uint32_t cmd_credible = 10001;
 
-// From this size on, new memory usually comes fresh from the kernel.
-constexpr size_t fresh_memory_size = 128 * 1024;
-
-// Zeroes a new buffer. Touching the fresh pages that a compressed stream never reaches would cost
-// several per cent of the compression, so a large buffer's whole pages are given back to the
-// kernel, which supplies zeroed ones where the buffer is written to. The rest, and everything where
-// the kernel refuses (locked memory), is zeroed here.
-void zero_new_buffer(char *buffer, size_t size) {
-    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    const size_t head = (page - reinterpret_cast<uintptr_t>(buffer) % page) % page;
-    const size_t pages = size > head ? (size - head) / page * page : 0;
-    if (size < fresh_memory_size || madvise(buffer + head, pages, MADV_DONTNEED) != 0) {
-        memset(buffer, 0, size);
-        return;
-    }
-    memset(buffer, 0, head);
-    memset(buffer + head + pages, 0, size - head - pages);
-}
-
-uint16_t in_frame_order(uint16_t value, bool net_order) {
-    return net_order ? htobe16(value) : value;
-}
-
-uint32_t in_frame_order(uint32_t value, bool net_order) {
-    return net_order ? htobe32(value) : value;
+bool is_framed(uint32_t cmd) {
+    const kzemm_command *const command = find_command(cmd);
+    return cmd == cmd_credible || (command != nullptr && command->body == KZEMM_BODY_FRAMED);
 }
 
 }  // namespace
@@ -65,20 +37,19 @@ int check_msg_header(const void *header, uint32_t data_size, bool net_order) {
         return -1;
     }
 
-    _module_header received;  // the frame may lie at any address
-    memcpy(&received, header, header_size);
-    const uint32_t msg_len = in_frame_order(received.msg_len, net_order);
+    const _module_header received = read_module_header(header);
+    const uint32_t msg_len = module_field(received.msg_len, net_order);
     if (msg_len > data_size || msg_len > max_msg_len || msg_len + header_size != data_size) {
         kze_log(2, "invalid message, data_size:%u, msg_len:%u", data_size, msg_len);
         return -1;
     }
-    if (memcmp(received.version, message_version, sizeof(message_version)) != 0) {
+    if (!has_module_version(received)) {
         kze_log(2, "invalid version massage header:[%c %c %c %c]", received.version[0],
                 received.version[1], received.version[2], received.version[3]);
         return -1;
     }
-    const uint16_t proto_type = in_frame_order(received.proto_type, net_order);
-    if (proto_type != proto_type_request) {
+    const uint16_t proto_type = module_field(received.proto_type, net_order);
+    if (proto_type != module_request) {
         kze_log(2, "unknow proto type, proto type: %u", proto_type);
         return -1;
     }
@@ -86,7 +57,7 @@ int check_msg_header(const void *header, uint32_t data_size, bool net_order) {
 }
 
 int check_msg_invalid(uint32_t cmd, const void *data, uint32_t data_size, bool net_order) {
-    if (cmd == cmd_hunting || cmd == cmd_custom_ioa || cmd == cmd_credible) {
+    if (is_framed(cmd)) {
         if (check_msg_header(data, data_size, net_order) != 0) {
             kze_log(2, "check msg header failed, cmd: %u", cmd);
             return -1;
@@ -96,22 +67,25 @@ int check_msg_invalid(uint32_t cmd, const void *data, uint32_t data_size, bool n
     return data_size != 0 ? 0 : -1;
 }
 
+malloc_ptr make_frame(const _module_header &header, const char *payload, uint32_t payload_size) {
+    malloc_ptr frame(static_cast<char *>(malloc(size_t{payload_size} + header_size)));
+    if (frame != nullptr) {
+        memcpy(frame.get(), &header, header_size);
+        if (payload_size != 0) {
+            memcpy(frame.get() + header_size, payload, payload_size);
+        }
+    }
+    return frame;
+}
+
 void add_msg_header(const char *data, uint32_t len, std::string &out, int proto_type,
                     int net_order) {
     const size_t frame_size = size_t{len} + header_size;
-    const malloc_ptr frame(static_cast<char *>(malloc(frame_size)));
+    const malloc_ptr frame = make_frame(
+        module_header(static_cast<uint16_t>(proto_type), len, net_order != 0), data, len);
     if (frame == nullptr) {
         kze_log(1, "malloc %u byte failed", static_cast<uint32_t>(frame_size));
         return;
-    }
-
-    _module_header header = {};
-    memcpy(header.version, message_version, sizeof(message_version));
-    header.proto_type = in_frame_order(static_cast<uint16_t>(proto_type), net_order != 0);
-    header.msg_len = in_frame_order(len, net_order != 0);
-    memcpy(frame.get(), &header, header_size);
-    if (len != 0) {
-        memcpy(frame.get() + header_size, data, len);
     }
     try {
         out.assign(frame.get(), frame_size);
@@ -120,28 +94,32 @@ void add_msg_header(const char *data, uint32_t len, std::string &out, int proto_
     }
 }
 
+char *alloc_frame_behind_head(size_t payload_size, uint32_t &out_len) {
+    const size_t frame_size = payload_size + header_size;
+    out_len = static_cast<uint32_t>(frame_size);
+    const auto frame = static_cast<char *>(malloc(frame_size));
+    if (frame == nullptr) {
+        kze_log(2, "malloc %zu byte for out_data failed", frame_size);
+    }
+    return frame;
+}
+
 void write_module_head(char *frame, const _module_header *header, uint32_t payload_size,
                        bool net_order) {
-    _module_header frame_header;  // template and frame may lie at any address
-    memcpy(&frame_header, header, header_size);
-    frame_header.msg_len = in_frame_order(payload_size, net_order);
-    frame_header.proto_type = in_frame_order(proto_type_request, net_order);
-    memcpy(frame, &frame_header, header_size);
+    _module_header head = read_module_header(header);
+    head.msg_len = module_field(payload_size, net_order);
+    head.proto_type = module_field(module_request, net_order);
+    memcpy(frame, &head, header_size);
     kze_log(4, "string data add module header done, data len: %d", static_cast<int>(payload_size));
 }
 
 char *string_data_add_module_head(const std::string &data, const _module_header *header,
                                   uint32_t &out_len, bool net_order) {
-    const auto payload_size = static_cast<uint32_t>(data.size());
-    out_len = payload_size + header_size;
-    const size_t frame_size = size_t{payload_size} + header_size;
-    const auto frame = static_cast<char *>(malloc(frame_size));
-    if (frame == nullptr) {
-        kze_log(2, "malloc %zu byte for out_data failed", frame_size);
-        return nullptr;
+    const auto frame = alloc_frame_behind_head(data.size(), out_len);
+    if (frame != nullptr) {
+        memcpy(frame + header_size, data.data(), data.size());
+        write_module_head(frame, header, static_cast<uint32_t>(data.size()), net_order);
     }
-    memcpy(frame + header_size, data.data(), payload_size);
-    write_module_head(frame, header, payload_size, net_order);
     return frame;
 }
 
@@ -152,21 +130,15 @@ char *add_module_head(const char *data, uint32_t raw_size, uint32_t comp_size, u
         return nullptr;
     }
     const size_t frame_size = size_t{comp_size} + header_size;
-    const auto frame = static_cast<char *>(malloc(frame_size));
+    _module_header header = module_header(module_response, raw_size, host_order);
+    header.compress_flag = module_compressed;
+    malloc_ptr frame = make_frame(header, data, comp_size);
     if (frame == nullptr) {
         kze_log(2, "malloc %zu byte for send msg failed.", frame_size);
         return nullptr;
     }
-
-    _module_header header = {};
-    memcpy(header.version, message_version, sizeof(message_version));
-    header.msg_len = raw_size;
-    header.compress_flag = compress_flag_zlib;
-    header.proto_type = proto_type_compressed;
-    memcpy(frame, &header, header_size);
-    memcpy(frame + header_size, data, comp_size);
     *out_len = static_cast<uint32_t>(frame_size);
-    return frame;
+    return frame.release();
 }
 
 char *zlib_compress_data(const char *in_data, uint32_t in_size, uint32_t *out_size) {
@@ -185,7 +157,7 @@ char *zlib_compress_data(const char *in_data, uint32_t in_size, uint32_t *out_si
         kze_log(1, "new %lu byte for buffer failed", bound);
         return nullptr;
     }
-    zero_new_buffer(buffer, bound);
+    memset(buffer, 0, bound);
 
     uLongf compressed_size = bound;
     const int code = compress(reinterpret_cast<Bytef *>(buffer), &compressed_size,

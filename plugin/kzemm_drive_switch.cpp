@@ -8,15 +8,14 @@
 #include <ctime>
 #include <memory>
 
-#include "engine/kzemm_loader.h"
-#include "kzautil.h"
+#include "engine/qd_calls.h"
+#include "plugin/kzemm_platform.h"
 #include "plugin/kzemm_work_module_config.h"
 #include "vrdbase.h"
 
 namespace {
 
 constexpr char log_directory[] = "@/../var/log/agent/kzemdlmgr/setdriveswitch";
-constexpr int log_files = 5;
 
 constexpr unsigned int retry_period_ms = 20000;
 constexpr unsigned int retry_count_start = 3;
@@ -31,13 +30,13 @@ constexpr int update_times = 10;  // as it is logged
 constexpr int state_on = 1;
 constexpr int state_off = 0;
 
-// What x_client_set_drive_switch leaves behind `ret`.
-constexpr int drive_ret_done = 0;
-constexpr int drive_ret_done_too = -1;
-constexpr int drive_ret_try_again = -2;
+// How x_client_set_drive_switch tells what came of a call that succeeded.
+constexpr int outcome_done = 0;
+constexpr int outcome_done_too = -1;
+constexpr int outcome_try_again = -2;
 
 // 0: there is no thread. A thread that ends before its identifier is stored leaves a stale one,
-// which may be probed as living or not.
+// which may be probed as living or not. Read through current_drive_thread.
 pthread_t drive_thread_id = 0;
 drive_switch_ctx retry_drive_ctx = {};
 cl_timerplus *retry_timer = nullptr;  // null: not armed
@@ -46,30 +45,15 @@ drive_cfg pending_drive_cfg = {};
 cl_timerplus *update_timer = nullptr;  // null: not armed
 unsigned int update_count = 0;
 
-int get_drive_state(int *state) {
-    return reinterpret_cast<x_client_get_drive_state_fn>(
-        kzemm_loader::get_instance().get_x_client_get_drive_state_fn())(state);
-}
-
-int get_collect_state(int *state) {
-    return reinterpret_cast<x_client_get_collect_state_fn>(
-        kzemm_loader::get_instance().get_x_client_get_collect_state_fn())(state);
-}
-
-int set_drive_switch(int which, int value, int *ret) {
-    return reinterpret_cast<x_client_set_drive_switch_fn>(
-        kzemm_loader::get_instance().get_x_client_set_drive_switch_fn())(which, value, ret);
+// One read for the test and the probe behind it: the thread may set 0 in between, and a probe of 0
+// is a crash.
+pthread_t current_drive_thread() {
+    return __atomic_load_n(&drive_thread_id, __ATOMIC_RELAXED);
 }
 
 // A state that is neither on nor off differs from both.
 bool differs(int wanted, int state) {
     return wanted == 0 ? state != state_off : state != state_on;
-}
-
-void close_timer(cl_timerplus *&timer) {
-    cl_timerplus_stop(timer);
-    cl_timerplus_close(timer);
-    timer = nullptr;
 }
 
 // Puts right what differs from the wish; what can't be done now goes to the retry job.
@@ -120,53 +104,54 @@ bool read_wish(const xmsg_ptr &answer, drive_cfg &cfg) {
     return true;
 }
 
-// Whether the drive step asked to be tried again. `ret` is left to the collect step as it is.
-bool change_drive_step(const drive_switch_ctx &ctx, int &ret) {
-    const int result = set_drive_switch(DRIVE_SWITCH_DRIVE, ctx.drive_enable, &ret);
-    kze_log(3, "change drive switch:%d, ret:%d", ctx.drive_enable, ret);
+// One of the two switches: its number, and the lines that tell what came of a change.
+struct drive_step {
+    qd_drive_switch target;
+    const char *called;
+    const char *done;
+    const char *try_again;
+    const char *refused;
+};
+
+constexpr drive_step step_drive = {
+    DRIVE_SWITCH_DRIVE, "change drive switch:%d, ret:%d", "change drive switch success",
+    "change drive switch failed, need retry", "change drive switch failed, not need retry"};
+constexpr drive_step step_collect = {DRIVE_SWITCH_COLLECT, "change drive collect switch:%d, ret:%d",
+                                     "change drive collect switch success",
+                                     "change drive collect switch failed, need retry",
+                                     "change drive collect switch failed, not need retry"};
+
+// Changes one switch. Whether the engine asked to be tried again. A call that doesn't write
+// `outcome` leaves it as the step before did.
+bool change_switch(const drive_step &step, int value, int &outcome) {
+    const int result = qd::set_drive_switch(step.target, value, &outcome);
+    kze_log(3, step.called, value, outcome);
     if (result != 0) {
         kze_log(2, "set drive switch failed, not need retry, ret = %d", result);
-    } else if (ret == drive_ret_done || ret == drive_ret_done_too) {
-        kze_log(3, "change drive switch success");
-    } else if (ret == drive_ret_try_again) {
-        kze_log(2, "change drive switch failed, need retry");
-        start_drive_switch_retry_job(&ctx);
+    } else if (outcome == outcome_done || outcome == outcome_done_too) {
+        kze_log(3, "%s", step.done);
+    } else if (outcome == outcome_try_again) {
+        kze_log(2, "%s", step.try_again);
         return true;
     } else {
-        kze_log(2, "change drive switch failed, not need retry");
+        kze_log(2, "%s", step.refused);
     }
     return false;
 }
 
-bool change_collect_step(const drive_switch_ctx &ctx, int &ret) {
-    const int result = set_drive_switch(DRIVE_SWITCH_COLLECT, ctx.collect_enable, &ret);
-    kze_log(3, "change drive collect switch:%d, ret:%d", ctx.collect_enable, ret);
-    if (result != 0) {
-        kze_log(2, "set drive switch failed, not need retry, ret = %d", result);
-    } else if (ret == drive_ret_done || ret == drive_ret_done_too) {
-        kze_log(3, "change drive collect switch success");
-    } else if (ret == drive_ret_try_again) {
-        kze_log(2, "change drive collect switch failed, need retry");
-        start_drive_switch_retry_job(&ctx);
-        return true;
-    } else {
-        kze_log(2, "change drive collect switch failed, not need retry");
-    }
-    return false;
-}
-
-// Carries out a record. Whether the retry job is to be kept.
+// Carries out a record. Whether the engine asked to be tried again, at which the rest is left
+// alone.
 bool change_switches(const drive_switch_ctx &ctx) {
-    int ret = 0;  // of both steps; a call that doesn't write it leaves that of the step before
+    int outcome = 0;  // of both steps
     if (ctx.change_drive) {
-        if (change_drive_step(ctx, ret)) {
+        if (change_switch(step_drive, ctx.drive_enable, outcome)) {
             return true;
         }
         if (ctx.drive_enable == 0) {
             return false;
         }
     }
-    return ctx.change_collect && change_collect_step(ctx, ret);
+    return ctx.change_collect && change_switch(step_collect, ctx.collect_enable, outcome);
 }
 
 unsigned long now_seconds() {
@@ -183,25 +168,24 @@ void on_base_drive_cfg_response(int result, unsigned int, const char *data, unsi
         return;
     }
     stop_drive_switch_retry_job();
-    if (drive_thread_id == 0) {
+    const pthread_t running = current_drive_thread();
+    if (running == 0) {
         apply_drive_cfg(&cfg);
-        return;
-    }
-    if (const int error = pthread_kill(drive_thread_id, 0); error != 0) {
+    } else if (const int error = pthread_kill(running, 0); error != 0) {
         kze_log(1, "pthread_kill error:%d", error);
-        return;
+    } else {
+        keep_until_thread_ends(cfg);
     }
-    keep_until_thread_ends(cfg);
 }
 
 int check_drive_switch_change(const drive_cfg *cfg, drive_switch_ctx *ctx) {
     int drive_state = 0;
-    if (const int result = get_drive_state(&drive_state); result != 0) {
+    if (const int result = qd::get_drive_state(&drive_state); result != 0) {
         kze_log(1, "get drive state faile, ret = %d", result);
         return -1;
     }
     int collect_state = 0;
-    if (const int result = get_collect_state(&collect_state); result != 0) {
+    if (const int result = qd::get_collect_state(&collect_state); result != 0) {
         kze_log(1, "get collect state faile, ret = %d", result);
         return -1;
     }
@@ -246,13 +230,14 @@ int start_set_drive_switch_thread(const drive_switch_ctx *ctx) {
 
 void *set_drive_switch_thread(void *ctx) {
     auto *const work = static_cast<drive_switch_ctx *>(ctx);
-    char directory[4096] = {};
-    kze_dirutils_path_transform(log_directory, directory, sizeof(directory));
-    autolog_init(directory, log_files);
+    start_thread_log(log_directory);
     kze_log(3, "begin set drive switch at %lu", now_seconds());
-    const bool keep_retry_job = change_switches(*work);
+    const bool try_again = change_switches(*work);
+    if (try_again) {
+        start_drive_switch_retry_job(work);
+    }
     kze_log(3, "end set drive switch at %lu", now_seconds());
-    if (!keep_retry_job) {
+    if (!try_again) {
         stop_drive_switch_retry_job();
     }
     free(work);
@@ -314,8 +299,8 @@ void drive_update_timer_cb(cl_timerplus *) {
         stop_drive_update_timer();
         return;
     }
-    if (drive_thread_id != 0) {
-        if (const int error = pthread_kill(drive_thread_id, 0); error != 0) {
+    if (const pthread_t running = current_drive_thread(); running != 0) {
+        if (const int error = pthread_kill(running, 0); error != 0) {
             kze_log(1, "pthread_kill error:%d", error);
         } else {
             kze_log(3, "set dirve switch thread is running");

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <new>
 
 #include "config/kzemm_config.h"
@@ -12,7 +13,15 @@ namespace {
 
 constexpr useconds_t turn_pause_us = 100000;
 
+// Keeps a stop that comes during the start, whose end sets `running`. There is one worker at a
+// time; its constructor begins anew, before anybody knows of it.
+std::atomic<bool> s_stop_wanted{false};
+
 }  // namespace
+
+kzemm_work::kzemm_work() {
+    s_stop_wanted = false;
+}
 
 int kzemm_work::start() {
     if (running) {
@@ -56,7 +65,7 @@ int kzemm_work::run() {
     send_ctm_helloinfo();
     kze_log(3, "work loop start");
     cl_ev_loop_nowait(1);
-    while (running) {
+    while (running && !s_stop_wanted) {
         cl_event_loop_once();
         usleep(turn_pause_us);
     }
@@ -65,6 +74,7 @@ int kzemm_work::run() {
 }
 
 void kzemm_work::stop() {
+    s_stop_wanted = true;
     running = false;
     kze_log(3, "kzemm_work stopped succeed");
 }

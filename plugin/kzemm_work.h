@@ -28,7 +28,7 @@ enum X_CLIENT_STATUS {
  */
 class kzemm_work {
   public:
-    kzemm_work() = default;
+    kzemm_work();
     ~kzemm_work() = default;
     kzemm_work(const kzemm_work &) = delete;
     kzemm_work &operator=(const kzemm_work &) = delete;
@@ -40,10 +40,24 @@ class kzemm_work {
     int start();
     // Turns the event loop, about ten times a second, until stop. Always 0.
     int run();
-    // Tells run to return; waits for nothing. Any thread.
+    // Tells run to return; waits for nothing. One that comes during start takes effect when that
+    // has ended: the loop doesn't turn then. Any thread.
     void stop();
     // Releases everything, whatever start and run came to.
     void clean();
+
+  private:
+    friend struct kzemm_work_inspector;  // tests reach the rest through it
+    friend void kzemm_send_to_kzelkganal(_x_error err, char *data, unsigned int len, void *user);
+
+    // ---- steps of start and clean (kzemm_work.cpp) ----
+
+    int init_kzemm_config();
+    void uninit_kzemm_config();
+    int init_kzemm_task();
+    void uninit_kzemm_task();
+    int init_upgrade();
+    void uninit_upgrade();
 
     // ---- the engine client's life (kzemm_work_client.cpp) ----
 
@@ -146,18 +160,8 @@ class kzemm_work {
     // is 0 and leaves it alone otherwise; user is not read.
     void qd_send_to_kzelkganal(_x_error err, char *data, unsigned int len, void *user);
 
-  private:
-    friend struct kzemm_work_inspector;  // tests look at the fields through it
-
-    int init_kzemm_config();
-    void uninit_kzemm_config();
-    int init_kzemm_task();
-    void uninit_kzemm_task();
-    int init_upgrade();
-    void uninit_upgrade();
-
     // Deliberately unlocked: a plain flag that the host's thread clears and the loop reads; the
-    // loop sees the change within one turn.
+    // loop sees the change within one turn. Set where the start ends well.
     bool running = false;
     vrd_ipc_st *ipc = nullptr;          // own endpoint
     vrd_addr_st *rpdsp_addr = nullptr;  // the disposal service

@@ -6,10 +6,11 @@
 
 #include "config/kzemm_config.h"
 #include "datapath/kzemm_invoke.h"
-#include "engine/kzemm_loader.h"
+#include "engine/qd_calls.h"
 #include "kzabase.h"
 #include "kzautil.h"
 #include "plugin/kzemm_fileoperate.h"
+#include "plugin/kzemm_platform.h"
 #include "plugin/kzemm_work.h"
 #include "vrdbase.h"
 
@@ -83,9 +84,7 @@ int kzemm_work::qd_client_start() {
     const qd_client_callbacks callbacks = {qd_agent_offline_cb, nullptr};
 
     for (;;) {
-        const auto client_start = reinterpret_cast<x_client_start_fn>(
-            kzemm_loader::get_instance().get_x_client_start_fn());
-        if (client_start(&callbacks, this) == 0) {
+        if (qd::start(&callbacks, this) == 0) {
             kze_log(3, "x_client start success");
             set_x_client_status(X_CLIENT_ONLINE);
             return 0;
@@ -114,9 +113,7 @@ int kzemm_work::qd_client_start() {
 
 int kzemm_work::qd_client_stop() {
     set_x_client_status(X_CLIENT_OFFLINE);
-    const auto client_stop =
-        reinterpret_cast<x_client_stop_fn>(kzemm_loader::get_instance().get_x_client_stop_fn());
-    if (client_stop() != 0) {
+    if (qd::stop() != 0) {
         kze_log(2, "x_client stop failed");
         return -1;
     }
@@ -144,11 +141,7 @@ int kzemm_work::start_qd_timer() {
 }
 
 void kzemm_work::stop_qd_timer() {
-    if (qd_timer != nullptr) {
-        cl_timerplus_stop(qd_timer);
-        cl_timerplus_close(qd_timer);
-        qd_timer = nullptr;
-    }
+    close_timer(qd_timer);
     kze_log(3, "stop qd timer");
 }
 

@@ -4,7 +4,7 @@
 #include "datapath/kzemm_dispose.h"
 #include "datapath/kzemm_gateway.h"
 #include "datapath/kzemm_invoke.h"
-#include "engine/kzemm_loader.h"
+#include "engine/qd_calls.h"
 #include "plugin/kzemm_work.h"
 #include "vrdbase.h"
 
@@ -12,13 +12,9 @@ namespace {
 
 constexpr unsigned int cmd_linkage_result = 5;
 
-void give_back_to_engine(char *data) {
-    reinterpret_cast<x_client_free_fn>(kzemm_loader::get_instance().get_x_client_free_fn())(data);
-}
-
 void free_engine_data(char *data) {
     if (data != nullptr) {
-        give_back_to_engine(data);
+        qd::free(data);
     }
 }
 
@@ -75,7 +71,7 @@ void kzemm_work::qd_eng_sub_credible_cb(char *data, unsigned int len, void *user
     } else if (!do_auto_dispose(data, len, work->ipc, work->rpdsp_addr)) {
         kze_log(2, "do auto dispose failed");
     }
-    give_back_to_engine(data);
+    qd::free(data);
 }
 
 void kzemm_work::qd_send_to_kzelkganal(_x_error err, char *data, unsigned int len, void *) {

@@ -1,7 +1,5 @@
 // The endpoint of the plug-in: what comes in, under which switch, and what is answered.
 
-#include <endian.h>
-
 #include <cstring>
 
 #include "config/kzemm_config.h"
@@ -19,29 +17,16 @@ constexpr char disposal_name[] = "agt_rpdsp";
 // The change notification of the configuration service, a one-way message.
 constexpr unsigned int cmd_cfgc_notify = 1002;
 
-constexpr uint16_t proto_type_response = 2;
+constexpr bool net_order = true;
 
-struct request_rule {
-    unsigned int cmd;
-    EMM_SWITCH_TYPE permitted_by;
-    KZEMM_TASK_TYPE task;
-};
-
-constexpr request_rule request_rules[] = {
-    {102, EMM_SWITCH_IOA, KZEMM_TASK_CUSTOM_IOA},   {1002, EMM_SWITCH_HUNTING, KZEMM_TASK_HUNTING},
-    {1004, EMM_SWITCH_LINKAGE, KZEMM_TASK_LINKAGE}, {1005, EMM_SWITCH_IOA, KZEMM_TASK_APPEND},
-    {1010, EMM_SWITCH_COLLECT, KZEMM_TASK_LKGANAL},
-};
-
-// The rule of a command that is switched on; null for any other command.
-const request_rule *find_permitted(unsigned int cmd) {
-    for (const request_rule &each : request_rules) {
-        if (each.cmd == cmd) {
-            return kzemm_config::get_instance().get_switch(each.permitted_by) ? &each : nullptr;
-        }
+// The command, where it is switched on; null for any other.
+const kzemm_command *find_permitted(unsigned int cmd) {
+    const kzemm_command *const command = find_command(cmd);
+    if (command == nullptr) {
+        kze_log(2, "invalid cmd: %d", static_cast<int>(cmd));
+        return nullptr;
     }
-    kze_log(2, "invalid cmd: %d", static_cast<int>(cmd));
-    return nullptr;
+    return kzemm_config::get_instance().get_switch(command->permitted_by) ? command : nullptr;
 }
 
 }  // namespace
@@ -117,14 +102,14 @@ void kzemm_work::handle_ipc_request(vrd_ipc_st *from, vrd_addr_st *addr, unsigne
     }
     kze_log(3, "receive request cmd: %u", cmd);
     KZEMM_TRACE_ERRORCODE code = KZEMM_TRACE_OK;
-    if (check_msg_invalid(cmd, data, len, true) != 0) {
+    if (check_msg_invalid(cmd, data, len, net_order) != 0) {
         kze_log(2, "msg is invalid");
         code = KZEMM_TRACE_INVALID;
-    } else if (const request_rule *const rule = find_permitted(cmd); rule == nullptr) {
+    } else if (const kzemm_command *const command = find_permitted(cmd); command == nullptr) {
         kze_log(2, "check permission failed, cmd: %u", cmd);
         code = KZEMM_TRACE_NO_PERMISSION;
     } else {
-        code = do_trace(rule->task, data, len);
+        code = do_trace(command->task, data, len);
     }
     kze_log(3, "exec cmd: %u, response code: %d", cmd, code);
     response_mgr_msg(from, addr, request_id, cmd, code);
@@ -149,17 +134,13 @@ void kzemm_work::response_mgr_msg(vrd_ipc_st *from, vrd_addr_st *addr, unsigned 
     kze_str_snprintf(text, sizeof(text), "{\"resp_code\":%d, \"resp_msg\":\"\"}", code);
     const size_t text_len = strlen(text);
     const size_t frame_size = text_len + sizeof(_module_header);
-    const malloc_ptr frame(static_cast<char *>(malloc(frame_size)));
+    const auto payload_size = static_cast<uint32_t>(text_len);
+    const malloc_ptr frame =
+        make_frame(module_header(module_response, payload_size, net_order), text, payload_size);
     if (frame == nullptr) {
         kze_log(1, "malloc %lu byte failed", frame_size);
         return;
     }
-    _module_header header = {};
-    memcpy(header.version, message_version, sizeof(header.version));
-    header.proto_type = htobe16(proto_type_response);
-    header.msg_len = htobe32(static_cast<uint32_t>(text_len));
-    memcpy(frame.get(), &header, sizeof(header));
-    memcpy(frame.get() + sizeof(header), text, text_len);
     // The header's fifth byte ends the string: what shows is the version.
     kze_log(4, "response_mgr_msg: %s!", frame.get());
     vrd_ipc_response(from, addr, request_id, cmd, frame.get(),

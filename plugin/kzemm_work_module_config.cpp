@@ -112,7 +112,7 @@ int handle_cfg_msg(vrd_ipc_st *ipc, const vrd_addr_st *addr, const char *module,
     return packed;
 }
 
-void retry_request_cfg(const char *module) {
+void retry_request_cfg(char *module) {
     if (retry_ipc == nullptr) {
         retry_ipc = vrd_ipc_create_temp("req_tmp", 0);
         if (retry_ipc == nullptr) {

@@ -23,7 +23,7 @@ int handle_cfg_msg(vrd_ipc_st *ipc, const vrd_addr_st *addr, const char *module,
 
 // The same on an endpoint and an address of its own, which are made once and kept, for callers that
 // have none. The answer goes to on_engine_cfg_response.
-void retry_request_cfg(const char *module);
+void retry_request_cfg(char *module);
 
 // Whether a change notification names a module: 0 when it does, else -1.
 int cfg_msg_has_module(const char *data, unsigned int len, const char *key, unsigned int key_len);

@@ -3,9 +3,10 @@
 #include <cjson/cJSON.h>
 
 #include <cstring>
+#include <iterator>
 #include <memory>
 
-#include "engine/kzemm_loader.h"
+#include "engine/qd_calls.h"
 #include "plugin/kzemm_data_conv.h"
 #include "plugin/kzemm_work_module_config.h"
 #include "vrdbase.h"
@@ -17,13 +18,44 @@ struct cjson_deleter {
 };
 using cjson_ptr = std::unique_ptr<cJSON, cjson_deleter>;
 
-constexpr char module_trust_ip[] = "trust_ip";
+// Lives as long as the requests that it is handed to, which don't write to it.
+char module_trust_ip[] = "trust_ip";
 
-int push_rules(_engine_type type, const char *text) {
-    const auto update = reinterpret_cast<x_client_engine_update_by_data_fn>(
-        kzemm_loader::get_instance().get_x_client_engine_update_by_data());
-    return update(type, text, static_cast<unsigned int>(strlen(text)), engine_upd_by_data_cb,
-                  nullptr);
+int push_text(_engine_type type, const char *text) {
+    return qd::engine_update_by_data(type, text, static_cast<unsigned int>(strlen(text)),
+                                     engine_upd_by_data_cb, nullptr);
+}
+
+// Rules of one capability: the flag of an answer that enables them, and the lines that tell what
+// came of handing them over.
+struct rule_push {
+    const char *flag;
+    _engine_type type;
+    const char *failed;
+    const char *done;
+};
+
+// In the order in which they are handed over.
+constexpr rule_push login_pushes[] = {
+    {"abnormal_ip_login_enable", ENGINE_ABNORMAL_IP_LOGIN, "set login ip rule failed,ret=%d .",
+     "set login ip rule success."},
+    {"abnormal_time_login_enable", ENGINE_ABNORMAL_TIME_LOGIN,
+     "set login time rule failed,ret=%d .", "set login time rule success."},
+    {"abnormal_scan_enable", ENGINE_ABNORMAL_SCAN, "set abnormal scan rule failed,ret=%d .",
+     "set abnormal scan rule success."},
+};
+constexpr rule_push ssh_push = {"ssh_enable", ENGINE_BRUTEFORCE_SSH,
+                                "set bruteforce ssh rule failed,ret=%d .",
+                                "set bruteforce ssh rule success."};
+
+// 0, or -1 when the engine refused.
+int push_rules(const rule_push &push, const char *config) {
+    if (const int result = push_text(push.type, config); result != 0) {
+        kze_log(1, push.failed, result);
+        return -1;
+    }
+    kze_log(3, "%s", push.done);
+    return 0;
 }
 
 // Whether a text begins with these characters; what follows them doesn't count.
@@ -32,43 +64,20 @@ bool begins_with(const char *text, const char *beginning) {
 }
 
 int handle_abnormal_login_cfg(const xmsg_ptr &answer, const char *config) {
-    constexpr char ip_key[] = "abnormal_ip_login_enable";
-    constexpr char time_key[] = "abnormal_time_login_enable";
-    constexpr char scan_key[] = "abnormal_scan_enable";
-    const char *const ip = get_cfg_field(answer, ip_key);
-    if (ip == nullptr) {
-        return -1;
-    }
-    const char *const time = get_cfg_field(answer, time_key);
-    if (time == nullptr) {
-        return -1;
-    }
-    const char *const scan = get_cfg_field(answer, scan_key);
-    if (scan == nullptr) {
-        return -1;
-    }
-    kze_log(4, "%s:%s,%s:%s,%s:%s", time_key, time, ip_key, ip, scan_key, scan);
-
-    if (begins_with(ip, "1")) {
-        if (const int result = push_rules(ENGINE_ABNORMAL_IP_LOGIN, config); result != 0) {
-            kze_log(1, "set login ip rule failed,ret=%d .", result);
+    constexpr size_t pushes = std::size(login_pushes);
+    const char *flags[pushes] = {};
+    for (size_t each = 0; each < pushes; ++each) {
+        flags[each] = get_cfg_field(answer, login_pushes[each].flag);
+        if (flags[each] == nullptr) {
             return -1;
         }
-        kze_log(3, "set login ip rule success.");
     }
-    if (begins_with(time, "1")) {
-        if (const int result = push_rules(ENGINE_ABNORMAL_TIME_LOGIN, config); result != 0) {
-            kze_log(1, "set login time rule failed,ret=%d .", result);
+    kze_log(4, "%s:%s,%s:%s,%s:%s", login_pushes[1].flag, flags[1], login_pushes[0].flag, flags[0],
+            login_pushes[2].flag, flags[2]);
+    for (size_t each = 0; each < pushes; ++each) {
+        if (begins_with(flags[each], "1") && push_rules(login_pushes[each], config) != 0) {
             return -1;
         }
-        kze_log(3, "set login time rule success.");
-    }
-    if (begins_with(scan, "1")) {
-        if (const int result = push_rules(ENGINE_ABNORMAL_SCAN, config); result != 0) {
-            kze_log(1, "set abnormal scan rule failed,ret=%d .", result);
-            return -1;
-        }
-        kze_log(3, "set abnormal scan rule success.");
     }
     return 0;
 }
@@ -81,20 +90,12 @@ int handle_anti_bfa_cfg(const xmsg_ptr &answer, const char *config) {
     if (!begins_with(enable, "true")) {
         return 0;
     }
-    const char *const ssh_enable = get_cfg_field(answer, "ssh_enable");
+    const char *const ssh_enable = get_cfg_field(answer, ssh_push.flag);
     if (ssh_enable == nullptr) {
         return -1;
     }
-    kze_log(4, "%s:%s", "ssh_enable", ssh_enable);
-    if (!begins_with(ssh_enable, "true")) {
-        return 0;
-    }
-    if (const int result = push_rules(ENGINE_BRUTEFORCE_SSH, config); result != 0) {
-        kze_log(1, "set bruteforce ssh rule failed,ret=%d .", result);
-        return -1;
-    }
-    kze_log(3, "set bruteforce ssh rule success.");
-    return 0;
+    kze_log(4, "%s:%s", ssh_push.flag, ssh_enable);
+    return begins_with(ssh_enable, "true") ? push_rules(ssh_push, config) : 0;
 }
 
 // The envelope {"tkbfd":{"white_ip":{...,"need_update":true}}} around a list, in one line; null
@@ -146,7 +147,7 @@ void handle_trust_ip_cfg(const xmsg_ptr &answer) {
         return;
     }
     kze_log(3, "send white info [%s]", message.get());
-    if (const int result = push_rules(ENGINE_BRUTEFORCE_SSH, message.get()); result != 0) {
+    if (const int result = push_text(ENGINE_BRUTEFORCE_SSH, message.get()); result != 0) {
         kze_log(1, "set white ip failed,ret=%d .", result);
         retry_request_cfg(module_trust_ip);
     }

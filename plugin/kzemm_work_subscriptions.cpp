@@ -1,7 +1,7 @@
 // What the engine pushes: which callback is registered for which kind of data.
 
 #include "config/kzemm_config.h"
-#include "engine/kzemm_loader.h"
+#include "engine/qd_calls.h"
 #include "plugin/kzemm_work.h"
 #include "vrdbase.h"
 
@@ -9,40 +9,21 @@ namespace {
 
 constexpr unsigned int cancel_cycle = 1;
 
-int subscribe_alarm(qd_data_cb callback) {
-    return reinterpret_cast<x_client_engine_subscribe_alarm_fn>(
-        kzemm_loader::get_instance().get_x_client_engine_subscribe_alarm_fn())(callback, nullptr);
-}
-
-int register_coordinate(qd_trace_type type, qd_data_cb callback) {
-    return reinterpret_cast<x_client_register_coordinate_cb_fn>(
-        kzemm_loader::get_instance().get_x_client_register_coordinate_cb_fn())(type, callback,
-                                                                               nullptr);
-}
-
-int subscribe_credible(qd_data_cb callback, void *user) {
-    return reinterpret_cast<x_client_engine_subscribe_credible_fn>(
-        kzemm_loader::get_instance().get_x_client_engine_subscribe_credible_fn())(callback, user);
-}
-
-int subscribe_origin(unsigned int cycle, qd_data_cb callback) {
-    return reinterpret_cast<x_client_subscribe_origin_data_fn>(
-        kzemm_loader::get_instance().get_x_client_subscribe_origin_data_fn())(cycle, callback,
-                                                                              nullptr);
-}
-
 }  // namespace
 
 int kzemm_work::qd_client_subscribe() {
-    const int alarm = subscribe_alarm(qd_alarm_cb);
+    const int alarm = qd::engine_subscribe_alarm(qd_alarm_cb, nullptr);
     kze_log(3, "qd subscribe alarm ret: %d", alarm);
-    const int hunting = register_coordinate(QD_TRACE_HUNTING, qd_coordinate_hunting_cb);
+    const int hunting =
+        qd::register_coordinate_cb(QD_TRACE_HUNTING, qd_coordinate_hunting_cb, nullptr);
     kze_log(3, "qd register hunting coordinate cb ret: %d", hunting);
-    const int linkage = register_coordinate(QD_TRACE_LINKAGE, qd_coordinate_linkage_cb);
+    const int linkage =
+        qd::register_coordinate_cb(QD_TRACE_LINKAGE, qd_coordinate_linkage_cb, nullptr);
     kze_log(3, "qd register linakge coordinate cb ret: %d", linkage);
-    const int append = register_coordinate(QD_TRACE_APPEND, qd_coordinate_append_cb);
+    const int append =
+        qd::register_coordinate_cb(QD_TRACE_APPEND, qd_coordinate_append_cb, nullptr);
     kze_log(3, "qd register append coordinate cb ret: %d", append);
-    const int credible = subscribe_credible(qd_eng_sub_credible_cb, this);
+    const int credible = qd::engine_subscribe_credible(qd_eng_sub_credible_cb, this);
     kze_log(3, "qd register engine credible cb ret: %d", credible);
     return alarm == 0 && hunting == 0 && linkage == 0 && append == 0 && credible == 0 ? 0 : -1;
 }
@@ -50,7 +31,7 @@ int kzemm_work::qd_client_subscribe() {
 int kzemm_work::qd_client_subscribe_origin() {
     kzemm_config &config = kzemm_config::get_instance();
     if (!config.get_report_switch() && !config.get_origin_forward_swith()) {
-        if (subscribe_origin(cancel_cycle, nullptr) != 0) {
+        if (qd::subscribe_origin_data(cancel_cycle, nullptr, nullptr) != 0) {
             kze_log(2, "cancel subscribe origin data failed");
             return -1;
         }
@@ -61,7 +42,7 @@ int kzemm_work::qd_client_subscribe_origin() {
         kze_log(2, "set report cycle failed, use default");
     }
     const unsigned int cycle = config.get_collect_report_cycle();
-    if (subscribe_origin(cycle, qd_origin_cb) != 0) {
+    if (qd::subscribe_origin_data(cycle, qd_origin_cb, nullptr) != 0) {
         kze_log(2, "qd subscribe origin data failed, cycle: %u", cycle);
         return -1;
     }

@@ -1,12 +1,12 @@
 // The engine's capabilities: each one's state from the switches, its order of sending, the retry.
 
-#include <algorithm>
-#include <iterator>
 #include <new>
+#include <utility>
 
 #include "config/kzemm_config.h"
-#include "engine/kzemm_loader.h"
+#include "engine/qd_calls.h"
 #include "kzabase.h"
+#include "plugin/kzemm_platform.h"
 #include "plugin/kzemm_work.h"
 #include "vrdbase.h"
 
@@ -23,67 +23,94 @@ struct switch_engine_ctx {
     std::list<_engine_type> engines;  // still to be sent
 };
 
-// What one capability is told, and what came of it.
-struct engine_order {
+// A capability of the engine and the switch that it follows.
+struct capability {
     _engine_type type;
-    int status;
-    bool refused;
+    EMM_SWITCH_TYPE follows;
+    bool is_sent;
+    bool on_in_cnapp;  // whatever configuration says
+};
+
+// In the order in which they are sent. The global brute force is none of the engine's: it gates the
+// ssh one. The detection analysis has no switch of its own.
+constexpr capability capabilities[] = {
+    {ENGINE_BRUTEFORCE_GLOBAL, EMM_SWITCH_BRUTEFORCE_GLOBAL, false, true},
+    {ENGINE_COLLECT, EMM_SWITCH_COLLECT, true, true},
+    {ENGINE_IOC, EMM_SWITCH_IOC, true, true},
+    {ENGINE_IOA, EMM_SWITCH_IOA, true, true},
+    {ENGINE_ABNORMAL_IP_LOGIN, EMM_SWITCH_ABNORMAL_IP_LOGIN, true, true},
+    {ENGINE_MD, EMM_SWITCH_MD, true, true},
+    {ENGINE_ABNORMAL_TIME_LOGIN, EMM_SWITCH_ABNORMAL_TIME_LOGIN, true, true},
+    {ENGINE_ABNORMAL_SCAN, EMM_SWITCH_ABNORMAL_SCAN, true, true},
+    {ENGINE_REVERSESHELL, EMM_SWITCH_REVERSESHELL, true, false},
+    {ENGINE_BRUTEFORCE_SSH, EMM_SWITCH_BRUTEFORCE_SSH, true, true},
+    {ENGINE_DETANAL, EMM_SWITCH_IOA, true, true},
 };
 
 int get_engine_switch_status(_engine_type type) {
-    const kzemm_config &config = kzemm_config::get_instance();
-    bool on = false;
-    switch (type) {
-        case ENGINE_IOC:
-            on = config.get_ioc_switch();
-            break;
-        case ENGINE_IOA:
-        case ENGINE_DETANAL:  // has no switch of its own
-            on = config.get_ioa_switch();
-            break;
-        case ENGINE_MD:
-            on = config.get_md_switch();
-            break;
-        case ENGINE_BRUTEFORCE_GLOBAL:
-            on = config.get_bruteforce_global_switch();
-            break;
-        case ENGINE_COLLECT:
-            on = config.get_collect_switch();
-            break;
-        case ENGINE_ABNORMAL_SCAN:
-            on = config.get_abnormal_scan_switch();
-            break;
-        case ENGINE_BRUTEFORCE_SSH:
-            on = config.get_bruteforce_ssh_switch();
-            break;
-        case ENGINE_ABNORMAL_IP_LOGIN:
-            on = config.get_abnormal_ip_login_switch();
-            break;
-        case ENGINE_ABNORMAL_TIME_LOGIN:
-            on = config.get_abnormal_time_login_switch();
-            break;
-        case ENGINE_REVERSESHELL:
-            on = config.get_reverseshell_switch();
-            break;
-        default:
-            kze_log(2, "type %d error", static_cast<int>(type));
-    }
-    return on ? ENGINE_SWITCH_ON : ENGINE_SWITCH_OFF;
-}
-
-int control_engine(_engine_type type, int status) {
-    return reinterpret_cast<x_client_engine_control_fn>(
-        kzemm_loader::get_instance().get_x_client_engine_control_fn())(type, status);
-}
-
-std::list<_engine_type> refused_types(const engine_order *begin, const engine_order *end) {
-    std::list<_engine_type> types;
-    for (const engine_order *order = begin; order != end; ++order) {
-        if (order->refused) {
-            types.push_back(order->type);
+    for (const capability &each : capabilities) {
+        if (each.type == type) {
+            return kzemm_config::get_instance().get_switch(each.follows) ? ENGINE_SWITCH_ON
+                                                                         : ENGINE_SWITCH_OFF;
         }
     }
-    return types;
+    kze_log(2, "type %d error", static_cast<int>(type));
+    return ENGINE_SWITCH_OFF;
+}
+
+// The status of each capability, by its number.
+struct engine_statuses {
+    int of[ENGINE_DETANAL + 1] = {};
+};
+
+engine_statuses current_statuses() {
+    engine_statuses statuses;
+    for (const capability &each : capabilities) {
+        statuses.of[each.type] = get_engine_switch_status(each.type);
+    }
+    int &ssh = statuses.of[ENGINE_BRUTEFORCE_SSH];
+    if (statuses.of[ENGINE_BRUTEFORCE_GLOBAL] == ENGINE_SWITCH_OFF) {
+        ssh = ENGINE_SWITCH_OFF;  // whatever its own switch says
+    }
+    kze_log(3, "ssh:%d", ssh);
+
+    if (IsCNAPPAgent() != 0) {
+        kze_log(3, "cnapp agent will enable all switch");
+        kzemm_config::get_instance().set_upgrad_switch(true);
+        for (const capability &each : capabilities) {
+            if (each.on_in_cnapp) {
+                statuses.of[each.type] = ENGINE_SWITCH_ON;
+            }
+        }
+    }
+    return statuses;
+}
+
+void log_statuses(const engine_statuses &statuses) {
+    const int *const of = statuses.of;
+    kze_log(3,
+            "collect: %d, ioc: %d, ioa: %d, login ip:%d, login time:%d, scan:%d, reverseshell:%d, "
+            "bruteforce_global: %d, detanal: %d",
+            of[ENGINE_COLLECT], of[ENGINE_IOC], of[ENGINE_IOA], of[ENGINE_ABNORMAL_IP_LOGIN],
+            of[ENGINE_ABNORMAL_TIME_LOGIN], of[ENGINE_ABNORMAL_SCAN], of[ENGINE_REVERSESHELL],
+            of[ENGINE_BRUTEFORCE_GLOBAL], of[ENGINE_DETANAL]);
+    kze_log(3, "set engine switch, on[2], off[1]. collect: %d, ioc: %d, ioa: %d, md: %d",
+            of[ENGINE_COLLECT], of[ENGINE_IOC], of[ENGINE_IOA], of[ENGINE_MD]);
+}
+
+// False when the engine refused, which is logged.
+bool send_status(_engine_type type, int status) {
+    if (qd::engine_control(type, status) != 0) {
+        kze_log(2, "switch %d status: %d failed", static_cast<int>(type), status);
+        return false;
+    }
+    return true;
+}
+
+void remember(std::list<_engine_type> &engines, _engine_type type) try {
+    engines.push_back(type);
+} catch (const std::bad_alloc &) {
+    kze_log(1, "no memory to retry switch %d", static_cast<int>(type));
 }
 
 }  // namespace
@@ -120,65 +147,23 @@ void kzemm_work::set_engine_switch_cb(cl_timerplus *timer) {
 }
 
 void kzemm_work::do_engine_swicth() {
-    int ioc = get_engine_switch_status(ENGINE_IOC);
-    int ioa = get_engine_switch_status(ENGINE_IOA);
-    int collect = get_engine_switch_status(ENGINE_COLLECT);
-    int md = get_engine_switch_status(ENGINE_MD);
-    int ip_login = get_engine_switch_status(ENGINE_ABNORMAL_IP_LOGIN);
-    int time_login = get_engine_switch_status(ENGINE_ABNORMAL_TIME_LOGIN);
-    int scan = get_engine_switch_status(ENGINE_ABNORMAL_SCAN);
-    const int reverseshell = get_engine_switch_status(ENGINE_REVERSESHELL);
-    int bruteforce_global = get_engine_switch_status(ENGINE_BRUTEFORCE_GLOBAL);
-    int detanal = get_engine_switch_status(ENGINE_DETANAL);
-    int ssh = bruteforce_global;  // off with the global switch, whatever its own says
-    if (ssh == ENGINE_SWITCH_ON) {
-        ssh = get_engine_switch_status(ENGINE_BRUTEFORCE_SSH);
-    }
-    kze_log(3, "ssh:%d", ssh);
-
-    if (IsCNAPPAgent() != 0) {
-        kze_log(3, "cnapp agent will enable all switch");
-        kzemm_config::get_instance().set_upgrad_switch(true);
-        // The reverse shell still follows configuration.
-        ioc = ioa = collect = md = ip_login = time_login = scan = detanal = ENGINE_SWITCH_ON;
-        bruteforce_global = ssh = ENGINE_SWITCH_ON;
-    }
-    kze_log(3,
-            "collect: %d, ioc: %d, ioa: %d, login ip:%d, login time:%d, scan:%d, reverseshell:%d, "
-            "bruteforce_global: %d, detanal: %d",
-            collect, ioc, ioa, ip_login, time_login, scan, reverseshell, bruteforce_global,
-            detanal);
-    kze_log(3, "set engine switch, on[2], off[1]. collect: %d, ioc: %d, ioa: %d, md: %d", collect,
-            ioc, ioa, md);
-
-    engine_order orders[] = {
-        {ENGINE_COLLECT, collect, false},
-        {ENGINE_IOC, ioc, false},
-        {ENGINE_IOA, ioa, false},
-        {ENGINE_ABNORMAL_IP_LOGIN, ip_login, false},
-        {ENGINE_MD, md, false},
-        {ENGINE_ABNORMAL_TIME_LOGIN, time_login, false},
-        {ENGINE_ABNORMAL_SCAN, scan, false},
-        {ENGINE_REVERSESHELL, reverseshell, false},
-        {ENGINE_BRUTEFORCE_SSH, ssh, false},
-        {ENGINE_DETANAL, detanal, false},
-    };
-    for (engine_order &order : orders) {
-        order.refused = control_engine(order.type, order.status) != 0;
-        if (order.refused) {
-            kze_log(2, "switch %d status: %d failed", static_cast<int>(order.type), order.status);
+    const engine_statuses statuses = current_statuses();
+    log_statuses(statuses);
+    bool all_taken = true;
+    std::list<_engine_type> refused;
+    for (const capability &each : capabilities) {
+        if (each.is_sent && !send_status(each.type, statuses.of[each.type])) {
+            all_taken = false;
+            remember(refused, each.type);
         }
     }
-    const auto is_refused = [](const engine_order &order) { return order.refused; };
-    if (std::none_of(std::begin(orders), std::end(orders), is_refused)) {
+    if (all_taken) {
         kze_log(3, "set engine switch success");
         return;
     }
     kze_log(3, "need to retry switch engine");
-    try {
-        retry_switch_engine(refused_types(std::begin(orders), std::end(orders)));
-    } catch (const std::bad_alloc &) {
-        kze_log(1, "new context failed");
+    if (!refused.empty()) {
+        retry_switch_engine(std::move(refused));
     }
 }
 
@@ -214,12 +199,11 @@ void kzemm_work::switch_engine_cb(cl_timerplus *timer) {
     for (auto each = ctx->engines.begin(); each != ctx->engines.end();) {
         // The plain status: neither the brute-force gate nor the CNAPP override applies here.
         const int status = get_engine_switch_status(*each);
-        if (control_engine(*each, status) != 0) {
-            kze_log(2, "switch %d status: %d failed", static_cast<int>(*each), status);
-            ++each;
-        } else {
+        if (send_status(*each, status)) {
             kze_log(3, "switch %d status: %d succeed", static_cast<int>(*each), status);
             each = ctx->engines.erase(each);
+        } else {
+            ++each;
         }
     }
     if (ctx->engines.empty()) {
@@ -238,19 +222,11 @@ void kzemm_work::switch_engine_cb(cl_timerplus *timer) {
 }
 
 void kzemm_work::stop_cfg_timer() {
-    if (cfg_timer != nullptr) {
-        cl_timerplus_stop(cfg_timer);
-        cl_timerplus_close(cfg_timer);
-        cfg_timer = nullptr;
-    }
+    close_timer(cfg_timer);
     kze_log(3, "stop cfg timer");
 }
 
 void kzemm_work::stop_switch_timer() {
-    if (switch_timer != nullptr) {
-        cl_timerplus_stop(switch_timer);
-        cl_timerplus_close(switch_timer);
-        switch_timer = nullptr;
-    }
+    close_timer(switch_timer);
     kze_log(3, "stop switch timer");
 }

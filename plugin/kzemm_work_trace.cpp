@@ -8,22 +8,22 @@
 
 namespace {
 
-constexpr int proto_type_request = 1;
 constexpr int net_order = 1;
 
 }  // namespace
 
 KZEMM_TRACE_ERRORCODE kzemm_work::do_trace(KZEMM_TASK_TYPE type, const char *data,
                                            unsigned int len) {
-    if (!is_task_type(type)) {
+    const kzemm_command *const command = find_command_of_task(type);
+    if (command == nullptr) {
         kze_log(1, "task type %d is invalid", type);
         return KZEMM_TRACE_INVALID;
     }
     const char *body = data;
     unsigned int size = len;
     std::string frame;
-    if (type == KZEMM_TASK_LINKAGE || type == KZEMM_TASK_APPEND) {
-        add_msg_header(data, len, frame, proto_type_request, net_order);
+    if (command->body == KZEMM_BODY_TO_FRAME) {
+        add_msg_header(data, len, frame, module_request, net_order);
         if (frame.empty()) {
             kze_log(2, "add msg header failed, type: %d", type);
             return KZEMM_TRACE_FAILED;

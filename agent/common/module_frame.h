@@ -6,15 +6,11 @@
 #include <string>
 #include <string_view>
 
+#include "engine/module_header.h"
+
 namespace kze {
 
-/* "3200", 2 bytes 0, the compress flag in 2, the protocol type in 2, 6 bytes 0, the body's length
- * in
- * 4. No field tells in which byte order the two numbers are. */
-constexpr std::size_t module_header_size = 20;
-
-constexpr unsigned int module_request = 1;
-constexpr unsigned int module_response = 2;
+constexpr std::size_t module_header_size = sizeof(_module_header);
 
 enum class byte_order { big_endian, little_endian };
 

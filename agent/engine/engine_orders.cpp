@@ -8,17 +8,7 @@
 namespace kze::engine {
 namespace {
 
-constexpr std::string_view order_version = "3200";
-constexpr std::uint32_t order_protocol = 1;
-
-/* A big-endian number of up to four bytes. */
-std::uint32_t number_at(std::string_view bytes, std::size_t offset, std::size_t size) {
-    std::uint32_t value = 0;
-    for (const char byte : bytes.substr(offset, size)) {
-        value = value << 8 | static_cast<unsigned char>(byte);
-    }
-    return value;
-}
+constexpr bool net_order = true;
 
 bool is_printable(std::string_view bytes) {
     bool escaped = false;
@@ -36,16 +26,18 @@ std::optional<std::string_view> body_of_order(std::string_view frame, std::strin
         problem = "it has " + std::to_string(frame.size()) + " bytes, less than a head";
         return std::nullopt;
     }
-    if (frame.substr(0, order_version.size()) != order_version) {
+    const _module_header header = read_module_header(frame.data());
+    if (!has_module_version(header)) {
         problem = "its version is not 3200";
         return std::nullopt;
     }
-    if (const std::uint32_t protocol = number_at(frame, 8, 2); protocol != order_protocol) {
+    if (const auto protocol = module_field(header.proto_type, net_order);
+        protocol != module_request) {
         problem = "its protocol is " + std::to_string(protocol) + ", not 1";
         return std::nullopt;
     }
     const std::string_view body = frame.substr(order_head_size);
-    if (const std::uint32_t length = number_at(frame, 16, 4); length != body.size()) {
+    if (const auto length = module_field(header.msg_len, net_order); length != body.size()) {
         problem = "its head tells of " + std::to_string(length) + " bytes, " +
                   std::to_string(body.size()) + " follow";
         return std::nullopt;

@@ -8,17 +8,13 @@
 #include <string>
 #include <string_view>
 
+#include "engine/module_header.h"
+
 namespace kze::engine {
 
-/*
- * A coordinate order is a frame: a head of 20 bytes, its numbers big-endian, and the body behind
- * it.
- *
- *   offset 0   version, the characters "3200"
- *   offset 8   protocol, 2 bytes, 1
- *   offset 16  length of the body, 4 bytes, which is all that follows
+/* A coordinate order is a frame of a request, its numbers big-endian; the body is all that follows.
  */
-constexpr std::size_t order_head_size = 20;
+constexpr std::size_t order_head_size = sizeof(_module_header);
 
 /* The body, a view into the frame. On failure nothing, and problem says what is wrong. */
 std::optional<std::string_view> body_of_order(std::string_view frame, std::string &problem);

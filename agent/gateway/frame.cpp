@@ -2,29 +2,14 @@
 
 #include <zlib.h>
 
-#include <cstring>
+#include "engine/module_header.h"
 
 namespace kze::gateway {
 namespace {
 
-constexpr char version[] = {'3', '2', '0', '0'};
-constexpr unsigned int compressed = 2;
-
-std::uint16_t read_16(std::string_view data, std::size_t offset) {
-    std::uint16_t value = 0;
-    std::memcpy(&value, data.data() + offset, sizeof(value));
-    return value;
-}
-
-std::uint32_t read_32(std::string_view data, std::size_t offset) {
-    std::uint32_t value = 0;
-    std::memcpy(&value, data.data() + offset, sizeof(value));
-    return value;
-}
-
 /* A compressed frame's fields are always in host order. */
 bool is_net_order(const frame &host, unsigned int swapped_type, std::uint32_t swapped_len) {
-    if (host.compress_flag == compressed || swapped_len != host.payload_size) {
+    if (host.compress_flag == module_compressed || swapped_len != host.payload_size) {
         return false;
     }
     /* With a length that reads the same both ways the small protocol number decides. */
@@ -78,23 +63,24 @@ frame decode_header(std::string_view data, std::size_t total_size) {
         decoded.problem = "it is shorter than the header of " + size_text(frame_header_size);
         return decoded;
     }
-    if (std::memcmp(data.data(), version, sizeof(version)) != 0) {
+    const _module_header header = read_module_header(data.data());
+    if (!has_module_version(header)) {
         decoded.problem = "it doesn't begin with the version \"3200\"";
         return decoded;
     }
     decoded.has_header = true;
     decoded.payload_size = total_size - frame_header_size;
-    decoded.compress_flag = read_16(data, 6);
-    decoded.proto_type = read_16(data, 8);
-    decoded.msg_len = read_32(data, 16);
-    const unsigned int swapped_type = __builtin_bswap16(read_16(data, 8));
-    const std::uint32_t swapped_len = __builtin_bswap32(decoded.msg_len);
+    decoded.compress_flag = header.compress_flag;
+    decoded.proto_type = header.proto_type;
+    decoded.msg_len = header.msg_len;
+    const unsigned int swapped_type = module_field(header.proto_type, true);
+    const std::uint32_t swapped_len = module_field(header.msg_len, true);
     if (is_net_order(decoded, swapped_type, swapped_len)) {
         decoded.net_order = true;
         decoded.proto_type = swapped_type;
         decoded.msg_len = swapped_len;
     }
-    if (decoded.compress_flag != compressed && decoded.msg_len != decoded.payload_size) {
+    if (decoded.compress_flag != module_compressed && decoded.msg_len != decoded.payload_size) {
         decoded.problem = "its header says " + size_text(decoded.msg_len) + ", " +
                           size_text(decoded.payload_size) + " follow";
     }
@@ -107,7 +93,7 @@ frame decode_frame(std::string_view data) {
         return decoded;
     }
     const std::string_view payload = data.substr(frame_header_size);
-    if (decoded.compress_flag != compressed) {
+    if (decoded.compress_flag != module_compressed) {
         decoded.content = payload;
     } else if (decoded.msg_len > inflate_bound) {
         decoded.problem = "its header says " + size_text(decoded.msg_len) + ", more than the " +

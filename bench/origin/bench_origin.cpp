@@ -32,6 +32,10 @@ struct kzemm_config_inspector {
     static void turn_report_on() { kzemm_config::get_instance().report_switch = true; }
 };
 
+struct kzemm_work_inspector : kzemm_work {
+    using kzemm_work::qd_origin_cb;
+};
+
 namespace {
 
 // Bytes that the plug-in's own code holds, and the most that it held. What zlib allocates inside
@@ -148,8 +152,9 @@ cost delivery(const char *data, size_t size) {
     char *copy = fresh_copy(data, size);
     held = 0;
     peak = 0;
-    return measure_call(
-        [&] { kzemm_work::qd_origin_cb(copy, static_cast<unsigned int>(size), nullptr); });
+    return measure_call([&] {
+        kzemm_work_inspector::qd_origin_cb(copy, static_cast<unsigned int>(size), nullptr);
+    });
 }
 
 double median_of(const std::vector<cost> &costs, double (*field)(const cost &)) {

@@ -49,7 +49,8 @@ struct kzemm_task_inspector {
     static void run_without_thread(kzemm_task &task) { task.running = true; }
 };
 
-struct kzemm_work_inspector {
+struct kzemm_work_inspector : kzemm_work {
+    using kzemm_work::on_ipc_request;
     static void give_task(kzemm_work &work, kzemm_task *task) { work.task = task; }
 };
 
@@ -173,8 +174,8 @@ void empty_queue(vrd_ipc_st *, vrd_addr_st *, unsigned int, const char *data, un
     vrd_ipc_st *const queue_only = vrd_ipc_create(queue_name, 0);
     vrd_ipc_st *const ready = vrd_ipc_create(ready_name, 0);
     if (plugin == nullptr || queue_only == nullptr || ready == nullptr ||
-        vrd_ipc_on_request(plugin, kzemm_work::on_ipc_request, &with_thread) != 0 ||
-        vrd_ipc_on_request(queue_only, kzemm_work::on_ipc_request, &with_queue) != 0 ||
+        vrd_ipc_on_request(plugin, kzemm_work_inspector::on_ipc_request, &with_thread) != 0 ||
+        vrd_ipc_on_request(queue_only, kzemm_work_inspector::on_ipc_request, &with_queue) != 0 ||
         vrd_ipc_msg_recv(queue_only, empty_queue, &queue) != 0 ||
         vrd_ipc_on_request(ready, answer_ready, &response) != 0 || write(ready_fd, "r", 1) != 1) {
         std::_Exit(2);

@@ -7,7 +7,9 @@
 
 #include <atomic>
 #include <cerrno>
+#include <mutex>
 #include <new>
+#include <utility>
 #include <vector>
 
 #include "kzabase.h"
@@ -34,6 +36,8 @@ std::atomic<int> s_wait_error{0};
 std::atomic<bool> s_load_fails{false};
 std::atomic<bool> s_load_of_empty_fails{false};
 std::atomic<int> s_save_code{0};
+std::mutex s_hook_mutex;
+std::function<void()> s_save_hook;  // runs without the mutex
 std::atomic<int> s_cnapp{0};
 
 bool allocation_must_fail(size_t size, bool throwing = false) {
@@ -123,11 +127,17 @@ void ini_save_fails(int code) {
     s_save_code = code;
 }
 
+void on_ini_save(std::function<void()> hook) {
+    const std::lock_guard<std::mutex> lock(s_hook_mutex);
+    s_save_hook = std::move(hook);
+}
+
 void set_cnapp_agent(int answer) {
     s_cnapp = answer;
 }
 
 void reset_faults() {
+    on_ini_save(nullptr);
     s_allocation = allocation_fault();
     s_watched = nullptr;
     s_released = false;
@@ -253,6 +263,14 @@ void *__wrap_kze_ini_file_load(const char *path) {
 }
 
 int __wrap_kze_ini_file_save(void *ini, const char *path, int flags) {
+    std::function<void()> hook;
+    {
+        const std::lock_guard<std::mutex> lock(s_hook_mutex);
+        hook = s_save_hook;
+    }
+    if (hook) {
+        hook();
+    }
     const int code = s_save_code;
     return code != 0 ? code : __real_kze_ini_file_save(ini, path, flags);
 }

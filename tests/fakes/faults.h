@@ -7,6 +7,7 @@
 #define KZEMDLMGR_TESTS_FAKES_FAULTS_H
 
 #include <cstddef>
+#include <functional>
 
 namespace fakes {
 
@@ -46,6 +47,8 @@ void ini_load_fails();
 void ini_load_of_empty_fails();
 // kze_ini_file_save gives this code and writes nothing.
 void ini_save_fails(int code);
+// Runs within each kze_ini_file_save, before it saves; null: nothing runs.
+void on_ini_save(std::function<void()> hook);
 
 // What IsCNAPPAgent answers; 0 to begin with.
 void set_cnapp_agent(int answer);

@@ -1,5 +1,5 @@
 /*
- * A look at the fields of the plug-in's classes, which are private.
+ * A look at the fields of the plug-in's classes, which are private, and at the worker's duties.
  */
 #ifndef KZEMDLMGR_TESTS_FAKES_INSPECTORS_H
 #define KZEMDLMGR_TESTS_FAKES_INSPECTORS_H
@@ -11,7 +11,54 @@
 #include "plugin/kzemm_work.h"
 #include "upgrade/kzemm_upgrade.h"
 
-struct kzemm_work_inspector {
+// A worker whose every duty can be called.
+struct kzemm_work_inspector : kzemm_work {
+    using kzemm_work::build_cusioa_hello_msg;
+    using kzemm_work::check_qd_status;
+    using kzemm_work::check_qd_status_cb;
+    using kzemm_work::do_cfgc_notify;
+    using kzemm_work::do_engine_swicth;
+    using kzemm_work::do_trace;
+    using kzemm_work::handle_ipc_recv_msg;
+    using kzemm_work::handle_ipc_request;
+    using kzemm_work::init_ipc;
+    using kzemm_work::init_kzemm_config;
+    using kzemm_work::init_kzemm_task;
+    using kzemm_work::init_upgrade;
+    using kzemm_work::on_ipc_recv;
+    using kzemm_work::on_ipc_request;
+    using kzemm_work::qd_agent_offline_cb;
+    using kzemm_work::qd_alarm_cb;
+    using kzemm_work::qd_client_offline_to_fmb;
+    using kzemm_work::qd_client_start;
+    using kzemm_work::qd_client_stop;
+    using kzemm_work::qd_client_subscribe;
+    using kzemm_work::qd_client_subscribe_origin;
+    using kzemm_work::qd_client_subscribe_RealTime;
+    using kzemm_work::qd_coordinate_append_cb;
+    using kzemm_work::qd_coordinate_hunting_cb;
+    using kzemm_work::qd_coordinate_linkage_cb;
+    using kzemm_work::qd_eng_sub_credible_cb;
+    using kzemm_work::qd_origin_cb;
+    using kzemm_work::qd_send_to_kzelkganal;
+    using kzemm_work::register_ipc_cb;
+    using kzemm_work::request_cfg;
+    using kzemm_work::response_mgr_msg;
+    using kzemm_work::retry_switch_engine;
+    using kzemm_work::send_ctm_helloinfo;
+    using kzemm_work::set_engine_switch_cb;
+    using kzemm_work::set_qd_swicth;
+    using kzemm_work::set_x_client_status;
+    using kzemm_work::start_qd_timer;
+    using kzemm_work::stop_cfg_timer;
+    using kzemm_work::stop_qd_timer;
+    using kzemm_work::stop_switch_timer;
+    using kzemm_work::switch_engine_cb;
+    using kzemm_work::uninit_ipc;
+    using kzemm_work::uninit_kzemm_config;
+    using kzemm_work::uninit_kzemm_task;
+    using kzemm_work::uninit_upgrade;
+
     static bool &running(kzemm_work &work) { return work.running; }
     static vrd_ipc_st *&ipc(kzemm_work &work) { return work.ipc; }
     static vrd_addr_st *&rpdsp_addr(kzemm_work &work) { return work.rpdsp_addr; }

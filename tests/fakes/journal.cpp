@@ -5,12 +5,14 @@
 #include <condition_variable>
 #include <mutex>
 #include <ostream>
+#include <utility>
 
 namespace fakes {
 namespace {
 
 std::mutex s_mutex;
 std::condition_variable s_changed;
+std::function<void()> s_hook;  // runs without the mutex
 
 // Never destroyed: threads that outlive main may still write.
 std::vector<record> &records() {
@@ -21,11 +23,21 @@ std::vector<record> &records() {
 }  // namespace
 
 void note(what kind, const std::string &text, int level, const std::string &file) {
+    std::function<void()> hook;
     {
         const std::lock_guard<std::mutex> lock(s_mutex);
         records().push_back({kind, level, file, text, pthread_self()});
+        hook = s_hook;
     }
     s_changed.notify_all();
+    if (hook) {
+        hook();
+    }
+}
+
+void on_record(std::function<void()> hook) {
+    const std::lock_guard<std::mutex> lock(s_mutex);
+    s_hook = std::move(hook);
 }
 
 std::vector<record> journal(std::initializer_list<what> kinds) {

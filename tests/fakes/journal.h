@@ -42,6 +42,9 @@ struct record {
 // Writes a record; any thread.
 void note(what kind, const std::string &text, int level = 0, const std::string &file = {});
 
+// Runs on the recording thread behind each record; null: nothing runs.
+void on_record(std::function<void()> hook);
+
 // All records of some kinds in order, and the texts of them.
 std::vector<record> journal(std::initializer_list<what> kinds);
 std::vector<std::string> texts(std::initializer_list<what> kinds);

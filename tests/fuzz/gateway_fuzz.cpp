@@ -59,7 +59,7 @@ std::string taken(char *data, uint32_t size) {
 
 std::string plain_frame(const std::string &content, bool net_order) {
     _module_header head = {};
-    std::copy(std::begin(message_version), std::end(message_version), head.version);
+    std::copy(std::begin(module_version), std::end(module_version), head.version);
     uint32_t size = 0;
     char *data = string_data_add_module_head(content, &head, size, net_order);
     return taken(data, size);
@@ -177,8 +177,8 @@ void check_round_trip(const std::string &content) {
     for (const bool net : {false, true}) {
         const auto order = net ? kze::byte_order::big_endian : kze::byte_order::little_endian;
         require_framed(plain_frame(content, net), content, 0, 1, net);
-        require_framed(kze::module_frame(content, kze::module_response, order), content, 0,
-                       kze::module_response, net);
+        require_framed(kze::module_frame(content, module_response, order), content, 0,
+                       module_response, net);
     }
     if (!content.empty()) {
         require_framed(compressed_frame(content), content, zlib_compressed, 2, false);

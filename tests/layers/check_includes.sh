@@ -8,14 +8,16 @@ cd "$1"
 # repository; a file is judged by the first rule that matches it.
 layers_of() {
     local platform='platform/include/[^/]+'
-    local leaf='plugin/kzemm_(data_conv|fileoperate)\.h'
-    local contracts='(engine/qd_client|datapath/mbframe|config/kzacfgc_api)\.h'
+    local leaf='plugin/kzemm_(data_conv|fileoperate|command|platform)\.h'
+    local contracts='(engine/(qd_client|module_header)|datapath/mbframe|config/kzacfgc_api)\.h'
     local messages='[^/]+\.pb\.h'
     case $1 in
-        engine/qd_client.h | datapath/mbframe.h | config/kzacfgc_api.h | platform/include/*)
+        engine/qd_client.h | engine/module_header.h | datapath/mbframe.h | config/kzacfgc_api.h | \
+            config/kzemm_switch.h | platform/include/*)
             echo '^$' ;;
-        plugin/kzemm_data_conv.* | plugin/kzemm_fileoperate.*)
-            echo "^($platform|$leaf)$" ;;
+        plugin/kzemm_command.h) echo '^(config/kzemm_switch|engine/qd_client)\.h$' ;;
+        plugin/kzemm_data_conv.* | plugin/kzemm_fileoperate.* | plugin/kzemm_platform.h)
+            echo "^($platform|$leaf|engine/module_header\.h)$" ;;
         engine/*) echo "^($platform|engine/[^/]+)$" ;;
         config/*) echo "^($platform|config/[^/]+)$" ;;
         datapath/* | upgrade/*)

@@ -158,11 +158,11 @@ class kzemm_dispose_delivery_test : public dispose_test, public testing::WithPar
     }
 
     void deliver(const std::string &frame) {
-        kzemm_work::qd_eng_sub_credible_cb(fakes::engine_buffer(frame),
-                                           static_cast<unsigned int>(frame.size()), &work);
+        kzemm_work_inspector::qd_eng_sub_credible_cb(
+            fakes::engine_buffer(frame), static_cast<unsigned int>(frame.size()), &work);
     }
 
-    kzemm_work work;
+    kzemm_work_inspector work;
 };
 
 using kzemm_dispose_ways_test = kzemm_dispose_delivery_test;
@@ -176,8 +176,8 @@ TEST_P(kzemm_dispose_ways_test, sends_what_is_defined_and_gives_the_buffer_back_
     if (param.failing_allocation != 0) {
         char *const data = fakes::engine_buffer(param.frame);
         fakes::fail_allocation(1, param.failing_allocation);
-        kzemm_work::qd_eng_sub_credible_cb(data, static_cast<unsigned int>(param.frame.size()),
-                                           &work);
+        kzemm_work_inspector::qd_eng_sub_credible_cb(
+            data, static_cast<unsigned int>(param.frame.size()), &work);
         EXPECT_TRUE(fakes::allocation_failed());
     } else {
         deliver(param.frame);
@@ -257,7 +257,8 @@ TEST_F(kzemm_dispose_delivery_test, gives_the_buffer_back_without_memory_to_look
     const std::string frame = wire::frame(info.SerializeAsString());
     char *const data = fakes::engine_buffer(frame);
     fakes::fail_throwing_new(1, processes * 16);  // a node and a position of each process
-    kzemm_work::qd_eng_sub_credible_cb(data, static_cast<unsigned int>(frame.size()), &work);
+    kzemm_work_inspector::qd_eng_sub_credible_cb(data, static_cast<unsigned int>(frame.size()),
+                                                 &work);
     EXPECT_TRUE(fakes::allocation_failed());
     EXPECT_EQ(fakes::engine_frees(), 1U);
     EXPECT_THAT(fakes::gateway_sends(), SizeIs(1)) << "the mark is not taken back";

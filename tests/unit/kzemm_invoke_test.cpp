@@ -68,15 +68,15 @@ TEST_F(kzemm_invoke_test, nobody_counts_it) {
 }
 
 TEST_F(kzemm_invoke_test, it_takes_no_event) {
-    as_the_bus_knows_it.OnEvent(nullptr, nullptr);
+    EXPECT_EQ(as_the_bus_knows_it.OnEvent(nullptr, nullptr), 0);
     EXPECT_THAT(in_order(), IsEmpty());
 }
 
 TEST_F(kzemm_invoke_test, being_advised_and_unadvised_happens_under_the_mutex) {
-    as_the_bus_knows_it.OnAdvised(nullptr, fakes::bus_dispatch());
+    EXPECT_EQ(as_the_bus_knows_it.OnAdvised(nullptr, fakes::bus_dispatch()), 0);
     EXPECT_EQ(fields::dispatch(), fakes::bus_dispatch());
     EXPECT_THAT(in_order(), ElementsAre("lock", "unlock"));
-    as_the_bus_knows_it.OnUnadvised(any_reason);
+    EXPECT_EQ(as_the_bus_knows_it.OnUnadvised(any_reason), 0);
     EXPECT_EQ(fields::dispatch(), nullptr);
     EXPECT_THAT(in_order(), ElementsAre("lock", "unlock", "lock", "unlock"));
 }

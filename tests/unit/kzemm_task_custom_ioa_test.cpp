@@ -17,6 +17,7 @@
 #include "tests/fakes/fake_log.h"
 #include "tests/fakes/faults.h"
 #include "tests/fakes/inspectors.h"
+#include "tests/fakes/latch.h"
 #include "tests/fakes/plugin_test.h"
 #include "tests/unit/json_faults.h"
 
@@ -406,6 +407,56 @@ TEST_F(ctmioa_verdict_test, a_verdict_may_come_while_the_identifier_is_taken) {
     engine.join();
     EXPECT_LE(gateway_sends().size(), 1U) << "none while the identifier is empty";
     EXPECT_EQ(fields::cur_rule_id(task), "a_newer_id");
+}
+
+// The gateway stands still while it is told the outcome of an update: neither the next verdict, nor
+// the next request, nor the end of the queue waits for it.
+TEST_F(ctmioa_verdict_test, nobody_waits_for_a_gateway_that_stands_still) {
+    write_stored_id("0");
+    auto queue = std::make_unique<kzemm_task>();
+    const auto deal_with = [&](const std::string &body) {
+        const std::string frame = request_frame(body);
+        return queue->deal_customioa_task(frame.data(), static_cast<unsigned int>(frame.size()));
+    };
+    ASSERT_EQ(deal_with(good_body), 0);
+    fakes::latch in_gateway;
+    fakes::latch go_on;
+    fakes::on_gateway_send([&] {
+        fakes::on_gateway_send(nullptr);
+        in_gateway.open();
+        EXPECT_TRUE(go_on.wait());
+    });
+    std::thread first(
+        [&, user = queue.get()] { kzemm_task::engine_upd_by_data_cb(ENGINE_CUSTOM_IOA, 0, user); });
+    ASSERT_TRUE(in_gateway.wait());
+
+    EXPECT_EQ(deal_with(R"({"rulesId":"newer","rulesInfo":"r"})"), 0);
+    kzemm_task::engine_upd_by_data_cb(ENGINE_CUSTOM_IOA, 0, queue.get());
+    EXPECT_EQ(stored_id(), "newer");
+    EXPECT_THAT(gateway_sends(), SizeIs(2));
+    queue.reset();
+
+    go_on.open();
+    first.join();
+    EXPECT_THAT(log_lines().back(), at(3, "send data to thtgw success"));
+}
+
+// Nor is anything held while the file is saved.
+TEST_F(ctmioa_verdict_test, nobody_waits_for_a_file_that_is_slow_to_save) {
+    write_stored_id("0");
+    EXPECT_EQ(deal(good_body), 0);
+    std::string dealt_meanwhile;
+    fakes::on_ini_save([&] {
+        fakes::on_ini_save(nullptr);
+        std::thread other([&] {
+            EXPECT_EQ(deal(R"({"rulesId":"newer","rulesInfo":"r"})"), 0);
+            dealt_meanwhile = fields::cur_rule_id(task);
+        });
+        other.join();
+    });
+    verdict(0);
+    EXPECT_EQ(dealt_meanwhile, "newer");
+    EXPECT_EQ(stored_id(), "id-1") << "a verdict is about the update of its time";
 }
 
 // ---- report_ctmioa_info ----

@@ -120,7 +120,7 @@ TEST_F(kzemm_work_client_test, the_client_is_given_the_offline_callback_and_the_
     EXPECT_EQ(work.qd_client_start(), 0);
     const std::vector<fakes::engine_call> calls = engine_calls("x_client_start");
     ASSERT_EQ(calls.size(), 1U);
-    EXPECT_TRUE(fakes::is_callback(calls[0].callback, kzemm_work::qd_agent_offline_cb));
+    EXPECT_TRUE(fakes::is_callback(calls[0].callback, kzemm_work_inspector::qd_agent_offline_cb));
     EXPECT_EQ(calls[0].context, &work);
 }
 
@@ -419,7 +419,7 @@ TEST_F(kzemm_work_client_test, the_watch_is_armed_with_one_second) {
     EXPECT_EQ(timer.first_ms, watch_period_ms);
     EXPECT_EQ(timer.flags, 0U);
     EXPECT_EQ(timer.period_ms, watch_period_ms);
-    EXPECT_EQ(timer.callback, kzemm_work::check_qd_status_cb);
+    EXPECT_EQ(timer.callback, &kzemm_work_inspector::check_qd_status_cb);
     EXPECT_EQ(timer.user, &work);
     work.stop_qd_timer();
 }

@@ -37,8 +37,8 @@ class kzemm_work_credible_test : public plugin_test {
     }
 
     static void deliver(const std::string &data, void *user) {
-        kzemm_work::qd_eng_sub_credible_cb(fakes::engine_buffer(data),
-                                           static_cast<unsigned int>(data.size()), user);
+        kzemm_work_inspector::qd_eng_sub_credible_cb(fakes::engine_buffer(data),
+                                                     static_cast<unsigned int>(data.size()), user);
     }
 
     // An event of the web scene with one action, as the engine frames it.
@@ -54,7 +54,7 @@ class kzemm_work_credible_test : public plugin_test {
         return frame;
     }
 
-    kzemm_work work;
+    kzemm_work_inspector work;
 
   private:
     char endpoint = 0;  // what the handles point to; nothing looks at it
@@ -106,7 +106,7 @@ TEST_F(kzemm_work_credible_test, is_freed_when_the_gateway_refuses_it) {
 
 TEST_F(kzemm_work_credible_test, is_nothing_when_it_is_null_and_goes_to_the_engine_all_the_same) {
     dispose_of(false, false);
-    kzemm_work::qd_eng_sub_credible_cb(nullptr, 4, &work);
+    kzemm_work_inspector::qd_eng_sub_credible_cb(nullptr, 4, &work);
     EXPECT_THAT(fakes::gateway_sends(), IsEmpty());
     EXPECT_EQ(fakes::engine_frees(), 1U) << "the client takes a null pointer";
     EXPECT_THAT(log_lines(), ElementsAre(at(3, "get qd_eng_sub_credible data"),
@@ -129,7 +129,7 @@ TEST_P(kzemm_work_credible_on_test, is_read_as_soon_as_one_scene_is_disposed_of)
 
 TEST_P(kzemm_work_credible_on_test, that_is_null_is_a_failure_and_goes_to_the_engine) {
     dispose_of(GetParam().first, GetParam().second);
-    kzemm_work::qd_eng_sub_credible_cb(nullptr, 4, &work);
+    kzemm_work_inspector::qd_eng_sub_credible_cb(nullptr, 4, &work);
     EXPECT_EQ(fakes::engine_frees(), 1U);
     EXPECT_THAT(
         log_lines(),

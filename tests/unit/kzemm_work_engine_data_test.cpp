@@ -85,7 +85,7 @@ INSTANTIATE_TEST_SUITE_P(, kzemm_work_origin_report_off_test, testing::ValuesIn(
 INSTANTIATE_TEST_SUITE_P(, kzemm_work_origin_report_on_test, testing::ValuesIn(report_on), name_of);
 
 TEST_P(kzemm_work_origin_report_off_test, frees_the_data_once_and_sends_nothing) {
-    kzemm_work::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
+    kzemm_work_inspector::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
     EXPECT_EQ(fakes::engine_frees(), 1U);
     EXPECT_EQ(fakes::outstanding_engine_buffers(), 0U);
     EXPECT_THAT(fakes::gateway_sends(), IsEmpty());
@@ -94,7 +94,7 @@ TEST_P(kzemm_work_origin_report_off_test, frees_the_data_once_and_sends_nothing)
 }
 
 TEST_P(kzemm_work_origin_report_off_test, frees_data_of_length_0) {
-    kzemm_work::qd_origin_cb(fakes::engine_buffer("text"), 0, nullptr);
+    kzemm_work_inspector::qd_origin_cb(fakes::engine_buffer("text"), 0, nullptr);
     EXPECT_EQ(fakes::engine_frees(), 1U);
     EXPECT_EQ(fakes::outstanding_engine_buffers(), 0U);
     EXPECT_THAT(log_lines(),
@@ -102,7 +102,7 @@ TEST_P(kzemm_work_origin_report_off_test, frees_data_of_length_0) {
 }
 
 TEST_P(kzemm_work_origin_report_off_test, frees_no_null) {
-    kzemm_work::qd_origin_cb(nullptr, 4, nullptr);
+    kzemm_work_inspector::qd_origin_cb(nullptr, 4, nullptr);
     EXPECT_EQ(fakes::engine_frees(), 0U);
     EXPECT_THAT(log_lines(),
                 ElementsAre(at(3, "get qd_origin data"), at(3, "report switch is off")));
@@ -110,7 +110,7 @@ TEST_P(kzemm_work_origin_report_off_test, frees_no_null) {
 
 TEST_P(kzemm_work_origin_report_on_test, sends_one_compressed_frame) {
     const std::string data = std::string(900, 'a') + std::string(100, '\0');
-    kzemm_work::qd_origin_cb(fakes::engine_buffer(data), 1000, nullptr);
+    kzemm_work_inspector::qd_origin_cb(fakes::engine_buffer(data), 1000, nullptr);
     ASSERT_THAT(fakes::gateway_sends(), SizeIs(1));
     EXPECT_EQ(fakes::gateway_sends()[0].type, 5);
     EXPECT_EQ(fakes::gateway_sends()[0].data, origin_frame(data));
@@ -125,7 +125,7 @@ TEST_P(kzemm_work_origin_report_on_test, frees_the_engines_buffer_once_before_th
         frees_before = fakes::engine_frees();
         outstanding = fakes::outstanding_engine_buffers();
     });
-    kzemm_work::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
+    kzemm_work_inspector::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
     ASSERT_THAT(fakes::gateway_sends(), SizeIs(1));
     EXPECT_EQ(frees_before, 1U);
     EXPECT_EQ(outstanding, 0U);
@@ -134,7 +134,7 @@ TEST_P(kzemm_work_origin_report_on_test, frees_the_engines_buffer_once_before_th
 
 TEST_P(kzemm_work_origin_report_on_test, loses_what_the_gateway_refuses) {
     fakes::gateway_returns(-1);
-    kzemm_work::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
+    kzemm_work_inspector::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
     EXPECT_THAT(fakes::gateway_sends(), SizeIs(1)) << "the data is sent once";
     EXPECT_EQ(fakes::engine_frees(), 1U);
     EXPECT_EQ(fakes::outstanding_engine_buffers(), 0U);
@@ -143,7 +143,7 @@ TEST_P(kzemm_work_origin_report_on_test, loses_what_the_gateway_refuses) {
 }
 
 TEST_P(kzemm_work_origin_report_on_test, drops_null_and_frees_nothing) {
-    kzemm_work::qd_origin_cb(nullptr, 4, nullptr);
+    kzemm_work_inspector::qd_origin_cb(nullptr, 4, nullptr);
     EXPECT_EQ(fakes::engine_frees(), 0U);
     EXPECT_THAT(fakes::gateway_sends(), IsEmpty());
     EXPECT_THAT(log_lines(), ElementsAre(at(3, "get qd_origin data"),
@@ -154,7 +154,7 @@ TEST_P(kzemm_work_origin_report_on_test, drops_null_and_frees_nothing) {
 TEST_P(kzemm_work_origin_report_on_test, drops_and_frees_data_of_length_0) {
     char *const data = fakes::engine_buffer("text");
     const std::string address = pointer_text(data);
-    kzemm_work::qd_origin_cb(data, 0, nullptr);
+    kzemm_work_inspector::qd_origin_cb(data, 0, nullptr);
     EXPECT_EQ(fakes::engine_frees(), 1U);
     EXPECT_EQ(fakes::outstanding_engine_buffers(), 0U);
     EXPECT_THAT(fakes::gateway_sends(), IsEmpty());
@@ -165,7 +165,7 @@ TEST_P(kzemm_work_origin_report_on_test, drops_and_frees_data_of_length_0) {
 
 TEST_P(kzemm_work_origin_report_on_test, drops_and_frees_what_cannot_be_compressed) {
     fakes::compress_fails(Z_BUF_ERROR);
-    kzemm_work::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
+    kzemm_work_inspector::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
     EXPECT_EQ(fakes::engine_frees(), 1U);
     EXPECT_EQ(fakes::outstanding_engine_buffers(), 0U);
     EXPECT_THAT(fakes::gateway_sends(), IsEmpty());
@@ -179,7 +179,7 @@ TEST_P(kzemm_work_origin_report_on_test, drops_and_frees_what_cannot_be_framed) 
     const size_t frame_size = origin_frame("text").size();
     char *const data = fakes::engine_buffer("text");
     fakes::fail_allocation(1, frame_size);
-    kzemm_work::qd_origin_cb(data, 4, nullptr);
+    kzemm_work_inspector::qd_origin_cb(data, 4, nullptr);
     EXPECT_TRUE(fakes::allocation_failed());
     EXPECT_EQ(fakes::engine_frees(), 1U);
     EXPECT_EQ(fakes::outstanding_engine_buffers(), 0U);
@@ -210,7 +210,7 @@ class kzemm_work_origin_bus_test : public kzemm_work_engine_data_test {
 
 TEST_F(kzemm_work_origin_bus_test, is_published_before_it_is_reported) {
     const std::string frame_size = std::to_string(origin_frame("text").size());
-    kzemm_work::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
+    kzemm_work_inspector::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
     EXPECT_THAT(
         in_order(),
         ElementsAre("get qd_origin data", fakes::bus_text(3, "rec one message."), "dispatch 18",
@@ -223,7 +223,7 @@ TEST_F(kzemm_work_origin_bus_test, is_published_before_it_is_reported) {
 
 TEST_F(kzemm_work_origin_bus_test, is_published_also_while_nothing_is_reported) {
     kzemm_config_inspector::report_switch() = false;
-    kzemm_work::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
+    kzemm_work_inspector::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
     EXPECT_THAT(
         in_order(),
         ElementsAre("get qd_origin data", fakes::bus_text(3, "rec one message."), "dispatch 18",
@@ -235,14 +235,14 @@ TEST_F(kzemm_work_origin_bus_test, is_published_also_while_nothing_is_reported) 
 TEST_F(kzemm_work_origin_bus_test, is_the_engines_until_the_publication_is_over) {
     unsigned int frees_before = 77;
     fakes::on_bus_dispatch([&](MbFrame::IEvent *) { frees_before = fakes::engine_frees(); });
-    kzemm_work::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
+    kzemm_work_inspector::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
     EXPECT_EQ(frees_before, 0U);
     EXPECT_EQ(fakes::engine_frees(), 1U);
 }
 
 TEST_F(kzemm_work_origin_bus_test, is_not_published_with_the_switch_off) {
     kzemm_config_inspector::origin_forward_switch() = false;
-    kzemm_work::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
+    kzemm_work_inspector::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
     EXPECT_THAT(fakes::texts({fakes::what::bus, fakes::what::bus_log}), IsEmpty());
     EXPECT_THAT(fakes::gateway_sends(), SizeIs(1));
 }
@@ -250,7 +250,7 @@ TEST_F(kzemm_work_origin_bus_test, is_not_published_with_the_switch_off) {
 TEST_F(kzemm_work_origin_bus_test, follows_its_switch_at_each_delivery) {
     for (const bool forward : {true, false, true}) {
         kzemm_config_inspector::origin_forward_switch() = forward;
-        kzemm_work::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
+        kzemm_work_inspector::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
     }
     EXPECT_THAT(fakes::bus_events(), SizeIs(2));
     EXPECT_THAT(fakes::gateway_sends(), SizeIs(3));
@@ -258,8 +258,8 @@ TEST_F(kzemm_work_origin_bus_test, follows_its_switch_at_each_delivery) {
 
 TEST_F(kzemm_work_origin_bus_test, costs_one_error_a_delivery_without_a_bus_and_nothing_else) {
     kzemm_invoke_inspector::reset();
-    kzemm_work::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
-    kzemm_work::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
+    kzemm_work_inspector::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
+    kzemm_work_inspector::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
     EXPECT_THAT(fakes::bus_lines(), ElementsAre(fakes::bus_at(0, "bus need init first."),
                                                 fakes::bus_at(0, "bus need init first.")));
     EXPECT_THAT(log_lines(),
@@ -269,7 +269,7 @@ TEST_F(kzemm_work_origin_bus_test, costs_one_error_a_delivery_without_a_bus_and_
 
 TEST_F(kzemm_work_origin_bus_test, is_reported_and_freed_when_the_bus_refuses_it) {
     fakes::bus_dispatch_returns(-1);
-    kzemm_work::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
+    kzemm_work_inspector::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
     EXPECT_THAT(
         fakes::bus_lines(),
         ElementsAre(fakes::bus_at(3, "rec one message."), fakes::bus_at(0, "Error to Invoke data."),
@@ -279,8 +279,8 @@ TEST_F(kzemm_work_origin_bus_test, is_reported_and_freed_when_the_bus_refuses_it
 }
 
 TEST_F(kzemm_work_origin_bus_test, is_not_published_when_it_is_null_or_empty) {
-    kzemm_work::qd_origin_cb(nullptr, 4, nullptr);
-    kzemm_work::qd_origin_cb(fakes::engine_buffer("text"), 0, nullptr);
+    kzemm_work_inspector::qd_origin_cb(nullptr, 4, nullptr);
+    kzemm_work_inspector::qd_origin_cb(fakes::engine_buffer("text"), 0, nullptr);
     EXPECT_THAT(fakes::texts({fakes::what::bus, fakes::what::bus_log}), IsEmpty());
     EXPECT_EQ(fakes::engine_frees(), 1U);
 }
@@ -288,7 +288,7 @@ TEST_F(kzemm_work_origin_bus_test, is_not_published_when_it_is_null_or_empty) {
 TEST_F(kzemm_work_engine_data_test, looks_at_the_report_switch_at_each_delivery) {
     for (const bool report : {true, false, true}) {
         kzemm_config_inspector::report_switch() = report;
-        kzemm_work::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
+        kzemm_work_inspector::qd_origin_cb(fakes::engine_buffer("text"), 4, nullptr);
     }
     EXPECT_THAT(fakes::gateway_sends(), SizeIs(2));
     EXPECT_EQ(fakes::engine_frees(), 3U);
@@ -306,16 +306,16 @@ struct forwarder {
 class kzemm_work_forward_test : public kzemm_work_engine_data_test,
                                 public testing::WithParamInterface<forwarder> {};
 
-INSTANTIATE_TEST_SUITE_P(, kzemm_work_forward_test,
-                         testing::Values(forwarder{"alarm", kzemm_work::qd_alarm_cb, 1,
-                                                   "get qd_alarm data"},
-                                         forwarder{"linkage", kzemm_work::qd_coordinate_linkage_cb,
-                                                   2, "get qd_coordinate_linkage data"},
-                                         forwarder{"append", kzemm_work::qd_coordinate_append_cb, 3,
-                                                   "get qd_coordinate_append data"},
-                                         forwarder{"hunting", kzemm_work::qd_coordinate_hunting_cb,
-                                                   4, "get qd_coordinate_hunting data"}),
-                         name_of);
+INSTANTIATE_TEST_SUITE_P(
+    , kzemm_work_forward_test,
+    testing::Values(forwarder{"alarm", kzemm_work_inspector::qd_alarm_cb, 1, "get qd_alarm data"},
+                    forwarder{"linkage", kzemm_work_inspector::qd_coordinate_linkage_cb, 2,
+                              "get qd_coordinate_linkage data"},
+                    forwarder{"append", kzemm_work_inspector::qd_coordinate_append_cb, 3,
+                              "get qd_coordinate_append data"},
+                    forwarder{"hunting", kzemm_work_inspector::qd_coordinate_hunting_cb, 4,
+                              "get qd_coordinate_hunting data"}),
+    name_of);
 
 TEST_P(kzemm_work_forward_test, goes_to_the_gateway_under_its_own_type) {
     const std::string data("a\0text", 6);
@@ -390,7 +390,7 @@ class kzemm_work_linkage_reply_test : public kzemm_work_engine_data_test {
         EXPECT_EQ(sent.data, data);
     }
 
-    kzemm_work work;
+    kzemm_work_inspector work;
 
   private:
     char endpoint = 0;  // what the handles point to; nothing looks at it

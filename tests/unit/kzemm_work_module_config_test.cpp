@@ -117,6 +117,10 @@ class kzemm_work_module_config_test : public worker_test {
     vrd_ipc_st *endpoint = nullptr;
 };
 
+// As long as the process, as the modules that requests are made with.
+char trust_ip[] = "trust_ip";
+char anti_bfa[] = "anti_bfa";
+
 // ---- retry_request_cfg; first, since its endpoint and address live as long as the process ----
 
 TEST_F(kzemm_work_module_config_test,
@@ -125,14 +129,14 @@ TEST_F(kzemm_work_module_config_test,
         GTEST_SKIP() << "an earlier test of this process made the endpoint";
     }
     fakes::ipc_create_fails("req_tmp");
-    retry_request_cfg("trust_ip");
+    retry_request_cfg(trust_ip);
     EXPECT_THAT(log_lines(), ElementsAre(at(1, "vrd ipc create failed")));
     EXPECT_THAT(fakes::texts({fakes::what::ipc}), ElementsAre("create temporary req_tmp 0"));
 
     fakes::reset_ipc();
     fakes::addr_create_fails("agt_cfgc");
     fakes::clear_journal();
-    retry_request_cfg("trust_ip");
+    retry_request_cfg(trust_ip);
     EXPECT_THAT(log_lines(), ElementsAre(at(1, "vrd addr create failed")));
     EXPECT_THAT(fakes::texts({fakes::what::ipc}),
                 ElementsAre("create temporary req_tmp 0", "address agt_cfgc 1 2"));
@@ -141,7 +145,7 @@ TEST_F(kzemm_work_module_config_test,
     fakes::reset_ipc();
     for (const char *const last_creation : {"address agt_cfgc 1 2", ""}) {
         fakes::clear_journal();
-        retry_request_cfg("trust_ip");
+        retry_request_cfg(trust_ip);
         std::vector<std::string> calls = fakes::texts({fakes::what::ipc});
         if (*last_creation != '\0') {
             ASSERT_THAT(calls, SizeIs(2));
@@ -162,14 +166,14 @@ TEST_F(kzemm_work_module_config_test,
 
 TEST_F(kzemm_work_module_config_test, the_retry_says_success_also_when_nothing_was_sent) {
     fakes::xmsg_new_fails("trust_ip");
-    retry_request_cfg("trust_ip");
+    retry_request_cfg(trust_ip);
     EXPECT_THAT(log_lines(), ElementsAre(at(1, "xmsg new abnormaol login request msg failed"),
                                          at(3, "request cfgc success")));
     EXPECT_THAT(ipc_requests(), IsEmpty());
 }
 
 TEST_F(kzemm_work_module_config_test, the_retry_asks_for_the_module_it_is_given) {
-    retry_request_cfg("anti_bfa");
+    retry_request_cfg(anti_bfa);
     ASSERT_THAT(ipc_requests(), SizeIs(1));
     expect_request(ipc_requests()[0], {"anti_bfa", on_engine_cfg_response});
     EXPECT_NE(ipc_requests()[0].ipc, endpoint) << "it uses an endpoint of its own";

@@ -84,11 +84,11 @@ TEST_F(kzemm_work_subscriptions_test, the_fixed_callbacks_are_registered_in_orde
     EXPECT_THAT(engine_texts(), ElementsAreArray(registrations));
     const std::vector<fakes::engine_call> calls = engine_calls();
     ASSERT_EQ(calls.size(), 5U);
-    EXPECT_TRUE(is_callback(calls[0].callback, kzemm_work::qd_alarm_cb));
-    EXPECT_TRUE(is_callback(calls[1].callback, kzemm_work::qd_coordinate_hunting_cb));
-    EXPECT_TRUE(is_callback(calls[2].callback, kzemm_work::qd_coordinate_linkage_cb));
-    EXPECT_TRUE(is_callback(calls[3].callback, kzemm_work::qd_coordinate_append_cb));
-    EXPECT_TRUE(is_callback(calls[4].callback, kzemm_work::qd_eng_sub_credible_cb));
+    EXPECT_TRUE(is_callback(calls[0].callback, kzemm_work_inspector::qd_alarm_cb));
+    EXPECT_TRUE(is_callback(calls[1].callback, kzemm_work_inspector::qd_coordinate_hunting_cb));
+    EXPECT_TRUE(is_callback(calls[2].callback, kzemm_work_inspector::qd_coordinate_linkage_cb));
+    EXPECT_TRUE(is_callback(calls[3].callback, kzemm_work_inspector::qd_coordinate_append_cb));
+    EXPECT_TRUE(is_callback(calls[4].callback, kzemm_work_inspector::qd_eng_sub_credible_cb));
     for (size_t position = 0; position < 4; ++position) {
         EXPECT_EQ(calls[position].context, nullptr);
     }
@@ -183,7 +183,7 @@ TEST_P(kzemm_work_origin_test, either_switch_subscribes_once_with_the_cycle) {
     const std::vector<fakes::engine_call> calls = engine_calls();
     ASSERT_EQ(calls.size(), 1U);
     EXPECT_EQ(calls[0].text, "x_client_subscribe_origin_data(300)");
-    EXPECT_TRUE(is_callback(calls[0].callback, kzemm_work::qd_origin_cb));
+    EXPECT_TRUE(is_callback(calls[0].callback, kzemm_work_inspector::qd_origin_cb));
     EXPECT_EQ(calls[0].context, nullptr);
     EXPECT_THAT(log_lines(), ElementsAre(at(3, "get collect report cycle : 300 succeed"),
                                          at(3, "qd subscribe origin data success, cycle: 300")));

@@ -292,7 +292,7 @@ TEST_F(kzemm_work_switching_test, the_retry_timer_is_armed_with_180_seconds) {
     EXPECT_EQ(timer.first_ms, switch_period_ms);
     EXPECT_EQ(timer.flags, 0U);
     EXPECT_EQ(timer.period_ms, switch_period_ms);
-    EXPECT_EQ(timer.callback, kzemm_work::switch_engine_cb);
+    EXPECT_EQ(timer.callback, &kzemm_work_inspector::switch_engine_cb);
     end_retry();
 }
 
@@ -517,19 +517,25 @@ TEST_F(kzemm_work_switching_test, without_memory_a_pending_retry_stays) {
     end_retry();
 }
 
-TEST_F(kzemm_work_switching_test, without_memory_for_the_list_there_is_no_retry) {
-    refuse({17});
+TEST_F(kzemm_work_switching_test, what_there_is_no_memory_for_is_not_retried) {
+    constexpr size_t node_size = 2 * sizeof(void *) + sizeof(void *);  // links and type
     fakes::on_engine_call("x_client_engine_control", [](const fakes::engine_call &call) {
         if (call.text == control(17, 1)) {
-            constexpr size_t node_size = 2 * sizeof(void *) + sizeof(void *);  // links and type
             fakes::fail_throwing_new(1, node_size);
         }
     });
+    refuse({17});
     work.do_engine_swicth();
     EXPECT_TRUE(fakes::allocation_failed());
-    EXPECT_THAT(log_lines().back(), at(1, "new context failed"));
+    EXPECT_THAT(log_lines(), Contains(at(1, "no memory to retry switch 17")));
+    EXPECT_THAT(log_lines().back(), at(3, "need to retry switch engine"));
     EXPECT_EQ(fields::switch_timer(work), nullptr);
     EXPECT_THAT(open_timers(), IsEmpty());
+
+    refuse({3, 17});
+    work.do_engine_swicth();
+    EXPECT_THAT(retry_pass(), ElementsAre(control(3, 1)));
+    end_retry();
 }
 
 TEST_F(kzemm_work_switching_test, an_unknown_type_in_the_list_is_sent_as_off) {
@@ -620,7 +626,7 @@ TEST_F(kzemm_work_set_switch_test, an_unreadable_configuration_is_read_again_aft
     EXPECT_EQ(timer.first_ms, cfg_period_ms);
     EXPECT_EQ(timer.flags, 0U);
     EXPECT_EQ(timer.period_ms, cfg_period_ms);
-    EXPECT_EQ(timer.callback, kzemm_work::set_engine_switch_cb);
+    EXPECT_EQ(timer.callback, &kzemm_work_inspector::set_engine_switch_cb);
     EXPECT_EQ(timer.user, &work);
     work.stop_cfg_timer();
 }

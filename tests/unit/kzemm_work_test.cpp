@@ -1,3 +1,5 @@
+#include <thread>
+
 #include "tests/fakes/fake_gateway.h"
 #include "tests/unit/worker_test.h"
 #include "upgrade/kzemm_upgrade.h"
@@ -444,6 +446,41 @@ TEST_F(kzemm_work_test, a_worker_that_is_not_running_makes_no_turn) {
     ASSERT_EQ(lines.size(), 7U);
     EXPECT_THAT(lines[5], at(3, "work loop start"));
     EXPECT_THAT(lines[6], at(3, "work loop stop"));
+}
+
+// From a thread of its own, as the host's, at whatever the start does.
+TEST_F(kzemm_work_test, a_stop_at_any_step_of_the_start_takes_effect_when_that_has_ended) {
+    const pthread_t worker = pthread_self();
+    const auto start_and_run = [&](size_t stop_at) {
+        kzemm_work_inspector stopped;
+        size_t step = 0;
+        fakes::on_record([&] {
+            if (pthread_equal(pthread_self(), worker) != 0 && ++step == stop_at) {
+                std::thread([&stopped] { stopped.stop(); }).join();
+            }
+        });
+        EXPECT_EQ(stopped.start(), 0);
+        fakes::on_record(nullptr);
+        if (stop_at != 0) {
+            bool turned = false;
+            fakes::at_loop_turn(1, [&] { turned = true; });
+            EXPECT_EQ(stopped.run(), 0);
+            EXPECT_FALSE(turned);
+            EXPECT_THAT(worker_texts({fakes::what::log}),
+                        testing::IsSupersetOf(
+                            {"kzemm_work start succeed", "work loop start", "work loop stop"}));
+        }
+        EXPECT_TRUE(await_waiting_task_thread());
+        stopped.clean();
+        fakes::clear_journal();
+        return step;
+    };
+    const size_t steps = start_and_run(0);
+    EXPECT_GT(steps, 50U);
+    for (size_t step = 1; step <= steps; ++step) {
+        SCOPED_TRACE(step);
+        start_and_run(step);
+    }
 }
 
 TEST_F(kzemm_work_test, stop_during_the_pause_ends_the_loop_without_another_turn) {

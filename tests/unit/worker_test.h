@@ -102,7 +102,7 @@ class worker_test : public plugin_test {
                ")";
     }
 
-    kzemm_work work;
+    kzemm_work_inspector work;
 };
 
 #endif

@@ -52,9 +52,8 @@ class ctl_credible : public ::testing::Test {
     }
     kzav_trace_info event(const std::vector<std::string> &arguments) {
         const std::string bytes = frame(arguments);
-        EXPECT_EQ(
-            kze::module_frame_problem(bytes, kze::module_request, kze::byte_order::little_endian),
-            "");
+        EXPECT_EQ(kze::module_frame_problem(bytes, module_request, kze::byte_order::little_endian),
+                  "");
         kzav_trace_info info;
         EXPECT_TRUE(info.ParseFromString(bytes.substr(kze::module_header_size)));
         return info;
@@ -116,8 +115,7 @@ TEST_F(ctl_credible, each_defect_spoils_what_its_name_says) {
         return frame({"--scene", "web", "--pid", pid(), "--malformed", defect});
     };
     const auto problem = [](const std::string &bytes) {
-        return kze::module_frame_problem(bytes, kze::module_request,
-                                         kze::byte_order::little_endian);
+        return kze::module_frame_problem(bytes, module_request, kze::byte_order::little_endian);
     };
     EXPECT_THAT(problem(spoiled("version")), HasSubstr("version"));
     EXPECT_THAT(problem(spoiled("length")), HasSubstr("msg_len"));
@@ -157,7 +155,7 @@ TEST_F(ctl_credible, the_gateway_shows_an_event_decoded_with_its_disposal_state_
     bare.mutable_credible_event()->mutable_rule()->set_scene(
         static_cast<kzav_trace::KZAV_EVENT_SCENE>(9));
     const auto framed = [](const kzav_trace_info &info) {
-        return kze::module_frame(info.SerializeAsString(), kze::module_request,
+        return kze::module_frame(info.SerializeAsString(), module_request,
                                  kze::byte_order::little_endian);
     };
     {

@@ -37,12 +37,19 @@ class publisher : public MbFrame::IPlugin {
         *out = 1;
         return 0;
     }
-    void OnAdvised(MbFrame::IPluginSetting *, MbFrame::IDispatch *to) override {
+    int OnAdvised(MbFrame::IPluginSetting *, MbFrame::IDispatch *to) override {
         ++advised;
         dispatch = to;
+        return 0;
     }
-    void OnUnadvised(_UNADVISE_REASON) override { ++unadvised; }
-    void OnEvent(MbFrame::IEvent *, _RESPONSE_STATUS *) override { ++events; }
+    int OnUnadvised(_UNADVISE_REASON) override {
+        ++unadvised;
+        return 0;
+    }
+    int OnEvent(MbFrame::IEvent *, _RESPONSE_STATUS *) override {
+        ++events;
+        return 0;
+    }
 
     unsigned char id[16] = {};
     unsigned int id_code = 0;

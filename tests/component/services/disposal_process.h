@@ -65,7 +65,7 @@ inline void add_task(kze_respdsp_icdt_req &order, const std::string &id,
 }
 
 inline std::string frame_of(const kze_respdsp_icdt_req &order) {
-    return kze::module_frame(order.SerializeAsString(), kze::module_request,
+    return kze::module_frame(order.SerializeAsString(), module_request,
                              kze::byte_order::big_endian);
 }
 
@@ -78,8 +78,7 @@ inline std::string order_of(const std::vector<kze_respdsp_res_process> &processe
 }
 
 inline kze_respdsp_resp read_answer(const std::string &frame) {
-    EXPECT_EQ(kze::module_frame_problem(frame, kze::module_response, kze::byte_order::big_endian),
-              "");
+    EXPECT_EQ(kze::module_frame_problem(frame, module_response, kze::byte_order::big_endian), "");
     kze_respdsp_resp answer;
     EXPECT_TRUE(frame.size() >= kze::module_header_size &&
                 answer.ParseFromString(frame.substr(kze::module_header_size)));

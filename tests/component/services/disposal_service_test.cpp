@@ -243,15 +243,14 @@ TEST_F(DisposalService, what_is_no_order_is_refused_logged_and_counted) {
         {with(9, '\2'), "proto_type is 2"},
         {good + "x", "msg_len"},
         {good.substr(0, good.size() - 1), "msg_len"},
-        {kze::module_frame(body, kze::module_request, kze::byte_order::little_endian),
+        {kze::module_frame(body, module_request, kze::byte_order::little_endian),
          "proto_type is 256"},
-        {kze::module_frame(body.substr(0, body.size() - 1), kze::module_request,
+        {kze::module_frame(body.substr(0, body.size() - 1), module_request,
                            kze::byte_order::big_endian),
          "its body is no disposal request"},
-        {kze::module_frame("\x12\x03\x0A\x01\xFF", kze::module_request,
-                           kze::byte_order::big_endian),
+        {kze::module_frame("\x12\x03\x0A\x01\xFF", module_request, kze::byte_order::big_endian),
          "its body is no disposal request"},
-        {kze::module_frame("", kze::module_request, kze::byte_order::big_endian), "no task"},
+        {kze::module_frame("", module_request, kze::byte_order::big_endian), "no task"},
     };
     for (const auto &[frame, reason] : bad) {
         const kze_respdsp_resp answer = order(frame);

@@ -1,7 +1,6 @@
 // Custom IOA rules: from a request to the engine, and the outcome to the console.
 
 #include <cjson/cJSON.h>
-#include <endian.h>
 #include <jansson.h>
 
 #include <cstring>
@@ -11,13 +10,12 @@
 
 #include "config/kzemm_config.h"
 #include "datapath/kzemm_task.h"
-#include "engine/kzemm_loader.h"
+#include "engine/qd_calls.h"
 #include "plugin/kzemm_data_conv.h"
 #include "vrdbase.h"
 
 namespace {
 
-constexpr int proto_type_result = 2;
 constexpr int host_order = 0;
 
 struct json_deleter {
@@ -28,13 +26,14 @@ struct cjson_deleter {
 };
 
 // The engine's verdicts come on its own threads, also while the worker stops. The mutex keeps the
-// task queue in being while one is handled, and its identifier whole.
+// task queue in being, and its identifier whole, while a verdict copies that; it is not held while
+// anything is saved or sent.
 std::mutex s_verdict_mutex;
 kzemm_task *s_verdict_taker = nullptr;
 
 // The JSON text of a request's frame, without the zero bytes behind it.
 size_t text_length(const char *body, const _module_header &header) {
-    size_t length = be32toh(header.msg_len);
+    size_t length = module_field(header.msg_len, true);
     while (length != 0 && body[length - 1] == '\0') {
         --length;
     }
@@ -57,8 +56,7 @@ int kzemm_task::deal_customioa_task(const char *data, unsigned int len) {
         kze_log(1, "param error,data:%p,length:%u", static_cast<const void *>(data), len);
         return -1;
     }
-    _module_header header;  // the frame may lie at any address
-    memcpy(&header, data, sizeof(header));
+    const _module_header header = read_module_header(data);
     const char *const body = data + sizeof(header);
     json_error_t error = {};
     const std::unique_ptr<json_t, json_deleter> request(
@@ -94,9 +92,8 @@ int kzemm_task::deal_customioa_task(const char *data, unsigned int len) {
         kze_log(1, "no memory for the rule id");
         return -1;
     }
-    const auto update = reinterpret_cast<x_client_engine_update_by_data_fn>(
-        kzemm_loader::get_instance().get_x_client_engine_update_by_data_fn());
-    info.ret = update(ENGINE_CUSTOM_IOA, rules, rules_len, engine_upd_by_data_cb, this);
+    info.ret =
+        qd::engine_update_by_data(ENGINE_CUSTOM_IOA, rules, rules_len, engine_upd_by_data_cb, this);
     if (info.ret != 0) {
         kze_log(1, "invoke engine update by data failed:%d", info.ret);
         report_ctmioa_info(info);
@@ -120,25 +117,30 @@ void kzemm_task::refuse_verdicts() {
     s_verdict_taker = nullptr;
 }
 
-void kzemm_task::engine_upd_by_data_cb(_engine_type type, int ret, void *user) {
+bool kzemm_task::copy_rule_id(const kzemm_task *task, std::string &out) {
+    const std::lock_guard<std::mutex> lock(s_verdict_mutex);
+    if (task != s_verdict_taker) {
+        return false;
+    }
+    out = task->cur_rule_id;
+    return true;
+}
+
+void kzemm_task::engine_upd_by_data_cb(_engine_type type, int ret, void *user) try {
     if (type != ENGINE_CUSTOM_IOA) {
         return;
     }
-    const std::lock_guard<std::mutex> lock(s_verdict_mutex);
-    auto *const task = static_cast<kzemm_task *>(user);
-    if (task != s_verdict_taker) {
+    _customioa_info info = {ret, {}};
+    if (!copy_rule_id(static_cast<const kzemm_task *>(user), info.rule_id)) {
         return;  // the worker has ended meanwhile, and its task queue with it
     }
-    kze_log(3, "custom ioa update callback ret:%d, cur rule id:%s", ret, task->cur_rule_id.c_str());
-    try {
-        if (ret == 0 && kzemm_config::get_instance().set_ctmioa_rule_id(task->cur_rule_id) != 0) {
-            kze_log(1, "set custom ioa ruleid to file failed");
-        }
-        _customioa_info info{ret, task->cur_rule_id};
-        task->report_ctmioa_info(info);
-    } catch (const std::bad_alloc &) {
-        kze_log(1, "no memory for the rule id");
+    kze_log(3, "custom ioa update callback ret:%d, cur rule id:%s", ret, info.rule_id.c_str());
+    if (ret == 0 && kzemm_config::get_instance().set_ctmioa_rule_id(info.rule_id) != 0) {
+        kze_log(1, "set custom ioa ruleid to file failed");
     }
+    report_ctmioa_info(info);
+} catch (const std::bad_alloc &) {
+    kze_log(1, "no memory for the rule id");
 }
 
 int kzemm_task::report_ctmioa_info(_customioa_info &info) {
@@ -224,13 +226,11 @@ int kzemm_task::send_ctmdata_to_gw(KZEMM_DATA_TYPE type, const char *data, unsig
         return -1;
     }
     std::string frame;
-    add_msg_header(data, len, frame, proto_type_result, host_order);
+    add_msg_header(data, len, frame, module_response, host_order);
     if (frame.empty()) {
         return -1;
     }
-    const auto send = reinterpret_cast<kzethtgw_async_send_fn>(
-        kzemm_loader::get_instance().get_kzethtgw_async_send_fn());
-    if (send(type, frame.data(), static_cast<unsigned int>(frame.size())) != 0) {
+    if (qd::async_send(type, frame.data(), static_cast<unsigned int>(frame.size())) != 0) {
         kze_log(1, "send data to kzethtgw failed, type: %d", type);
         return -1;
     }

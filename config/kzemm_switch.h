@@ -1,0 +1,28 @@
+/*
+ * The numbered switches, by which the rest of the plug-in asks the configuration.
+ */
+#ifndef KZEMDLMGR_CONFIG_KZEMM_SWITCH_H
+#define KZEMDLMGR_CONFIG_KZEMM_SWITCH_H
+
+// The numbers between and above name no switch.
+enum EMM_SWITCH_TYPE : unsigned int {
+    EMM_SWITCH_COLLECT = 1,
+    EMM_SWITCH_SUBSCRIBE_EVENT = 2,
+    EMM_SWITCH_IOA = 3,
+    EMM_SWITCH_IOC = 4,
+    EMM_SWITCH_HUNTING = 5,
+    EMM_SWITCH_LINKAGE = 6,
+    EMM_SWITCH_REPORT = 7,
+    EMM_SWITCH_MD = 8,
+    EMM_SWITCH_ORIGIN_FORWARD = 9,
+    EMM_SWITCH_ABNORMAL_IP_LOGIN = 10,
+    EMM_SWITCH_ABNORMAL_TIME_LOGIN = 11,
+    EMM_SWITCH_ABNORMAL_SCAN = 12,
+    EMM_SWITCH_REVERSESHELL = 13,
+    EMM_SWITCH_BRUTEFORCE_GLOBAL = 14,
+    EMM_SWITCH_BRUTEFORCE_SSH = 18,
+    EMM_SWITCH_DISPOSE_WEB = 19,
+    EMM_SWITCH_DISPOSE_PHISHING = 20,
+};
+
+#endif
