@@ -2,10 +2,11 @@
  * Auto disposal of credible events: the event goes to the gateway, marked, and the processes it
  * names go to the local disposal service as one request.
  *
- * Free of state but for the requests in flight and some memory that is kept from one event to the
- * next; any thread may call. A delivery runs on a thread of the engine client, the reply to a
- * request where the IPC layer runs its replies. A request that the IPC layer refuses, its endpoint
- * being closed, gets no reply, and its memory stays behind.
+ * No state outlives a delivery but the context of a request in flight; any thread may call. A
+ * delivery runs on a thread of the engine client, the reply to a request where the IPC layer runs
+ * its replies. A request that the IPC layer refuses, its endpoint being closed, gets no reply, and
+ * its memory stays behind. Where memory runs out, the step that needed it fails as it does for any
+ * other reason.
  */
 #ifndef KZEMDLMGR_DATAPATH_KZEMM_DISPOSE_H
 #define KZEMDLMGR_DATAPATH_KZEMM_DISPOSE_H
@@ -36,12 +37,12 @@ struct auto_dispose_ipc_ctx {
 bool do_auto_dispose(char *data, unsigned int len, vrd_ipc_st *ipc, vrd_addr_st *addr);
 
 // Whether the message is a credible event with a rule of some scene.
-bool check_auto_dispose_data_valid(const kzav_trace_info &info);
+bool check_auto_dispose_data_valid(kzav_trace_info &info);
 // Whether the switch of the event's scene is on.
-bool check_auto_dispose_enable(const kzav_trace_info &info);
-// Sets the event's state and appends the whole message's bytes to `out`: what stands there, room
-// for a header, stays in front of them.
-bool set_data_dispose_state(kzav_trace_info &info, KZAV_DISPOSAL_STATE state, std::string &out);
+bool check_auto_dispose_enable(kzav_trace_info &info);
+// Sets the event's state and tells the bytes of the whole message, which is then to be serialized
+// with the sizes that it keeps. False when no buffer of the message library can hold them.
+bool set_data_dispose_state(kzav_trace_info &info, KZAV_DISPOSAL_STATE state, size_t &size);
 // Sends the event, marked as being disposed of, under a copy of this header. What the gateway says
 // to it doesn't count.
 bool send_event_to_thtgw(kzav_trace_info &info, const _module_header *header);
@@ -49,13 +50,10 @@ bool send_event_to_thtgw(kzav_trace_info &info, const _module_header *header);
 // handed to the IPC layer; it is tried four times at most.
 bool send_event_to_autodsp(const kzav_trace_info &info, const _module_header *header,
                            vrd_ipc_st *ipc, vrd_addr_st *addr);
-// Serializes the request to the disposal service, which a frame must be able to carry.
+// Serializes the request to the disposal service into out. One that no IPC message can carry isn't
+// built: it grows with the product of nodes and processes, so that a small event could ask for all
+// of the host's memory.
 bool build_auto_dispose_pbdata(const kzav_trace_info &info, std::string &out);
-// Adds every process of the action that one of its alert nodes names: in the order of the nodes,
-// then of the processes, as often as it is named. Takes what they take of a request at least
-// from `room`; false when that is used up.
-bool add_matching_processes(kzerespdsppl_re::kze_respdsp_alert_info &to,
-                            const kzav_trace::event_action &action, size_t &room);
 // The end of a try; ctx is the auto_dispose_ipc_ctx. A vrd_ipc_reply_cb.
 void on_auto_dispose_cb(int err, unsigned int cmd, const char *data, unsigned int len, void *ctx);
 

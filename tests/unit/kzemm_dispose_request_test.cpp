@@ -332,15 +332,24 @@ TEST_F(kzemm_dispose_request_test, counts_as_sent_whatever_the_ipc_layer_says) {
 
 // ---- its size ----
 
-TEST_F(kzemm_dispose_request_test, one_that_no_frame_could_carry_is_not_built) {
+constexpr size_t most = VRD_IPC_MAX_BODY;
+
+// An action that names as many processes as it has, each so many times.
+kzav_trace_info event_of_square(int side, const std::string &path) {
     kzav_trace_info info;
     event_action &action = *info.mutable_credible_event()->mutable_rule()->add_match_action();
-    for (int each = 0; each < 4000; ++each) {
+    for (int each = 0; each < side; ++each) {
         action.add_alert_node_id(7);
-        action.add_process_list()->set_node_id(7);
+        auto &process = *action.add_process_list();
+        process.set_node_id(7);
+        process.set_process_path(path);
     }
+    return info;
+}
+
+TEST_F(kzemm_dispose_request_test, one_that_no_ipc_message_can_carry_is_not_built) {
     std::string out = "before";
-    EXPECT_FALSE(build_auto_dispose_pbdata(info, out));
+    EXPECT_FALSE(build_auto_dispose_pbdata(event_of_square(500, std::string(100, 'p')), out));
     EXPECT_THAT(log_lines(), ElementsAre(at(1, "serialize auto dispose data failed.")));
     EXPECT_EQ(out, "before");
 }
@@ -349,48 +358,61 @@ TEST_F(kzemm_dispose_request_test, its_bytes_decide) {
     kzav_trace_info info;
     event_action &action = *info.mutable_credible_event()->mutable_rule()->add_match_action();
     action.add_alert_node_id(7);
-    for (int each = 0; each < 10; ++each) {
+    for (size_t each = 0; each < 16; ++each) {
         auto &process = *action.add_process_list();
         process.set_node_id(7);
-        process.set_process_path(std::string(0xA00000 / 10 - 100, 'p'));
+        process.set_process_path(std::string(most / 16 - 100, 'p'));
     }
     std::string out;
     ASSERT_TRUE(build_auto_dispose_pbdata(info, out));
-    const size_t left = 0xA00000 - out.size();
-    ASSERT_LT(left, 1000U);
+    const size_t left = most - out.size();
+    ASSERT_LT(left, 2000U);
 
     action.mutable_process_list(0)->mutable_process_path()->append(left, 'p');
     EXPECT_TRUE(build_auto_dispose_pbdata(info, out));
-    EXPECT_EQ(out.size(), 0xA00000U) << "what was in it is replaced";
+    EXPECT_EQ(out.size(), most) << "what was in it is replaced";
     EXPECT_THAT(log_lines(), IsEmpty());
 
     action.mutable_process_list(0)->mutable_process_path()->append(1, 'p');
     EXPECT_FALSE(build_auto_dispose_pbdata(info, out));
-    EXPECT_EQ(out.size(), 0xA00000U);
+    EXPECT_EQ(out.size(), most);
     EXPECT_THAT(log_lines(), ElementsAre(at(1, "serialize auto dispose data failed.")));
 }
 
-// As many as a frame can carry of entries of the least size, two bytes each.
-TEST_F(kzemm_dispose_request_test, all_that_fits_into_a_frame_is_built) {
-    kzav_trace_info info;
-    event_action &action = *info.mutable_credible_event()->mutable_rule()->add_match_action();
-    for (int each = 0; each < 2000; ++each) {
-        action.add_alert_node_id(7);
-        action.add_process_list()->set_node_id(7);
-    }
+// What an entry takes beside its texts doesn't count twice.
+TEST_F(kzemm_dispose_request_test, all_that_fits_into_a_message_is_built) {
     std::string out;
-    EXPECT_TRUE(build_auto_dispose_pbdata(info, out));
-    EXPECT_GT(out.size(), 2U * 2000 * 2000);
+    EXPECT_TRUE(build_auto_dispose_pbdata(event_of_square(830, std::string(20, 'p')), out));
+    EXPECT_LT(out.size(), most);
+    EXPECT_GT(out.size(), most - most / 20);
 }
 
 TEST_F(kzemm_dispose_request_test, alerts_without_end_are_not_built_either) {
     kzav_trace_info info;
-    for (int each = 0; each < 300000; ++each) {
+    for (size_t each = 0; each < most / 40; ++each) {
         info.mutable_credible_event()->mutable_rule()->add_match_action();
     }
     std::string out = "before";
     EXPECT_FALSE(build_auto_dispose_pbdata(info, out));
     EXPECT_THAT(log_lines(), ElementsAre(at(1, "serialize auto dispose data failed.")));
+}
+
+// An event of the largest size whose order is larger.
+TEST_F(kzemm_dispose_request_test, an_order_of_12_megabytes_is_handed_over) {
+    kzav_trace_info info = event(web);
+    event_action &action = credible::add_action(info, "alert");
+    auto &process = *action.add_process_list();
+    process.set_node_id(7);
+    process.set_process_path(std::string(6U << 20, 'p'));
+    action.add_alert_node_id(7);
+    action.add_alert_node_id(7);
+    const _module_header header = {};
+    EXPECT_TRUE(send_event_to_autodsp(info, &header, ipc, addr));
+    ASSERT_THAT(fakes::ipc_requests(), SizeIs(1));
+    const std::string order = fakes::ipc_requests()[0].data;
+    EXPECT_GT(order.size(), 12U << 20);
+    credible::expect_request_of(info, wire::payload(order));
+    answer_the_request();
 }
 
 }  // namespace

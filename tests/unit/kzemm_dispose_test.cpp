@@ -3,6 +3,8 @@
 
 #include "datapath/kzemm_dispose.h"
 
+#include <climits>
+
 #include "tests/unit/credible_event.h"
 
 using fakes::at;
@@ -157,12 +159,13 @@ TEST_F(kzemm_dispose_test, refuses_an_event_without_a_scene) {
     }
 }
 
-TEST_F(kzemm_dispose_test, finds_the_default_message_without_a_scene) {
-    EXPECT_FALSE(check_auto_dispose_enable(kzav_trace_info::default_instance()));
+TEST_F(kzemm_dispose_test, finds_an_empty_message_without_a_scene) {
+    kzav_trace_info none;
+    EXPECT_FALSE(check_auto_dispose_enable(none));
     EXPECT_THAT(log_lines(),
                 ElementsAre(at(2, "get unknow credible event scene: 0"), switch_end_line));
     fakes::clear_journal();
-    EXPECT_FALSE(check_auto_dispose_data_valid(kzav_trace_info::default_instance()));
+    EXPECT_FALSE(check_auto_dispose_data_valid(none));
     EXPECT_THAT(log_lines(), ElementsAre(at(2, "get wrong qd_eng_sub_credible_cb data cmd: 0")));
 }
 
@@ -346,18 +349,19 @@ TEST_F(kzemm_dispose_test, keeps_the_mark_when_there_is_nothing_to_dispose_of) {
 
 // ---- when memory is short ----
 
-TEST_F(kzemm_dispose_test, an_event_that_would_take_all_memory_is_not_parsed) {
-    // Two bytes an action, of which each takes more than two hundred of memory.
-    std::string rule = wire::number(6, web);
-    while (rule.size() < 0xA00000 - 100) {
-        rule += wire::bytes(9, "");
-    }
-    EXPECT_FALSE(
-        dispose_bytes(wire::frame(wire::number(5, 9) + wire::bytes(17, wire::bytes(6, rule)))));
+TEST_F(kzemm_dispose_test, nothing_goes_out_without_memory_for_the_gateways_frame) {
+    const kzav_trace_info info = event_of_one_process(web);
+    const size_t size = marked(info).size() + wire::header_size;
+    std::string frame = wire::frame(info.SerializeAsString());
+    fakes::fail_allocation(1, size);
+    EXPECT_FALSE(do_auto_dispose(frame.data(), static_cast<unsigned int>(frame.size()), ipc, addr));
+    EXPECT_TRUE(fakes::allocation_failed()) << "one allocation of exactly the frame's size";
     expect_nothing_sent();
     EXPECT_THAT(
         log_lines(),
-        ElementsAre(start_line, at(2, "parse qd_engine_sub_credible data to proto failed")));
+        ElementsAre(start_line, valid_line, web_on_line, switch_end_line,
+                    at(2, "malloc " + std::to_string(size) + " byte for out_data failed"),
+                    at(2, "add module header failed"), at(1, "send_event_to_thtgw failed")));
 }
 
 TEST_F(kzemm_dispose_test, keeps_the_mark_without_memory_for_the_services_frame) {
@@ -396,18 +400,29 @@ TEST_F(kzemm_dispose_test, keeps_the_mark_without_memory_for_the_requests_contex
 
 TEST_F(kzemm_dispose_test, makes_an_event_to_set_the_state_of) {
     kzav_trace_info info;
-    std::string out;
-    EXPECT_TRUE(set_data_dispose_state(info, kzav_trace::DISPOSAL_STATE_AUTO_DISPOSED, out));
-    EXPECT_EQ(out, wire::bytes(17, wire::number(10, 3)));
-    EXPECT_TRUE(info.has_credible_event());
+    size_t size = 0;
+    EXPECT_TRUE(set_data_dispose_state(info, kzav_trace::DISPOSAL_STATE_AUTO_DISPOSED, size));
+    const std::string bytes = wire::bytes(17, wire::number(10, 3));
+    EXPECT_EQ(info.SerializeAsString(), bytes);
+    EXPECT_EQ(size, bytes.size());
     EXPECT_THAT(log_lines(), IsEmpty());
 }
 
-TEST_F(kzemm_dispose_test, serializes_behind_what_stands_there) {
+TEST_F(kzemm_dispose_test, an_event_that_no_buffer_can_hold_fails_before_its_frame_is_made) {
     kzav_trace_info info = event(web);
-    std::string out = "header";
-    EXPECT_TRUE(set_data_dispose_state(info, kzav_trace::DISPOSAL_STATE_AUTO_DISPOSING, out));
-    EXPECT_EQ(out, "header" + marked(info));
+    info.clear_agent_id();
+    constexpr size_t largest = INT_MAX;
+    const size_t beside = marked(info).size() + 1 + 5;  // the tag of the text and its length
+    info.mutable_agent_id()->resize(largest - beside + 1);
+    const _module_header header = {};
+    EXPECT_FALSE(send_event_to_thtgw(info, &header));
+    expect_nothing_sent();
+    EXPECT_THAT(log_lines(), ElementsAre(at(2, "serialize trace info pb data failed."),
+                                         at(2, "change data dispose state failed")));
+    info.mutable_agent_id()->pop_back();
+    size_t size = 0;
+    EXPECT_TRUE(set_data_dispose_state(info, kzav_trace::DISPOSAL_STATE_AUTO_DISPOSING, size));
+    EXPECT_EQ(size, largest);
 }
 
 TEST_F(kzemm_dispose_test, sends_an_event_under_a_copy_of_any_header) {
