@@ -1,7 +1,7 @@
 #include "upgrade/kzemm_ioc_list.h"
 
 #include <algorithm>
-#include <tuple>
+#include <utility>
 
 #include "kzautil.h"
 
@@ -15,8 +15,8 @@ ioc_st ioc_list::operator[](size_t position) const {
     const entry &from = entries[position];
     ioc_st record;
     kze_str_strlcpy(record.name, names.c_str() + from.name_at, sizeof(record.name));
-    record.major = from.major;
-    record.minor = from.minor;
+    record.major = from.version.major;
+    record.minor = from.version.minor;
     return record;
 }
 
@@ -25,16 +25,15 @@ void ioc_list::reserve(size_t packs) {
     names.reserve(packs * usual_name_size);
 }
 
-void ioc_list::append(std::string_view name, int major, int minor) {
+void ioc_list::append(std::string_view name, const ioc_version &version) {
     const size_t name_at = names.size();
     names.append(name);
     names.push_back('\0');
-    entries.push_back({major, minor, name_at});
+    entries.push_back({version, name_at});
 }
 
 void ioc_list::sort() {
     std::sort(entries.begin(), entries.end(), [](const entry &left, const entry &right) {
-        return std::tie(left.major, left.minor, left.name_at) <
-               std::tie(right.major, right.minor, right.name_at);
+        return std::pair(left.version, left.name_at) < std::pair(right.version, right.name_at);
     });
 }

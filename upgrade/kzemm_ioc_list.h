@@ -16,6 +16,15 @@ struct ioc_st {
     int minor = 0;
 };
 
+// The order of all versions.
+struct ioc_version {
+    int major = 0;
+    int minor = 0;
+};
+inline bool operator<(const ioc_version &left, const ioc_version &right) {
+    return left.major != right.major ? left.major < right.major : left.minor < right.minor;
+}
+
 /*
  * A list of ioc_st. It keeps what a record is made of, tens of bytes a pack, and makes the record
  * of a kilobyte when it is asked for: with whole records kept, a directory of 100,000 packs costs
@@ -35,15 +44,14 @@ class ioc_list {
     void reserve(size_t packs);
     // Adds a pack at the end. The name is copied and holds no zero byte. Throws std::bad_alloc
     // with the list as it was.
-    void append(std::string_view name, int major, int minor);
+    void append(std::string_view name, const ioc_version &version);
     // Puts the packs into rising order of their versions; those of one version stay in the order
     // in which they were added. Allocates nothing.
     void sort();
 
   private:
     struct entry {
-        int major;
-        int minor;
+        ioc_version version;
         size_t name_at;  // in names
     };
 

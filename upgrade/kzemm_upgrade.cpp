@@ -8,6 +8,7 @@
 
 #include "config/kzemm_config.h"
 #include "kzautil.h"
+#include "plugin/kzemm_platform.h"
 #include "upgrade/kzemm_upgrade_common.h"
 #include "vrdbase.h"
 
@@ -15,7 +16,6 @@ namespace {
 
 constexpr char debug_marker[] = "@/../hlthreat_rule/debug_adv_threat.txt";
 constexpr char log_directory[] = "@/../var/log/agent/kzemdlmgr/upgrade";
-constexpr int log_files = 5;
 constexpr unsigned int milliseconds_in_second = 1000;
 constexpr useconds_t turn_pause_us = 100000;
 
@@ -37,6 +37,10 @@ CUpgradeRelay::CUpgradeRelay() {
     expand_path(marker, debug_marker);
     if (kze_path_is_exist_u(marker) != 0) {
         kzemm_upgrade_state::s_debug_adv_threat = true;
+    }
+    // An engine that never called back has held up the updates of the run before, not of this one.
+    if (kzemm_upgrade_state::s_md_last_result == md_update_pending) {
+        kzemm_upgrade_state::s_md_last_result = 0;
     }
 }
 
@@ -86,9 +90,7 @@ void *upgrade_thread_func(void *argument) {
     // Read, if at all, when the thread is gone. There is one upgrade thread at a time.
     static char s_result_text[1024];
 
-    char directory[4096] = {};
-    kze_dirutils_path_transform(log_directory, directory, sizeof(directory));
-    autolog_init(directory, log_files);
+    start_thread_log(log_directory);
 
     int result = 1;
     if (auto *const relay = static_cast<CUpgradeRelay *>(argument)) {
@@ -134,11 +136,7 @@ int CUpgradeRelay::start_upgrade_timer() {
 
 void CUpgradeRelay::stop_upgrade_timer() {
     kze_log(3, "stop upgrade timer.");
-    if (upgrade_timer != nullptr) {
-        cl_timerplus_stop(upgrade_timer);
-        cl_timerplus_close(upgrade_timer);
-        upgrade_timer = nullptr;
-    }
+    close_timer(upgrade_timer);
 }
 
 void CUpgradeRelay::timer_upgrade_callback(cl_timerplus *timer) {

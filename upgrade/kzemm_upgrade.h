@@ -30,8 +30,9 @@ struct kzemm_upgrade_state {
     static bool s_debug_adv_threat;
     static std::string s_md_tgz_path;  // backup pack of the MD update in work
     static std::string s_md_cfg_path;  // its unpacked configuration file
-    // -16: an update is pending; -5: the callback named another engine; -1: the update call
-    // failed; 0: success; anything else is the engine's own result.
+    // -16: an update is pending, until its callback or the next construction of the relay; -5: the
+    // callback named another engine; -1: the update call failed; 0: success; anything else is the
+    // engine's own result.
     static int s_md_last_result;
     // Failed MD updates since the last success, deletion or arrival of a new pack.
     static int s_md_retry_times;
@@ -59,7 +60,7 @@ class CUpgradeRelay {
 
     // ---- frame (kzemm_upgrade.cpp) ----
 
-    // Looks for the debug marker file.
+    // Looks for the debug marker file, and takes back the mark of an update that never ended.
     CUpgradeRelay();
     // The thread must have been joined by uninit.
     ~CUpgradeRelay();

@@ -3,11 +3,12 @@
 
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <new>
 
-#include "engine/kzemm_loader.h"
+#include "engine/qd_calls.h"
 #include "kzautil.h"
 #include "upgrade/kzemm_upgrade.h"
 #include "upgrade/kzemm_upgrade_common.h"
@@ -48,7 +49,7 @@ int take_arrival(upgrade_path &backup, const char *arrival, const char *rules, c
     delete_if_present(backup);
     kze_str_snprintf(backup, sizeof(backup), format, rules, kze_rand_by_time());
     kze_log(3, "tgz_rename_name: %s", backup);
-    if (kze_file_rename(arrival, backup) != 0) {
+    if (rename(arrival, backup) != 0) {
         kze_log(1, "rename %s to  %s failed", arrival, backup);
         kze_log(1, "get new tgz failed");
         return -1;
@@ -158,22 +159,14 @@ int CUpgradeRelay::upgrade_engine(engine_type_e type, const char *backup, const 
 }
 
 int CUpgradeRelay::query_ioa_engine(unsigned long &version) {
-    const kzemm_loader &loader = kzemm_loader::get_instance();
-    const auto query = reinterpret_cast<x_client_engine_query_version_str_fn>(
-        loader.get_x_client_engine_query_version_str_fn());
-    char *text = nullptr;
-    const int code = query(::ENGINE_IOA, &text);
-    int result = 0;
-    if (code == 0 && text != nullptr) {
-        version = strtoul(text, nullptr, 10);
-    } else {
+    qd::buffer_ptr text;
+    const int code = qd::query_version(::ENGINE_IOA, text);
+    if (code != 0 || text == nullptr) {
         kze_log(1, "query ioa version failed:%d", code);
-        result = 1;
+        return 1;
     }
-    if (text != nullptr) {
-        reinterpret_cast<x_client_free_fn>(loader.get_x_client_free_fn())(text);
-    }
-    return result;
+    version = strtoul(text.get(), nullptr, 10);
+    return 0;
 }
 
 int CUpgradeRelay::upgrade_ioa_engine(const char *config_path) {
@@ -188,9 +181,7 @@ int CUpgradeRelay::upgrade_ioa_engine(const char *config_path) {
         return query_result;
     }
     kze_log(3, "ul_ver_be:%lu", ul_ver_be);
-    const auto update = reinterpret_cast<x_client_engine_update_fn>(
-        kzemm_loader::get_instance().get_x_client_engine_update_fn());
-    const int code = update(::ENGINE_IOA, config_path);
+    const int code = qd::engine_update(::ENGINE_IOA, config_path);
     if (code != 0) {
         kze_log(1, "invoke update func failed:%d", code);
         return is_refused_for_now(code) ? 1 : -1;
@@ -206,9 +197,8 @@ int CUpgradeRelay::upgrade_md_engine(const char *config_path) {
     }
     kze_log(3, "upgrade md engine");
     kzemm_upgrade_state::s_md_last_result = md_update_pending;
-    const auto update = reinterpret_cast<x_client_engine_update_async_fn>(
-        kzemm_loader::get_instance().get_x_client_engine_update_async_fn());
-    const int code = update(::ENGINE_MD, config_path, on_md_engine_update_cb, nullptr);
+    const int code =
+        qd::engine_update_async(::ENGINE_MD, config_path, on_md_engine_update_cb, nullptr);
     if (code == 0) {
         return 0;
     }

@@ -107,6 +107,7 @@ void CUpgradeRelay::test_for_solve(const char *path, int error) {
     }
     const time_t now = time(nullptr);
     tm local = {};
+    tzset();  // localtime_r alone need not notice another time zone
     localtime_r(&now, &local);
     const char *const last_slash = strrchr(path, '/');
     if (last_slash == nullptr) {

@@ -8,22 +8,13 @@
 #include <cstring>
 #include <new>
 
-#include "engine/kzemm_loader.h"
+#include "engine/qd_calls.h"
 #include "kzautil.h"
 #include "upgrade/kzemm_upgrade.h"
 #include "upgrade/kzemm_upgrade_common.h"
 #include "vrdbase.h"
 
 namespace {
-
-struct ioc_version {
-    int major = 0;
-    int minor = 0;
-};
-
-bool is_above(const ioc_version &left, const ioc_version &right) {
-    return left.major != right.major ? left.major > right.major : left.minor > right.minor;
-}
 
 // A text without digits is 0; what doesn't fit an int wraps.
 int read_number(const char *text) {
@@ -73,44 +64,37 @@ int CUpgradeRelay::compare_ioc_version(const ioc_st *new_version, const ioc_st *
         kze_log(1, "param error");
         return -1;
     }
-    const bool same_major = old_version->major == new_version->major;
-    const int older = same_major ? old_version->minor : old_version->major;
-    const int newer = same_major ? new_version->minor : new_version->major;
+    const ioc_version older = {old_version->major, old_version->minor};
+    const ioc_version newer = {new_version->major, new_version->minor};
     if (older < newer) {
         kze_log(2, "ioc old version < new version");
         result = 1;
-    } else if (older == newer) {
-        kze_log(2, "ioc old version = new version");
-        result = 0;
-    } else {
+    } else if (newer < older) {
         kze_log(2, "ioc old version > new version");
         result = -1;
+    } else {
+        kze_log(2, "ioc old version = new version");
+        result = 0;
     }
     return 0;
 }
 
 int CUpgradeRelay::query_ioc_engine_ver() {
-    const kzemm_loader &loader = kzemm_loader::get_instance();
-    const auto query = reinterpret_cast<x_client_engine_query_version_str_fn>(
-        loader.get_x_client_engine_query_version_str_fn());
-    char *text = nullptr;
-    const int code = query(ENGINE_IOC, &text);
-    int result = 0;
+    qd::buffer_ptr text;
+    const int code = qd::query_version(::ENGINE_IOC, text);
     if (code != 0 || text == nullptr) {
         kze_log(1, "query ioc version failed:%d", code);
-        result = 1;
-    } else if (const char *const dot = strchr(text, '.')) {
-        ev.major = static_cast<int>(strtol(text, nullptr, 10));
-        ev.minor = static_cast<int>(strtol(dot + 1, nullptr, 10));
-        kze_log(3, "query ioc engine result: ev.major:%d, ev.minor:%d", ev.major, ev.minor);
-    } else {
+        return 1;
+    }
+    const char *const dot = strchr(text.get(), '.');
+    if (dot == nullptr) {
         kze_log(1, "ioc ver format error,can not find '.'!");
-        result = -1;
+        return -1;
     }
-    if (text != nullptr) {
-        reinterpret_cast<x_client_free_fn>(loader.get_x_client_free_fn())(text);
-    }
-    return result;
+    ev.major = static_cast<int>(strtol(text.get(), nullptr, 10));
+    ev.minor = static_cast<int>(strtol(dot + 1, nullptr, 10));
+    kze_log(3, "query ioc engine result: ev.major:%d, ev.minor:%d", ev.major, ev.minor);
+    return 0;
 }
 
 void CUpgradeRelay::get_max_full_version(const std::vector<std::string> &files, ioc_list &list,
@@ -122,7 +106,7 @@ void CUpgradeRelay::get_max_full_version(const std::vector<std::string> &files, 
         if (!read_full_version(version, name.c_str())) {
             continue;
         }
-        if (!is_above(version, best_version)) {
+        if (!(best_version < version)) {
             delete_names.push_back(name);
             continue;
         }
@@ -133,7 +117,7 @@ void CUpgradeRelay::get_max_full_version(const std::vector<std::string> &files, 
         best_version = version;
     }
     if (best != nullptr) {
-        list.append(without_extension(*best), best_version.major, best_version.minor);
+        list.append(without_extension(*best), best_version);
     }
 }
 
@@ -152,8 +136,8 @@ void CUpgradeRelay::reorder_update(const std::vector<std::string> &files, ioc_li
         if (!read_incremental_version(version, name.c_str())) {
             continue;
         }
-        if (is_above(version, base)) {
-            list.append(without_extension(name), version.major, version.minor);
+        if (base < version) {
+            list.append(without_extension(name), version);
         } else {
             delete_names.push_back(name);
         }
@@ -233,9 +217,7 @@ int CUpgradeRelay::upgrade_ioc_engine(const char *path, const ioc_st *target) {
         return 1;
     }
     kze_log(3, "upgrade ioc engine");
-    const auto update = reinterpret_cast<x_client_engine_update_fn>(
-        kzemm_loader::get_instance().get_x_client_engine_update_fn());
-    const int code = update(ENGINE_IOC, path);
+    const int code = qd::engine_update(::ENGINE_IOC, path);
     if (code != 0) {
         kze_log(2, "upgrade ioc engine failed with error code=%d", code);
         if (kzemm_upgrade_state::s_debug_adv_threat) {

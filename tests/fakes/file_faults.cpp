@@ -110,6 +110,8 @@ int __real_kze_path_del_file_u(const char *path);
 int __wrap_kze_path_del_file_u(const char *path);
 int __real_kze_file_rename(const char *from, const char *to);
 int __wrap_kze_file_rename(const char *from, const char *to);
+int __real_rename(const char *from, const char *to);
+int __wrap_rename(const char *from, const char *to);
 int __real_kze_file_copy(const char *from, const char *to);
 int __wrap_kze_file_copy(const char *from, const char *to);
 int __real_kze_dirutils_mkdir(const char *path, unsigned int mode);
@@ -127,8 +129,15 @@ int __wrap_kze_path_del_file_u(const char *path) {
 }
 
 int __wrap_kze_file_rename(const char *from, const char *to) {
-    return run(file_call::rename, "rename", from, std::string(" to ") + to,
+    return run(file_call::move, "move", from, std::string(" to ") + to,
                [&] { return __real_kze_file_rename(from, to); });
+}
+
+int __wrap_rename(const char *from, const char *to) {
+    const int code = run(file_call::rename, "rename", from, std::string(" to ") + to,
+                         [&] { return __real_rename(from, to) == 0 ? 0 : errno; });
+    errno = code;
+    return code == 0 ? 0 : -1;
 }
 
 int __wrap_kze_file_copy(const char *from, const char *to) {

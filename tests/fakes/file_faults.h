@@ -1,7 +1,7 @@
 /*
  * What the linked objects do with files and commands: each call is written to the journal ("delete
- * /a", "rename /a to /b", "copy /a to /b", "mkdir /a", "opendir /a", "run tar ..."), goes to the
- * real function, and can be made to fail, also for root.
+ * /a", "rename /a to /b", "move /a to /b" by the platform, "copy /a to /b", "mkdir /a", "opendir
+ * /a", "run tar ..."), goes to the real function, and can be made to fail, also for root.
  */
 #ifndef KZEMDLMGR_TESTS_FAKES_FILE_FAULTS_H
 #define KZEMDLMGR_TESTS_FAKES_FILE_FAULTS_H
@@ -11,7 +11,7 @@
 
 namespace fakes {
 
-enum class file_call { remove, rename, copy, make_directory, open_directory, run_command };
+enum class file_call { remove, rename, move, copy, make_directory, open_directory, run_command };
 
 // Each call of that kind whose first text (path or command line) holds `part` gives this code and
 // does nothing, until reset; a directory that can't be opened leaves the code in errno.

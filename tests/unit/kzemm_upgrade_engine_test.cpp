@@ -182,7 +182,7 @@ TEST_F(kzemm_upgrade_engine_test, a_new_arrival_replaces_the_waiting_backup) {
                     "rename " + rule("ioa_linux_en.tgz") + " to " + rule("ioa_linux_bk_77.tgz"),
                     "run " + tar_command("ioa_linux_bk_77.tgz"),
                     "delete " + rule("ioa_linux_bk_77.tgz"),
-                    "rename " + rule(ioa_config) + " to " + target()));
+                    "move " + rule(ioa_config) + " to " + target()));
 }
 
 TEST_F(kzemm_upgrade_engine_test, only_an_md_arrival_begins_the_count_of_failures_anew) {
@@ -244,7 +244,7 @@ TEST_F(kzemm_upgrade_engine_test, the_number_is_written_as_it_is) {
 
 TEST_F(kzemm_upgrade_engine_test, an_arrival_that_cannot_be_moved_stays_and_the_backup_is_gone) {
     fakes::set_rand_by_time(77);
-    for (const int code : {EACCES, EROFS, ENOSPC, ENOENT, -1}) {
+    for (const int code : {EACCES, EROFS, ENOSPC, ENOENT, EXDEV}) {
         drop_md();
         drop_md("md_linux_bk_5.tgz");
         state::s_md_retry_times = 4;

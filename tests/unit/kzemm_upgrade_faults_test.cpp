@@ -123,6 +123,7 @@ TEST_F(kzemm_upgrade_faults_test,
     static const file_fault faults[] = {
         {file_call::remove, "delete ", ") failed:", true, false, false, true, 3},
         {file_call::rename, "rename ", "get new tgz failed", false, true, true, true, 1},
+        {file_call::move, "move ", "failed to rename ", false, false, false, true, 3},
         {file_call::copy, "copy ", "file copy path ", false, false, false, true, 3},
         {file_call::make_directory, "mkdir ", "/tmp_dir/ failed!!", false, false, false, true, 3},
         {file_call::open_directory, "opendir ", "", false, false, false, false, 2},

@@ -287,6 +287,24 @@ TEST_F(kzemm_upgrade_capture_test, the_time_is_the_local_one) {
     tzset();
 }
 
+TEST_F(kzemm_upgrade_capture_test, the_time_zone_is_that_of_now) {
+    setenv("TZ", "XYZ-7:30", 1);
+    tzset();
+    setenv("TZ", "ABC+3", 1);  // nobody has told the C library yet
+    const time_t before = time(nullptr);
+    CUpgradeRelay::test_for_solve(rule(refused).c_str(), 1);
+    const time_t after = time(nullptr);
+    tzset();
+    names possible;
+    for (time_t each = before; each <= after; ++each) {
+        possible.push_back(stamp(each) + "_error_0x1_ioc_full_1.0.json");
+    }
+    unsetenv("TZ");
+    tzset();
+    ASSERT_EQ(entries("hlthreat_rule/tmp_dir").size(), 1U);
+    EXPECT_THAT(possible, testing::Contains(entries("hlthreat_rule/tmp_dir")[0]));
+}
+
 TEST_F(kzemm_upgrade_capture_test, the_directory_is_made_for_all_to_read) {
     const mode_t mask = umask(0);
     CUpgradeRelay::test_for_solve(rule(refused).c_str(), 1);

@@ -301,7 +301,7 @@ TEST_F(kzemm_upgrade_ioa_test, the_first_ioa_file_ever_is_moved_and_later_ones_a
 TEST_F(kzemm_upgrade_ioa_test, an_ioa_file_that_cannot_be_moved_costs_a_line_and_stays) {
     for (const int code : {EACCES, EROFS, ENOSPC, -1}) {
         fakes::reset_file_faults();
-        fakes::file_call_fails(file_call::rename, code, ioa_config);
+        fakes::file_call_fails(file_call::move, code, ioa_config);
         ioa_takes_it();
         drop_ioa("ioa_linux_bk_1.tgz");
         EXPECT_EQ(handle_ioa(), 0);

@@ -274,23 +274,31 @@ TEST_F(kzemm_upgrade_md_test, only_the_callback_ends_a_pending_update) {
     EXPECT_FALSE(has_rule("md_linux.tgz"));
 }
 
-TEST_F(kzemm_upgrade_md_test, a_new_relay_in_the_same_process_keeps_an_update_pending) {
+TEST_F(kzemm_upgrade_md_test, an_engine_that_never_calls_back_holds_up_md_until_the_next_relay) {
     drop_arrival();
+    tick();
+    end_update(6);
     tick();
     ASSERT_EQ(state::s_md_last_result, pending);
+    ASSERT_EQ(state::s_md_retry_times, 1);
     relay.reset();
+    EXPECT_EQ(state::s_md_last_result, pending);
     relay = std::make_unique<CUpgradeRelay>();
-    drop_arrival();
+    EXPECT_EQ(state::s_md_last_result, 0);
+    EXPECT_EQ(state::s_md_retry_times, 1) << "the count of failures stays";
     forget();
     tick();
-    EXPECT_EQ(state::s_md_last_result, pending);
-    EXPECT_THAT(log_lines(), Contains(at(3, "upgrade md, last result: -16, retry times: 0")));
-    EXPECT_EQ(updates(), 0U);
-    EXPECT_TRUE(has_rule("md_linux.tgz"));
+    EXPECT_THAT(log_lines(), Contains(at(3, "upgrade md, last result: 0, retry times: 1")));
+    EXPECT_EQ(updates(), 1U) << "the backup is found again";
     end_update(0);
-    tick();
-    EXPECT_EQ(updates(), 1U);
-    EXPECT_FALSE(has_rule("md_linux.tgz"));
+}
+
+TEST_F(kzemm_upgrade_md_test, a_new_relay_keeps_the_result_of_an_update_that_ended) {
+    for (const int result : {6, -5, -1, 0}) {
+        state::s_md_last_result = result;
+        relay = std::make_unique<CUpgradeRelay>();
+        EXPECT_EQ(state::s_md_last_result, result);
+    }
 }
 
 TEST_F(kzemm_upgrade_md_test, an_engine_that_reports_pending_stops_md_as_a_pending_update_does) {
