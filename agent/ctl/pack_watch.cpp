@@ -3,10 +3,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <array>
 #include <chrono>
-#include <cstdio>
-#include <ctime>
 #include <functional>
 #include <memory>
 #include <string>
@@ -73,20 +70,8 @@ look look_of(fate what) {
     return look::faint;
 }
 
-/* Local, as the logs write it: 2024-05-01 12:34:56.123456 */
-std::string time_text(std::int64_t time_us) {
-    const auto seconds = static_cast<time_t>(time_us / 1000000);
-    struct tm parts {};
-    localtime_r(&seconds, &parts);
-    std::array<char, 64> text{};
-    const std::size_t length = strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &parts);
-    std::snprintf(text.data() + length, text.size() - length, ".%06d",
-                  static_cast<int>(time_us % 1000000));
-    return text.data();
-}
-
 void print(const pack_event &event, const output &out) {
-    const std::string time = time_text(event.time_us);
+    const std::string time = log_time(event.time_us);
     if (out.json()) {
         json value = {{"time", time},
                       {"pack", event.pack},

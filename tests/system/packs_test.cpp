@@ -65,7 +65,8 @@ std::string next_event(child_process &watch) {
 /* At the first look the engine refuses, at the second one it doesn't. */
 TEST_F(packs, all_kinds_raise_the_engines_versions_when_it_takes_them_and_go) {
     start();
-    tree.must({"engine", "answer", "x_client_engine_update", "1", "--code", "-8", "--times", "1"});
+    tree.must({"engine", "answer", "x_client_engine_update", "--for-type", "1", "--code", "-8",
+               "--times", "1"});
     tree.must(
         {"engine", "answer", "x_client_engine_update_async", "--value", "-3", "--times", "1"});
     drop({make("ioc-full", "ip:192.0.2.1", "5.0"), make("ioc-inc", "ip:192.0.2.2", "4.9"),
@@ -102,24 +103,20 @@ TEST_F(packs, all_kinds_raise_the_engines_versions_when_it_takes_them_and_go) {
 TEST_F(packs, a_watch_shows_what_is_done_by_hand_and_what_the_plug_in_and_the_engine_drop) {
     start();
     tree.must({"engine", "version", "ioc", "4.0"});
-    const std::string full = make("ioc-full", "ip:192.0.2.1", "3.0");
-    const std::string ioa = make("ioa", "a rule", "12", {"--corrupt", "rules"});
-    drop({ioa});
+    drop({make("ioa", "a rule", "12", {"--corrupt", "rules"})});
     child_process watch({tree.path("bin/kzectl").string(), "pack", "watch", "--json", "--from-now",
                          "--until-empty", "--timeout", std::to_string(first_look)});
     EXPECT_EQ(next_event(watch), "waiting ioa_linux_en.tgz");
+    const std::string full = make("ioc-full", "ip:192.0.2.1", "5.0");
     drop({full});
-    EXPECT_EQ(next_event(watch), "new ioc_full_3.0.tgz");
+    EXPECT_EQ(next_event(watch), "new ioc_full_5.0.tgz");
     drop({full});
-    EXPECT_EQ(next_event(watch), "replaced ioc_full_3.0.tgz");
-    tree.remove("hlthreat_rule/ioc_full_3.0.tgz");
-    EXPECT_EQ(next_event(watch), "too old ioc_full_3.0.tgz");
-    drop({make("ioc-inc", "ip:192.0.2.2", "5.0")});
-    EXPECT_EQ(next_event(watch), "new ioc_inc_[any-5.0].tgz");
-    tree.remove("hlthreat_rule/ioc_inc_[any-5.0].tgz");
-    EXPECT_EQ(next_event(watch), "gone ioc_inc_[any-5.0].tgz");
+    EXPECT_EQ(next_event(watch), "replaced ioc_full_5.0.tgz");
+    tree.remove("hlthreat_rule/ioc_full_5.0.tgz");
+    EXPECT_EQ(next_event(watch), "gone ioc_full_5.0.tgz");
 
-    drop({full, make("ioc-inc", "ip:192.0.2.2", "5.0", {"--corrupt", "rules"}),
+    drop({make("ioc-full", "ip:192.0.2.1", "3.0"),
+          make("ioc-inc", "ip:192.0.2.2", "5.0", {"--corrupt", "rules"}),
           make("md", "Name.A:00", "7", {"--corrupt", "rules"})});
     see_fate("ioc_full_3.0.tgz", "too old", first_look);
     EXPECT_EQ(see_fate("ioc_inc_[any-5.0].tgz", "refused and dropped", 30)["code"], -7);
