@@ -92,6 +92,16 @@ void print_packs(const json &packs, const output &out) {
     rows.print(out, 2);
 }
 
+/* The file's version, and what became of the engine's. */
+std::string load_versions(const json &load) {
+    std::string text;
+    if (load.contains("version")) {
+        text = "version " + load.value("version", std::string()) + ", ";
+    }
+    text += "engine " + load.value("before", std::string("without one"));
+    return text + (load.contains("after") ? " to " + load.value("after", std::string()) : "");
+}
+
 void print_loads(const json &loads, const output &out) {
     table rows;
     for (const json &load : loads) {
@@ -99,6 +109,7 @@ void print_loads(const json &loads, const output &out) {
         rows.add({{human_time(load.at("time_us").get<std::int64_t>())},
                   {"type " + load.at("type").dump()},
                   {answered ? "code " + load.at("code").dump() : "no answer"},
+                  {load_versions(load)},
                   {printable(load.at("file").get<std::string>())}});
     }
     rows.print(out, 2);

@@ -165,6 +165,17 @@ std::string human_time(std::int64_t microseconds_since_epoch) {
     return text.data();
 }
 
+std::string log_time(std::int64_t microseconds_since_epoch) {
+    const auto seconds = static_cast<time_t>(microseconds_since_epoch / 1000000);
+    struct tm parts {};
+    localtime_r(&seconds, &parts);
+    std::array<char, 40> text;
+    const std::size_t length = strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &parts);
+    std::snprintf(text.data() + length, text.size() - length, ".%06d",
+                  static_cast<int>(microseconds_since_epoch % 1000000));
+    return text.data();
+}
+
 std::string human_duration(std::int64_t seconds) {
     std::array<char, 64> text;
     if (seconds < 60) {

@@ -30,6 +30,9 @@ std::string human_size(std::uint64_t bytes);
 /* "12:03:11.042", local time of today, with the date in front on another day. */
 std::string human_time(std::int64_t microseconds_since_epoch);
 
+/* As the logs write it, local: "2024-05-01 12:34:56.123456". */
+std::string log_time(std::int64_t microseconds_since_epoch);
+
 /* "3 min 12 s" */
 std::string human_duration(std::int64_t seconds);
 

@@ -1,7 +1,6 @@
 /* kzectl pack: the group, its list, and what its commands share. */
 #include "agent/ctl/pack_commands.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -9,19 +8,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <memory>
 
 #include "agent/common/descriptor.h"
 #include "agent/common/tree.h"
-#include "agent/ctl/ask.h"
 #include "agent/ctl/processes.h"
 
 namespace kze::ctl {
 namespace {
 
 using nlohmann::json;
-
-constexpr unsigned int version_seconds = 3;
 
 look look_of(pack_verdict verdict) {
     switch (verdict) {
@@ -88,11 +83,14 @@ void print_table(const std::vector<pack_judgement> &packs, const std::optional<i
 }
 
 exit_status list_packs(const output &out) {
+    const pack_snapshot now = look_at_packs();
     std::vector<std::string> names;
-    for (const directory_entry &entry : rule_directory_entries()) {
-        names.push_back(entry.name);
+    for (const rule_directory_file &file : now.files) {
+        names.push_back(file.name);
     }
-    const std::optional<ioc_version> engine = reported_ioc_version();
+    const auto version = now.versions.find(rule_kind::ioc);
+    const std::optional<ioc_version> engine =
+        version == now.versions.end() ? std::nullopt : engine_ioc_version(version->second);
     const std::vector<pack_judgement> packs = judge_packs(names, engine);
     out.json() ? print_json(packs, engine, out) : print_table(packs, engine, out);
     return exit_done;
@@ -106,32 +104,6 @@ std::string rule_directory_path() {
         throw failure(exit_failed, "the tree's path is too long");
     }
     return path;
-}
-
-std::vector<directory_entry> rule_directory_entries() {
-    const std::unique_ptr<DIR, int (*)(DIR *)> directory(::opendir(rule_directory_path().c_str()),
-                                                         &::closedir);
-    std::vector<directory_entry> found;
-    if (directory == nullptr) {
-        return found;
-    }
-    while (const dirent *entry = ::readdir(directory.get())) {
-        if (entry->d_name[0] != '.') {
-            found.push_back({entry->d_name, entry->d_ino});
-        }
-    }
-    return found;
-}
-
-std::optional<ioc_version> reported_ioc_version() {
-    try {
-        const std::optional<json> status =
-            ask_if_running(engine_endpoint, {{"op", "status"}}, version_seconds);
-        const json versions = status ? status->value("versions", json::object()) : json::object();
-        return engine_ioc_version(versions.value("ioc", std::string()));
-    } catch (const failure &) {
-        return std::nullopt;
-    }
 }
 
 std::optional<std::vector<std::string>> pack_members(const std::string &path,

@@ -2,14 +2,12 @@
 #ifndef KZE_AGENT_CTL_PACK_COMMANDS_H
 #define KZE_AGENT_CTL_PACK_COMMANDS_H
 
-#include <sys/types.h>
-
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "agent/ctl/command_line.h"
-#include "agent/packs/pack_name.h"
+#include "agent/packs/pack_fate.h"
 
 namespace kze::ctl {
 
@@ -20,16 +18,9 @@ void add_pack_watch(CLI::App &group, command_line &line);
 /* Where the packs lie. Throws failure when the path can't be made. */
 std::string rule_directory_path();
 
-struct directory_entry {
-    std::string name;
-    ino_t inode = 0;
-};
-
-/* In the directory's own order, without hidden names; empty when there is no such directory. */
-std::vector<directory_entry> rule_directory_entries();
-
-/* The IOC version that the engine reports; nothing when it isn't running or doesn't answer. */
-std::optional<ioc_version> reported_ioc_version();
+/* What there is to see of the packs now: the directory, the engine's status, the plug-in's
+ * interval. Hidden files are left out. */
+pack_snapshot look_at_packs();
 
 /* What tar finds in a pack, or nothing and its words when it can't read it. */
 std::optional<std::vector<std::string>> pack_members(const std::string &path, std::string &problem);

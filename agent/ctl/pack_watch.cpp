@@ -1,9 +1,9 @@
-/* kzectl pack watch and wait: what becomes of each pack, from the directory and the logs. */
+/* kzectl pack watch and wait: what becomes of each pack, from the directory and the engine. */
 #include <fnmatch.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <climits>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -11,7 +11,6 @@
 
 #include "agent/ctl/deadline.h"
 #include "agent/ctl/pack_commands.h"
-#include "agent/ctl/pack_watcher.h"
 #include "agent/ctl/processes.h"
 
 namespace kze::ctl {
@@ -19,13 +18,13 @@ namespace {
 
 using nlohmann::json;
 
-constexpr int look_period_ms = 100;
-constexpr int looks_between_host_checks = 10;
+constexpr int look_period_ms = 200;
+constexpr int looks_between_host_checks = 5;
 
 struct watch_options {
     bool until_empty = false;
     bool from_now = false;
-    std::string after = "0";
+    double after = 0; /* seconds since 1970 */
     double timeout = 0;
 };
 
@@ -38,11 +37,11 @@ struct wait_options {
 /* What speaks against a word for a fate. */
 std::string fate_problem(const std::string &text) {
     std::string known;
-    for (const fate each : all_fates) {
-        if (text == fate_text(each)) {
+    for (const char *each : fate_texts) {
+        if (text == each) {
             return "";
         }
-        known += std::string(known.empty() ? "" : ", ") + fate_text(each);
+        known += std::string(known.empty() ? "" : ", ") + each;
     }
     return "\"" + printable(text) + "\" is no fate; there are " + known;
 }
@@ -71,10 +70,10 @@ look look_of(fate what) {
     return look::faint;
 }
 
-void print(const timed_event &shown, const output &out) {
-    const pack_event &event = shown.event;
+void print(const pack_event &event, const output &out) {
+    const std::string time = log_time(event.time_us);
     if (out.json()) {
-        json value = {{"time", shown.time},
+        json value = {{"time", time},
                       {"pack", event.pack},
                       {"kind", rule_kind_name(event.kind)},
                       {"fate", fate_text(event.what)},
@@ -97,9 +96,8 @@ void print(const timed_event &shown, const output &out) {
         reason += (reason.empty() ? "" : "; ") + std::string("the engine's version now is ") +
                   printable(*event.engine);
     }
-    out.line(out.paint(look::faint,
-                       shown.time.substr(std::min<std::size_t>(11, shown.time.size()), 12)) +
-             "  " + out.paint(look_of(event.what), fate_name) +
+    out.line(out.paint(look::faint, time.substr(11, 12)) + "  " +
+             out.paint(look_of(event.what), fate_name) +
              std::string(fate_width - std::min(fate_width, fate_name.size()) + 2, ' ') +
              out.paint(look::strong, pack) + (reason.empty() ? "" : "  " + reason));
 }
@@ -109,23 +107,35 @@ bool host_runs() {
     return !tree_processes("bin/kze_agent").empty();
 }
 
+/* What tar says against a pack. */
+std::string unpack_problem(const std::string &pack) {
+    std::string problem;
+    pack_members(rule_directory_path() + "/" + pack, problem);
+    return problem;
+}
+
+std::int64_t after_us(const watch_options &options) {
+    const double now = static_cast<double>(std::chrono::system_clock::now().time_since_epoch() /
+                                           std::chrono::microseconds(1));
+    return static_cast<std::int64_t>(options.from_now ? now : options.after * 1e6);
+}
+
 /*
  * Looks until `is_done`, which gets what each look brings, says so. Throws failure when the time is
  * up or the host isn't running any more.
  */
 void follow(
     const watch_options &options,
-    const std::function<bool(const std::vector<timed_event> &, const pack_watcher &)> &is_done) {
+    const std::function<bool(const std::vector<pack_event> &, const pack_follower &)> &is_done) {
     const deadline until(options.timeout > 0 ? options.timeout : -1);
     const bool was_running = host_runs();
-    pack_watcher eyes =
-        options.from_now ? pack_watcher::from_now() : pack_watcher(log_mark_of(options.after));
+    pack_follower eyes(after_us(options), unpack_problem);
     for (int looks = 0;; ++looks) {
-        if (is_done(eyes.look(), eyes)) {
+        if (is_done(eyes.look(look_at_packs()), eyes)) {
             return;
         }
         if (looks % looks_between_host_checks == 0 && !host_runs()) {
-            if (is_done(eyes.look(), eyes)) {
+            if (is_done(eyes.look(look_at_packs()), eyes)) {
                 return;
             }
             throw failure(exit_not_running,
@@ -140,8 +150,8 @@ void follow(
 }
 
 exit_status watch(const watch_options &options, const output &out) {
-    follow(options, [&](const std::vector<timed_event> &events, const pack_watcher &eyes) {
-        for (const timed_event &each : events) {
+    follow(options, [&](const std::vector<pack_event> &events, const pack_follower &eyes) {
+        for (const pack_event &each : events) {
             print(each, out);
         }
         return options.until_empty && eyes.is_empty();
@@ -155,11 +165,10 @@ bool is_meant(const std::string &name, const std::string &wanted) {
 }
 
 exit_status wait(const wait_options &options, const output &out) {
-    follow(options.watch, [&](const std::vector<timed_event> &events, const pack_watcher &) {
+    follow(options.watch, [&](const std::vector<pack_event> &events, const pack_follower &) {
         const auto found =
-            std::find_if(events.begin(), events.end(), [&options](const timed_event &each) {
-                return options.fate == fate_text(each.event.what) &&
-                       is_meant(each.event.pack, options.pack);
+            std::find_if(events.begin(), events.end(), [&options](const pack_event &each) {
+                return options.fate == fate_text(each.what) && is_meant(each.pack, options.pack);
             });
         if (found == events.end()) {
             return false;
@@ -170,11 +179,13 @@ exit_status wait(const wait_options &options, const output &out) {
     return exit_done;
 }
 
-void add_after(CLI::App *command, std::string &after) {
+void add_after(CLI::App *command, double &after) {
     command
-        ->add_option("--after", after, "Begin behind this place, as \"log mark upgrade\" prints it")
+        ->add_option("--after", after,
+                     "Leave out what the engine did up to then, seconds since 1970 as in "
+                     "\"date +%s.%N\"")
         ->capture_default_str()
-        ->check(log_mark_problem);
+        ->check(CLI::NonNegativeNumber);
 }
 
 void add_wait(CLI::App &group, command_line &line) {
@@ -182,8 +193,8 @@ void add_wait(CLI::App &group, command_line &line) {
     options->watch.timeout = 30;
     CLI::App *command = add_command(
         group, "wait", "Waits until a pack meets a fate, and prints it as \"pack watch\" does",
-        "from=$(kzectl log mark upgrade) && kzectl pack drop md_linux.tgz && "
-        "kzectl pack wait 'md_linux_bk_*' applied --after $from --timeout 130");
+        "from=$(date +%s.%N) && kzectl pack drop md_linux.tgz && "
+        "kzectl pack wait md_linux.tgz applied --after $from --timeout 130");
     command->add_option("PACK", options->pack, "Its name, or a pattern")->required();
     command->add_option("FATE", options->fate, "A word of \"pack watch\", as \"too old\"")
         ->required()
@@ -200,7 +211,7 @@ void add_pack_watch(CLI::App &group, command_line &line) {
     CLI::App *command = add_command(
         group, "watch", "Shows what becomes of each pack, with the reason, as it happens",
         "kzectl pack watch --until-empty --timeout 300",
-        "Begins with what the plug-in's log tells of packs before. Until Ctrl-C, or the host's end "
+        "Begins with what the engine tells of packs before. Until Ctrl-C, or the host's end "
         "(exit status 3).");
     command->add_flag("--until-empty", options->until_empty,
                       "End, with status 0, when no pack is left that the plug-in would take");

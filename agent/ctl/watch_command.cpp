@@ -2,9 +2,6 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <array>
-#include <cstdio>
-#include <ctime>
 #include <memory>
 #include <string>
 #include <vector>
@@ -46,17 +43,6 @@ struct event {
     look text_look = look::plain;
     json value;
 };
-
-std::string log_time(std::int64_t microseconds_since_epoch) {
-    const auto seconds = static_cast<time_t>(microseconds_since_epoch / 1000000);
-    struct tm parts {};
-    localtime_r(&seconds, &parts);
-    std::array<char, 40> text;
-    const std::size_t length = strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S", &parts);
-    std::snprintf(text.data() + length, text.size() - length, ".%06d",
-                  static_cast<int>(microseconds_since_epoch % 1000000));
-    return text.data();
-}
 
 event log_event(const source &from, const log_line &line, const std::string &time_before) {
     event found;

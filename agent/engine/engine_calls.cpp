@@ -62,12 +62,17 @@ engine_calls::engine_calls(engine_settings &settings, engine_clients &clients, o
 
 call_result engine_calls::carry_out(engine_call call, const record &request,
                                     const std::optional<call_answer> &told) {
+    const bool is_load =
+        call == engine_call::engine_update || call == engine_call::engine_update_async;
+    if (is_load) {
+        begin_load(call, request);
+    }
     call_result result = outcome(call, request, told.value_or(call_answer()));
     if (call == engine_call::set_drive_switch) {
         note_drive_order(request, result);
     }
-    if (call == engine_call::engine_update || call == engine_call::engine_update_async) {
-        note_load(call, request, result);
+    if (is_load) {
+        end_load(result);
     }
     return result;
 }
@@ -202,6 +207,7 @@ call_result engine_calls::update(const record &request, bool taken) {
         return refused(client_bad_rules);
     }
     updates_[request.first] = path;
+    note_in_load(load_number_, "version", file->version);
     if (taken) {
         load(*file, std::move(*text), path);
     }
@@ -237,11 +243,12 @@ void engine_calls::load(const rule_file &file, std::string text, const std::stri
     }
     const std::string version = rise.to.value_or(file.version);
     const bool may_fall = rise.to.has_value();
-    later_(rise.after_ms, [this, name, version, may_fall] {
+    later_(rise.after_ms, [this, name, version, may_fall, number = load_number_] {
         const std::string failed = settings_.raise_version(name, version, may_fall);
         if (!failed.empty()) {
             kze_log(1, "the version doesn't rise: %s", failed.c_str());
         }
+        note_in_load(number, "after", settings_.version(name));
     });
 }
 
@@ -381,17 +388,35 @@ void engine_calls::note_drive_order(const record &request, const call_result &re
     keep_newest(drive_orders_, std::move(order), drive_orders_kept);
 }
 
-void engine_calls::note_load(engine_call call, const record &request, const call_result &result) {
+void engine_calls::begin_load(engine_call call, const record &request) {
     bool escaped = false;
-    json load = {{"time_us", now_us()},
+    json load = {{"number", ++load_number_},
+                 {"time_us", now_us()},
                  {"type", request.first},
                  {"file", text_of_bytes(request.payload.substr(0, PATH_MAX), escaped)},
-                 {"asynchronous", call == engine_call::engine_update_async},
-                 {"answered", result.answered}};
-    if (result.answered) {
-        load["code"] = result.code;
+                 {"asynchronous", call == engine_call::engine_update_async}};
+    if (const char *name = versioned_name(request.first)) {
+        load["before"] = settings_.version(name);
     }
     keep_newest(loads_, std::move(load), loads_kept);
+}
+
+void engine_calls::end_load(call_result &result) {
+    loads_.back()["answered"] = result.answered;
+    if (result.answered) {
+        loads_.back()["code"] = result.code;
+    }
+    if (result.later) {
+        result.later->load = load_number_;
+    }
+}
+
+/* A load that isn't kept any more is passed over. */
+void engine_calls::note_in_load(std::uint64_t number, const char *key, const json &value) {
+    const std::uint64_t age = load_number_ - number;
+    if (number != 0 && age < loads_.size()) {
+        loads_[loads_.size() - 1 - age][key] = value;
+    }
 }
 
 void engine_calls::describe(json &into) const {

@@ -35,6 +35,7 @@ struct call_result {
         int type = 0; /* the engine type that the callback is told */
         int result = 0;
         std::string payload;
+        std::uint64_t load = 0; /* the number of the load that it ends; 0: of none */
     };
     std::optional<aftermath> later;
 };
@@ -57,6 +58,9 @@ class engine_calls {
      * was set for it; with a code in it, or without an answer, the call has no effect. */
     call_result carry_out(engine_call call, const record &request,
                           const std::optional<call_answer> &told);
+
+    /* Keeps what the callback of a load told. */
+    void note_callback(std::uint64_t load, int result) { note_in_load(load, "callback", result); }
 
     /* Whether the collect capability is on. Any thread. */
     bool collecting() const { return collecting_; }
@@ -89,7 +93,9 @@ class engine_calls {
     std::uint64_t count_order(const char *kind, std::size_t bytes);
     call_result set_drive(const record &request);
     void note_drive_order(const record &request, const call_result &result);
-    void note_load(engine_call call, const record &request, const call_result &result);
+    void begin_load(engine_call call, const record &request);
+    void end_load(call_result &result);
+    void note_in_load(std::uint64_t number, const char *key, const nlohmann::json &value);
 
     engine_settings &settings_;
     engine_clients &clients_;
@@ -99,6 +105,7 @@ class engine_calls {
     std::atomic<bool> collecting_{false};
     int run_level_ = 0;
     std::deque<nlohmann::json> loads_; /* the newest at the end, as below */
+    std::uint64_t load_number_ = 0;    /* of the newest, from 1 on */
     std::deque<nlohmann::json> drive_orders_;
     std::map<std::string, order_count> orders_; /* by kind of order */
     std::map<int, std::string> updates_;        /* the path that came last, by type */

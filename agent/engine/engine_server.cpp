@@ -120,6 +120,7 @@ void engine_server::end_order(std::uint32_t client, const call_result::aftermath
         clients_.push(what.kind, what.payload);
         return;
     }
+    calls_.note_callback(what.load, what.result);
     record event;
     event.what = static_cast<std::uint32_t>(event_kind::completion);
     event.client = static_cast<std::uint32_t>(what.type);

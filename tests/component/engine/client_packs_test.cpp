@@ -103,22 +103,29 @@ TEST_F(EngineRuleFiles, last_loads_are_told_in_their_order_with_what_became_of_t
     EXPECT_EQ(load(rule_kind::ioc, "2.0"), -8);
     EXPECT_EQ(load(rule_kind::ioc, "2.0"), 0);
     EXPECT_EQ(load_async("5"), 0);
+    ASSERT_TRUE(data.wait_for(1));
     EXPECT_EQ(library->x_client_engine_update(ENGINE_IOA, "/none"), invalid);
     json loads = status().at("loads");
     for (json &one : loads) {
         EXPECT_GT(one.at("time_us").get<std::int64_t>(), 0);
         one.erase("time_us");
     }
-    const auto row = [](int type, const std::string &file, bool asynchronous, int code) {
-        return json{{"type", type},
-                    {"file", file},
-                    {"asynchronous", asynchronous},
-                    {"answered", true},
-                    {"code", code}};
+    const auto row = [](int number, int type, const std::string &path, int code, json more) {
+        more.update({{"number", number},
+                     {"type", type},
+                     {"file", path},
+                     {"asynchronous", type == ENGINE_MD},
+                     {"answered", true},
+                     {"code", code}});
+        return more;
     };
     const std::string file = tree.path("rules");
-    EXPECT_EQ(loads, (json::array({row(1, file, false, -8), row(1, file, false, 0),
-                                   row(3, file, true, 0), row(2, "/none", false, invalid)})));
+    const json taken = {{"before", "1.0"}, {"version", "2.0"}, {"after", "2.0"}};
+    const json called_back = {{"before", "1"}, {"version", "5"}, {"after", "5"}, {"callback", 0}};
+    EXPECT_EQ(loads, (json::array({row(1, ENGINE_IOC, file, -8, {{"before", "1.0"}}),
+                                   row(2, ENGINE_IOC, file, 0, taken),
+                                   row(3, ENGINE_MD, file, 0, called_back),
+                                   row(4, ENGINE_IOA, "/none", invalid, {{"before", "1"}})})));
     for (int number = 0; number < 100; ++number) {
         library->x_client_engine_update(ENGINE_IOA, "/none");
     }

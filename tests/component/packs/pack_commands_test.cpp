@@ -1,4 +1,4 @@
-/* kzectl pack: from rules to packs, into the rule directory, and what the logs tell. */
+/* kzectl pack: from rules to packs, into the rule directory, and what becomes of them there. */
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
@@ -261,15 +261,6 @@ TEST_F(pack_list, without_a_directory_there_is_nothing) {
 
 class pack_watch : public packs_test {
   protected:
-    /* A record as the agent's log writes it. */
-    static std::string record(int second, const std::string &text) {
-        char time[32];
-        std::snprintf(time, sizeof(time), "2024-05-01 12:00:%02d.000000", second);
-        return std::string(time) + " INFO 17 kzemm_upgrade.cpp:1 " + text + "\n";
-    }
-    static constexpr const char *relay_log = "var/log/agent/kzemdlmgr/upgrade/upgrade.log";
-    static constexpr const char *host_log = "var/log/host/host.log";
-
     static std::vector<std::string> fates(const std::vector<json> &events) {
         std::vector<std::string> texts;
         for (const json &event : events) {
@@ -282,50 +273,41 @@ class pack_watch : public packs_test {
     }
 };
 
-TEST_F(pack_watch, both_logs_are_told_in_the_order_of_time_and_an_empty_directory_ends_it) {
-    tree.write(relay_log, record(1, "upgrade md, last result: 0, retry times: 0") +
-                              record(2, "tgz_rename_name: /r//md_linux_bk_5.tgz") +
-                              record(3, "deal tgz: /r//md_linux_bk_5.tgz") +
-                              record(4, "upgrade md engine") + record(8, "upgrade ioc") +
-                              record(9, "ioc file version ioc_full_5.0 is too old"));
-    tree.write(host_log, record(5, "delete file (/r//md_linux_bk_5.tgz)!"));
-    const std::vector<json> events = ask({"pack", "watch", "--until-empty"});
-    EXPECT_THAT(fates(events),
-                ElementsAre("renamed md_linux.tgz", "in work md_linux_bk_5.tgz",
-                            "applied md_linux_bk_5.tgz", "too old ioc_full_5.0.tgz"));
-    EXPECT_EQ(events[0]["kind"], "MD");
-    EXPECT_EQ(events[0]["time"], "2024-05-01 12:00:03.000000");
-}
-
-TEST_F(pack_watch, what_stands_before_the_mark_is_left_out) {
-    const std::string before =
-        record(1, "upgrade ioc") + record(2, "ioc file version ioc_full_4.0 is too old");
-    tree.write(relay_log, before + record(3, "ioc file version ioc_full_5.0 is too old"));
-    EXPECT_THAT(
-        fates(ask({"pack", "watch", "--until-empty", "--after", std::to_string(before.size())})),
-        ElementsAre("too old ioc_full_5.0.tgz"));
-    EXPECT_THAT(fates(ask({"pack", "watch", "--until-empty", "--from-now"})), IsEmpty());
+TEST_F(pack_watch, an_empty_directory_ends_it) {
+    EXPECT_THAT(ask({"pack", "watch", "--until-empty"}), IsEmpty());
 }
 
 TEST_F(pack_watch, a_wait_ends_at_the_fate_that_is_meant) {
-    tree.write(relay_log, record(1, "upgrade ioc") +
-                              record(2, "unzip file (/r//ioc_inc_[5.0-5.1].tgz) successfully!") +
-                              record(3, "ioc file version ioc_full_5.0 is too old"));
+    tree.write("hlthreat_rule/ioc_inc_[5.0-5.1].tgz", "");
+    tree.write("hlthreat_rule/md_linux.tgz", "");
     for (const char *pack : {"ioc_inc_[5.0-5.1].tgz", "ioc_inc_*"}) {
-        EXPECT_THAT(fates(ask({"pack", "wait", pack, "in work"})),
-                    ElementsAre("in work ioc_inc_[5.0-5.1].tgz"));
+        EXPECT_THAT(fates(ask({"pack", "wait", pack, "waiting"})),
+                    ElementsAre("waiting ioc_inc_[5.0-5.1].tgz"));
     }
-    EXPECT_THAT(fates(ask({"pack", "wait", "*", "too old"})),
-                ElementsAre("too old ioc_full_5.0.tgz"));
-    EXPECT_EQ(ctl({"pack", "wait", "ioc_full_5.0.tgz", "applied"}).status, 3);
+    const json event = ask({"pack", "wait", "md*", "waiting", "--after", "1795235523.25"})[0];
+    EXPECT_EQ(event["kind"], "MD");
+    EXPECT_THAT(event["time"], ::testing::MatchesRegex("....-..-.. ..:..:........."));
+    EXPECT_THAT(event["reason"], HasSubstr("looks every 120 s"));
+    EXPECT_EQ(ctl({"pack", "wait", "md_linux.tgz", "applied"}).status, 3);
     EXPECT_THAT(ctl({"pack", "wait", "*", "eaten"}).errors, HasSubstr("is no fate"));
+    EXPECT_EQ(ctl({"pack", "wait", "*", "waiting", "--after", "12@34.56"}).status, 2);
+}
+
+TEST_F(pack_watch, the_interval_is_that_of_the_plug_ins_settings) {
+    tree.write("hlthreat_rule/md_linux.tgz", "");
+    for (const auto &[seconds, told] :
+         {std::pair("60", "every 60 s"), std::pair("59", "every 120 s")}) {
+        tree.write("config/kzemdlmgr.ini",
+                   std::string("[time]\nupgrade_check_interval = ") + seconds + "\n");
+        EXPECT_THAT(ask({"pack", "wait", "*", "waiting"})[0]["reason"], HasSubstr(told));
+    }
 }
 
 TEST_F(pack_watch, without_a_host_what_lies_there_is_told_and_the_status_is_3) {
     tree.write("hlthreat_rule/ioc_full_5.0.tgz", "");
     tree.write("hlthreat_rule/ioc_nonsense.tgz", "");
     EXPECT_THAT(fates(ask({"pack", "watch", "--until-empty"}, 3)),
-                ElementsAre("waiting ioc_full_5.0.tgz", "waiting ioc_nonsense.tgz"));
+                ElementsAre("waiting ioc_full_5.0.tgz", "waiting ioc_nonsense.tgz", "waiting "));
     std::filesystem::remove(tree.path("hlthreat_rule/ioc_full_5.0.tgz"));
     EXPECT_EQ(ctl({"pack", "watch", "--until-empty"}).status, 0)
         << "what nobody takes isn't waited for";
@@ -345,7 +327,8 @@ TEST_F(pack_watch, a_process_of_the_hosts_program_that_ends_is_not_the_hosts_end
     }
     child_process watch({KZE_KZECTL, "--tree", tree.path("").string(), "pack", "watch", "--json",
                          "--timeout", "2.5"});
-    EXPECT_THAT(watch.read_line(), HasSubstr("waiting"));
+    EXPECT_THAT(watch.read_line(), HasSubstr("ioc_full_5.0.tgz"));
+    EXPECT_THAT(watch.read_line(), HasSubstr("the engine doesn't answer"));
     child_process &first = lower.pid() < higher.pid() ? lower : higher;
     first.signal(SIGKILL);
     first.wait();

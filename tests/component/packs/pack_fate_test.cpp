@@ -1,243 +1,338 @@
-/* What the plug-in's log tells about packs. */
+/* What becomes of packs, told from the rule directory and the engine's loads. */
 #include "agent/packs/pack_fate.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
+
+#include <algorithm>
 
 namespace kze_test {
 namespace {
 
 using kze::fate;
 using kze::pack_event;
+using kze::rule_kind;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
-const std::string rules = "/a/bin/../hlthreat_rule//";
+using fates = std::vector<std::string>;
+
+constexpr std::int64_t second = 1000000;
+constexpr std::int64_t interval = 60 * second;
 
 class pack_fates : public ::testing::Test {
   protected:
-    /* Feeds records of the relay's log; "fate pack" of each event. */
-    std::vector<std::string> relay(const std::vector<std::string> &records) {
-        std::vector<std::string> told;
-        for (const std::string &text : records) {
-            add(log.relay_record(text), told);
-        }
-        return told;
-    }
-    std::vector<std::string> host(const std::vector<std::string> &records) {
-        std::vector<std::string> told;
-        for (const std::string &text : records) {
-            add(log.host_record(text), told);
-        }
-        return told;
-    }
-    void begin(const std::string &part) {
-        relay({"start upgrade, ioc switch: 1, ioa switch: 1, md switch: 1", part});
-    }
-    /* An IOA or MD pack from its arrival to its unpacking. */
-    std::vector<std::string> arrive(const std::string &name, const std::string &backup) {
-        return relay({"new tgz_name: " + rules + name, "has new tgz, rename",
-                      "tgz_rename_name: " + rules + backup, "deal tgz: " + rules + backup,
-                      "unzip file (" + rules + backup + ") successfully!"});
+    pack_fates() {
+        now.time_us = 1000000 * second;
+        now.has_engine = true;
+        now.versions = {{rule_kind::ioc, "1.0"}, {rule_kind::ioa, "1"}, {rule_kind::md, "1"}};
+        now.interval_us = interval;
     }
 
-    kze::pack_log log;
-    pack_event last;
-
-  private:
-    void add(const std::vector<pack_event> &events, std::vector<std::string> &told) {
-        for (const pack_event &event : events) {
+    /* Something happens a second later than what was before. */
+    void put(const std::string &name) {
+        take(name);
+        now.time_us += second;
+        now.files.push_back({name, ++inodes, now.time_us, now.time_us});
+    }
+    void take(const std::string &name) {
+        now.files.erase(std::remove_if(now.files.begin(), now.files.end(),
+                                       [&name](const auto &file) { return file.name == name; }),
+                        now.files.end());
+    }
+    void rename(const std::string &from, const std::string &to) {
+        take(to);
+        now.time_us += second;
+        for (auto &file : now.files) {
+            if (file.name == from) {
+                file.name = to;
+                file.changed_us = now.time_us;
+            }
+        }
+    }
+    /* The engine gets a rule file, which lies there, and answers. */
+    kze::engine_load &load(rule_kind kind, const std::string &file, std::optional<int> code = 0) {
+        put(file);
+        now.time_us += second;
+        kze::engine_load one;
+        one.time_us = now.time_us;
+        one.kind = kind;
+        one.file = file;
+        one.code = code;
+        one.before = now.versions[kind];
+        now.loads.push_back(one);
+        return now.loads.back();
+    }
+    void rise(const std::string &version) {
+        now.loads.back().after = version;
+        now.versions[now.loads.back().kind] = version;
+    }
+    fates look() {
+        now.time_us += second;
+        fates told;
+        for (const pack_event &event : follower.look(now)) {
             told.push_back(std::string(fate_text(event.what)) + " " + event.pack);
             last = event;
         }
+        return told;
     }
+    fates look_after(std::int64_t time) {
+        now.time_us += time;
+        return look();
+    }
+
+    kze::pack_snapshot now;
+    pack_event last;
+    std::string tar_says;
+    kze::pack_follower follower{0, [this](const std::string &) { return tar_says; }};
+
+  private:
+    ino_t inodes = 0;
 };
 
-TEST_F(pack_fates, an_ioc_pack_is_unpacked_taken_and_applied_with_the_engines_version) {
-    begin("upgrade ioc");
-    EXPECT_THAT(
-        relay({"query ioc engine result: ev.major:1, ev.minor:0",
-               "unzip file (" + rules + "ioc_full_5.0.tgz) successfully!", "upgrade ioc engine",
-               "invoke update interface success, waitting engine upgrade",
-               "retry get ioc ver 0 times", "query ioc engine result: ev.major:5, ev.minor:0",
-               "ioc old version = new version", "ioc file ioc_full_5.0 upgrade successful",
-               "delete file (" + rules + "ioc_full_5.0.json)!",
-               "delete file (" + rules + "ioc_full_5.0.tgz)!"}),
-        ElementsAre("in work ioc_full_5.0.tgz", "in work ioc_full_5.0.tgz",
-                    "applied ioc_full_5.0.tgz"));
+TEST_F(pack_fates, an_ioc_pack_is_in_work_until_its_rules_and_itself_are_gone) {
+    look();
+    put("ioc_full_5.0.tgz");
+    EXPECT_THAT(look(), ElementsAre("new ioc_full_5.0.tgz"));
+    EXPECT_THAT(last.reason, HasSubstr("number 1 in the order"));
+    EXPECT_THAT(last.reason, HasSubstr("every 60 s"));
+    load(rule_kind::ioc, "ioc_full_5.0.json");
+    EXPECT_THAT(look(), ElementsAre("in work ioc_full_5.0.tgz"));
+    rise("5.0");
+    EXPECT_THAT(look(), IsEmpty());
+    take("ioc_full_5.0.json");
+    EXPECT_THAT(look(), IsEmpty()) << "the pack goes next";
+    take("ioc_full_5.0.tgz");
+    EXPECT_THAT(look(), ElementsAre("applied ioc_full_5.0.tgz"));
     EXPECT_EQ(last.engine, "5.0");
-    EXPECT_TRUE(is_end(last.what));
+    EXPECT_TRUE(follower.is_empty());
 }
 
-TEST_F(pack_fates, what_is_deleted_before_its_turn_is_obsolete_and_behind_the_engine_too_old) {
-    begin("upgrade ioc");
-    EXPECT_THAT(relay({"delete file (" + rules + "ioc_full_4.0.tgz)!",
-                       "query ioc engine result: ev.major:6, ev.minor:0",
-                       "ioc file version ioc_full_5.0 is too old",
-                       "delete file (" + rules + "ioc_full_5.0.tgz)!"}),
-                ElementsAre("obsolete ioc_full_4.0.tgz", "too old ioc_full_5.0.tgz"));
-    EXPECT_THAT(last.reason, HasSubstr("6.0"));
+TEST_F(pack_fates, what_goes_without_a_load_is_obsolete_too_old_or_gone_by_its_version) {
+    now.versions[rule_kind::ioc] = "6.0";
+    for (const char *name :
+         {"ioc_full_4.0.tgz", "ioc_full_5.0.tgz", "ioc_inc_[any-7.0].tgz", "md_linux.tgz"}) {
+        put(name);
+    }
+    look();
+    now.files.clear();
+    EXPECT_THAT(look(), ElementsAre("obsolete ioc_full_4.0.tgz", "too old ioc_full_5.0.tgz",
+                                    "gone ioc_inc_[any-7.0].tgz", "gone md_linux.tgz"));
 }
 
 TEST_F(pack_fates, a_refusal_is_kept_or_dropped_by_its_code) {
-    for (const auto &[code, what] : std::vector<std::pair<int, fate>>{{-8, fate::refused_kept},
-                                                                      {-14, fate::refused_kept},
-                                                                      {-3, fate::refused_dropped},
-                                                                      {5, fate::refused_dropped}}) {
-        begin("upgrade ioc");
-        relay({"unzip file (" + rules + "ioc_full_5.0.tgz) successfully!",
-               "upgrade ioc engine failed with error code=" + std::to_string(code)});
-        EXPECT_EQ(last.what, what) << code;
+    look();
+    for (const std::optional<int> code :
+         {std::optional(-8), std::optional(-14), std::optional<int>()}) {
+        put("ioc_full_5.0.tgz");
+        load(rule_kind::ioc, "ioc_full_5.0.json", code);
+        EXPECT_THAT(look(), ::testing::Contains("refused and kept ioc_full_5.0.tgz"));
         EXPECT_EQ(last.code, code);
-        if (what == fate::refused_dropped) {
-            EXPECT_THAT(relay({"ioc upgrade failed,need delete tgz file",
-                               "delete file (" + rules + "ioc_full_5.0.tgz)!"}),
-                        IsEmpty())
-                << "told once";
-        }
-        begin("upgrade ioa");
-        arrive("ioa_linux_en.tgz", "ioa_linux_bk_1.tgz");
-        relay({"invoke update func failed:" + std::to_string(code)});
-        EXPECT_EQ(last.what, what) << code;
-        begin("upgrade md, last result: 0, retry times: 0");
-        arrive("md_linux.tgz", "md_linux_bk_1.tgz");
-        relay({"upgrade md engine", "invoke update func failed: " + std::to_string(code)});
-        EXPECT_EQ(last.what, what) << code;
-        EXPECT_EQ(last.pack, "md_linux_bk_1.tgz");
-        EXPECT_EQ(last.code, code);
+        put("md_linux_bk_1.tgz");
+        load(rule_kind::md, "linux_kzemsi.ptn", code);
+        EXPECT_THAT(look(), ::testing::Contains("refused and kept md_linux.tgz"));
     }
+    put("ioc_full_6.0.tgz");
+    load(rule_kind::ioc, "ioc_full_6.0.json", -3);
+    put("ioa_linux_bk_1.tgz");
+    load(rule_kind::ioa, "linux_kzedbd.cfg", -7);
+    look();
+    take("ioc_full_6.0.tgz");
+    EXPECT_THAT(look(), ElementsAre("refused and dropped ioc_full_6.0.tgz"));
+    EXPECT_EQ(last.code, -3);
+    take("ioa_linux_bk_1.tgz");
+    take("linux_kzedbd.cfg");
+    EXPECT_THAT(look(), ElementsAre("refused and dropped ioa_linux_en.tgz"));
+    EXPECT_EQ(last.code, -7);
 }
 
-TEST_F(pack_fates, what_cannot_be_unpacked_or_confirmed_stays) {
-    begin("upgrade ioc");
-    EXPECT_THAT(relay({"unzip upgrade file ioc_full_5.0 failed"}),
-                ElementsAre("unpack failed ioc_full_5.0.tgz"));
-    EXPECT_FALSE(is_end(last.what));
-    begin("upgrade ioc");
-    relay({"unzip file (" + rules + "ioc_full_5.0.tgz) successfully!"});
-    EXPECT_THAT(relay({"ioc upgrade reach to max times or query ioc ver failed,return"}),
-                ElementsAre("not confirmed ioc_full_5.0.tgz"));
-    EXPECT_FALSE(is_end(last.what));
-    begin("upgrade ioa");
-    EXPECT_THAT(relay({"unzip upgrade file ioa tgz file " + rules + "ioa_linux_bk_3.tgz failed"}),
-                ElementsAre("unpack failed ioa_linux_bk_3.tgz"));
+TEST_F(pack_fates, a_kept_pack_may_be_applied_by_a_later_load) {
+    put("ioc_full_5.0.tgz");
+    load(rule_kind::ioc, "ioc_full_5.0.json", -8);
+    look();
+    load(rule_kind::ioc, "ioc_full_5.0.json");
+    rise("5.0");
+    EXPECT_THAT(look(), ElementsAre("in work ioc_full_5.0.tgz"));
+    take("ioc_full_5.0.json");
+    take("ioc_full_5.0.tgz");
+    EXPECT_THAT(look(), ElementsAre("applied ioc_full_5.0.tgz"));
 }
 
-TEST_F(pack_fates, an_engine_that_does_not_tell_its_version_leaves_the_packs_waiting) {
-    begin("upgrade ioc");
-    EXPECT_THAT(relay({"query ioc version failed:-8"}), ElementsAre("waiting "));
-    begin("upgrade ioc");
-    EXPECT_THAT(relay({"ioc ver format error,can not find '.'!"}), ElementsAre("waiting "));
-    EXPECT_THAT(last.reason, HasSubstr("no point"));
-    relay({"unzip file (" + rules + "ioc_full_5.0.tgz) successfully!"});
-    EXPECT_THAT(relay({"ioc ver format error,can not find '.'!"}), IsEmpty())
-        << "one of sixty looks";
-    begin("upgrade ioa");
-    arrive("ioa_linux_en.tgz", "ioa_linux_bk_1.tgz");
-    EXPECT_THAT(relay({"query ioa version failed:-8"}), ElementsAre("waiting ioa_linux_bk_1.tgz"));
-    relay({"ul_ver_be:1", "invoke update interface success, waitting engine upgrade"});
-    EXPECT_THAT(relay({"query ioa version failed:-8"}), IsEmpty()) << "one of sixty looks";
+TEST_F(pack_fates, an_ioc_version_that_does_not_get_there_is_not_confirmed_after_five_minutes) {
+    put("ioc_full_5.0.tgz");
+    load(rule_kind::ioc, "ioc_full_5.0.json");
+    rise("5.5");
+    look();
+    EXPECT_THAT(look_after(290 * second), IsEmpty());
+    take("ioc_full_5.0.json");
+    EXPECT_THAT(look_after(10 * second), ElementsAre("not confirmed ioc_full_5.0.tgz"));
+    take("ioc_full_5.0.tgz");
+    EXPECT_THAT(look(), ElementsAre("too old ioc_full_5.0.tgz"));
 }
 
-TEST_F(pack_fates, an_ioa_pack_gets_a_backups_name_and_replaces_the_one_before) {
-    begin("upgrade ioa");
-    EXPECT_THAT(relay({"bk_tgz_name: " + rules + "ioa_linux_bk_1.tgz",
-                       "new tgz_name: " + rules + "ioa_linux_en.tgz", "has new tgz, rename",
-                       "delete file (" + rules + "ioa_linux_bk_1.tgz)!",
-                       "tgz_rename_name: " + rules + "ioa_linux_bk_2.tgz",
-                       "deal tgz: " + rules + "ioa_linux_bk_2.tgz"}),
-                ElementsAre("replaced ioa_linux_bk_1.tgz", "renamed ioa_linux_en.tgz"));
+TEST_F(pack_fates, a_pack_that_is_taken_away_in_work_counts_as_gone) {
+    put("ioc_full_5.0.tgz");
+    load(rule_kind::ioc, "ioc_full_5.0.json");
+    look();
+    take("ioc_full_5.0.tgz");
+    EXPECT_THAT(look(), IsEmpty());
+    take("ioc_full_5.0.json");
+    EXPECT_THAT(look(), ElementsAre("gone ioc_full_5.0.tgz"));
+}
+
+TEST_F(pack_fates, an_arrival_gets_a_backups_name_and_replaces_the_one_before) {
+    put("ioa_linux_bk_1.tgz");
+    put("ioa_linux_en.tgz");
+    EXPECT_THAT(look(), ElementsAre("waiting ioa_linux_bk_1.tgz", "waiting ioa_linux_en.tgz"));
+    take("ioa_linux_bk_1.tgz");
+    rename("ioa_linux_en.tgz", "ioa_linux_bk_2.tgz");
+    EXPECT_THAT(look(), ElementsAre("replaced ioa_linux_bk_1.tgz", "renamed ioa_linux_en.tgz"));
     EXPECT_EQ(last.reason, "ioa_linux_bk_2.tgz");
-    EXPECT_THAT(relay({"unzip file (" + rules + "ioa_linux_bk_2.tgz) successfully!", "ul_ver_be:1",
-                       "invoke update interface success, waitting engine upgrade",
-                       "retry get ioa ver 0 times, ul_ver_be:1, ul_ver_af:12",
-                       "ioa upgrade success", "delete file (" + rules + "ioa_linux_bk_2.tgz)!"}),
-                ElementsAre("in work ioa_linux_bk_2.tgz", "in work ioa_linux_bk_2.tgz",
-                            "applied ioa_linux_bk_2.tgz"));
+    load(rule_kind::ioa, "linux_kzedbd.cfg");
+    EXPECT_THAT(look(), ElementsAre("in work ioa_linux_en.tgz"));
+    rise("12");
+    take("ioa_linux_bk_2.tgz");
+    take("linux_kzedbd.cfg");
+    EXPECT_THAT(look(), ElementsAre("applied ioa_linux_en.tgz"));
     EXPECT_EQ(last.engine, "12");
 }
 
-TEST_F(pack_fates, an_arrival_that_cannot_be_renamed_waits) {
-    begin("upgrade ioa");
-    EXPECT_THAT(relay({"new tgz_name: " + rules + "ioa_linux_en.tgz", "has new tgz, rename",
-                       "tgz_rename_name: " + rules + "ioa_linux_bk_2.tgz", "rename a to  b failed",
-                       "get new tgz failed"}),
-                ElementsAre("waiting ioa_linux_en.tgz"));
+TEST_F(pack_fates, an_arrival_that_is_renamed_and_applied_between_two_looks_is_told_of) {
+    put("md_linux.tgz");
+    look();
+    load(rule_kind::md, "linux_kzemsi.ptn").callback = 0;
+    rise("7");
+    now.files.clear();
+    EXPECT_THAT(look(), ElementsAre("renamed md_linux.tgz", "in work md_linux.tgz",
+                                    "applied md_linux.tgz"));
+    EXPECT_EQ(last.engine, "7");
 }
 
 TEST_F(pack_fates, an_unchanged_ioa_version_counts_as_applied_and_a_fallen_one_as_not_confirmed) {
-    begin("upgrade ioa");
-    arrive("ioa_linux_en.tgz", "ioa_linux_bk_1.tgz");
-    EXPECT_THAT(relay({"ioa upgrade reach to max times, ul_ver_be is equal to ul_ver_af!"}),
-                ElementsAre("applied ioa_linux_bk_1.tgz"));
-    begin("upgrade ioa");
-    arrive("ioa_linux_en.tgz", "ioa_linux_bk_1.tgz");
-    EXPECT_THAT(relay({"ioa upgrade reach to max times,return"}),
-                ElementsAre("not confirmed ioa_linux_bk_1.tgz"));
+    for (const auto &[version, end] : {std::pair("5", "applied ioa_linux_en.tgz"),
+                                       std::pair("4", "not confirmed ioa_linux_en.tgz")}) {
+        now.versions[rule_kind::ioa] = "5";
+        put("ioa_linux_bk_1.tgz");
+        load(rule_kind::ioa, "linux_kzedbd.cfg");
+        rise(version);
+        look();
+        now.files.clear();
+        EXPECT_THAT(look(), IsEmpty()) << "not within the five minutes";
+        EXPECT_THAT(look_after(300 * second), ElementsAre(end));
+    }
 }
 
-TEST_F(pack_fates, the_end_of_an_md_update_is_told_by_another_threads_log) {
-    begin("upgrade md, last result: 0, retry times: 0");
-    EXPECT_THAT(arrive("md_linux.tgz", "md_linux_bk_5.tgz"),
-                ElementsAre("renamed md_linux.tgz", "in work md_linux_bk_5.tgz"));
-    EXPECT_THAT(relay({"upgrade md engine"}), ElementsAre("in work md_linux_bk_5.tgz"));
-    EXPECT_THAT(host({"delete file (" + rules + "md_linux_bk_5.tgz)!",
-                      "delete file (" + rules + "linux_kzemsi.ptn)!"}),
-                ElementsAre("applied md_linux_bk_5.tgz"));
-}
-
-TEST_F(pack_fates, an_md_failure_keeps_the_pack_until_the_tenth) {
-    begin("upgrade md, last result: 0, retry times: 0");
-    arrive("md_linux.tgz", "md_linux_bk_5.tgz");
-    relay({"upgrade md engine"});
-    EXPECT_THAT(host({"delete file (" + rules + "linux_kzemsi.ptn)!"}),
-                ElementsAre("refused and kept md_linux_bk_5.tgz"));
-    EXPECT_THAT(relay({"upgrade md, last result: -5, retry times: 1"}),
-                ElementsAre("waiting md_linux_bk_5.tgz"));
+TEST_F(pack_fates, an_md_pack_waits_for_the_callback_which_keeps_or_drops_it) {
+    put("md_linux_bk_5.tgz");
+    load(rule_kind::md, "linux_kzemsi.ptn");
+    look();
+    EXPECT_THAT(look_after(1000 * second), IsEmpty());
+    now.loads.back().callback = -5;
+    take("linux_kzemsi.ptn");
+    EXPECT_THAT(look(), ElementsAre("refused and kept md_linux.tgz"));
     EXPECT_THAT(last.reason, HasSubstr("-5"));
-    EXPECT_THAT(last.reason, HasSubstr("1"));
-    relay({"deal tgz: " + rules + "md_linux_bk_5.tgz",
-           "unzip file (" + rules + "md_linux_bk_5.tgz) successfully!", "upgrade md engine"});
-    EXPECT_THAT(host({"upgrade md error 10 times, delete " + rules + "md_linux_bk_5.tgz",
-                      "delete file (" + rules + "md_linux_bk_5.tgz)!",
-                      "delete file (" + rules + "linux_kzemsi.ptn)!"}),
-                ElementsAre("refused and dropped md_linux_bk_5.tgz"));
+    load(rule_kind::md, "linux_kzemsi.ptn").callback = -5;
+    EXPECT_THAT(look(), ElementsAre("in work md_linux.tgz"));
+    now.files.clear();
+    EXPECT_THAT(look(), ElementsAre("refused and dropped md_linux.tgz"));
 }
 
-TEST_F(pack_fates, a_pending_md_update_is_waited_for) {
-    begin("upgrade md, last result: 0, retry times: 0");
-    arrive("md_linux.tgz", "md_linux_bk_5.tgz");
-    relay({"upgrade md engine"});
-    EXPECT_THAT(relay({"upgrade md, last result: -16, retry times: 0"}),
-                ElementsAre("waiting md_linux_bk_5.tgz"));
-    EXPECT_THAT(last.reason, HasSubstr("called back"));
+TEST_F(pack_fates, what_a_look_has_passed_over_is_unpack_failed_if_tar_says_so) {
+    put("ioc_full_5.0.tgz");
+    put("ioc_inc_[any-5.1].tgz");
+    put("md_linux_bk_5.tgz");
+    look();
+    tar_says = "unexpected end";
+    EXPECT_THAT(look_after(interval), IsEmpty());
+    EXPECT_THAT(look_after(10 * second),
+                ElementsAre("unpack failed ioc_full_5.0.tgz", "unpack failed md_linux_bk_5.tgz"))
+        << "what stands behind has not had its turn";
+    EXPECT_THAT(last.reason, HasSubstr("unexpected end"));
+    EXPECT_THAT(look(), IsEmpty()) << "told once";
+    put("ioc_full_5.0.tgz");
+    EXPECT_THAT(look(), ElementsAre("replaced ioc_full_5.0.tgz"));
+    tar_says = "";
+    EXPECT_THAT(look_after(interval + 10 * second), ElementsAre("waiting ioc_full_5.0.tgz"));
+    EXPECT_THAT(last.reason, HasSubstr("never reached the engine"));
 }
 
-TEST_F(pack_fates, a_switch_that_is_off_is_told_once) {
-    const std::string off = "start upgrade, ioc switch: 0, ioa switch: 1, md switch: 1";
-    const std::string on = "start upgrade, ioc switch: 1, ioa switch: 1, md switch: 1";
-    EXPECT_THAT(relay({off, off, on, off}), ElementsAre("waiting ", "waiting "));
-    EXPECT_THAT(last.reason, HasSubstr("IOC is switched off"));
+TEST_F(pack_fates, while_another_pack_is_in_work_nothing_is_left_behind) {
+    put("ioc_full_5.0.tgz");
+    put("md_linux_bk_5.tgz");
+    load(rule_kind::ioc, "ioc_full_5.0.json");
+    look();
+    EXPECT_THAT(look_after(200 * second), IsEmpty());
+    rise("5.0");
+    take("ioc_full_5.0.json");
+    take("ioc_full_5.0.tgz");
+    EXPECT_THAT(look(), ElementsAre("applied ioc_full_5.0.tgz", "waiting md_linux_bk_5.tgz"));
 }
 
-TEST_F(pack_fates, a_file_that_cannot_be_deleted_is_told) {
-    begin("upgrade ioc");
-    EXPECT_THAT(relay({"delete file (" + rules + "ioc_full_4.0.tgz) failed:1"}),
-                ElementsAre("waiting ioc_full_4.0.tgz"));
+TEST_F(pack_fates, what_holds_up_the_packs_of_a_kind_is_told_once_and_only_if_there_are_some) {
+    now.off = {rule_kind::ioc, rule_kind::ioa};
+    put("ioc_full_5.0.tgz");
+    EXPECT_THAT(look(), ElementsAre("waiting ioc_full_5.0.tgz", "waiting "));
+    EXPECT_EQ(last.reason, "IOC is switched off");
+    EXPECT_THAT(look_after(2 * interval), IsEmpty());
+    now.has_engine = false;
+    EXPECT_THAT(look(), ElementsAre("waiting "));
+    EXPECT_THAT(last.reason, HasSubstr("doesn't answer"));
 }
 
-TEST_F(pack_fates, the_interval_is_known_from_the_timer) {
-    EXPECT_EQ(log.period_ms(), 0U);
-    relay({"start upgrade timer(60000) success."});
-    EXPECT_EQ(log.period_ms(), 60000U);
+TEST_F(pack_fates, the_past_is_told_from_the_moment_that_is_asked_for) {
+    load(rule_kind::md, "linux_kzemsi.ptn").callback = 0;
+    load(rule_kind::ioc, "ioc_full_4.0.json");
+    rise("4.0");
+    const std::int64_t moment = now.time_us;
+    put("ioc_inc_[any-6.0].tgz");
+    load(rule_kind::ioc, "ioc_full_5.0.json");
+    rise("5.0");
+    take("linux_kzemsi.ptn");
+    take("ioc_full_4.0.json");
+    take("ioc_full_5.0.json");
+    EXPECT_THAT(look(), ElementsAre("in work md_linux.tgz", "applied md_linux.tgz",
+                                    "in work ioc_full_4.0.tgz", "applied ioc_full_4.0.tgz",
+                                    "in work ioc_full_5.0.tgz", "applied ioc_full_5.0.tgz",
+                                    "waiting ioc_inc_[any-6.0].tgz"));
+    kze::pack_follower later{moment, [](const std::string &) { return ""; }};
+    const std::vector<pack_event> events = later.look(now);
+    ASSERT_EQ(events.size(), 3U);
+    EXPECT_EQ(events[0].pack, "ioc_full_5.0.tgz");
+    EXPECT_EQ(events[0].time_us, now.loads.back().time_us);
 }
 
-TEST_F(pack_fates, other_records_tell_nothing) {
-    EXPECT_THAT(relay({"", "delete file (", "delete file (/a/b.json)!", "unzip file (", "upgrade ",
-                       "ioc file  upgrade", "deal tgz: ", "start upgrade, nonsense"}),
-                IsEmpty());
-    EXPECT_THAT(host({"", "delete file (/a/ioc_full_5.0.tgz)!", "delete file ()!"}), IsEmpty());
+TEST_F(pack_fates, what_is_in_work_at_the_moment_that_is_asked_for_is_followed_to_its_end) {
+    put("ioc_full_5.0.tgz");
+    load(rule_kind::ioc, "ioc_full_5.0.json");
+    kze::pack_follower later{now.time_us, [](const std::string &) { return ""; }};
+    now.time_us += second;
+    EXPECT_EQ(later.look(now).size(), 1U);
+    rise("5.0");
+    now.files.clear();
+    now.time_us += second;
+    const std::vector<pack_event> events = later.look(now);
+    ASSERT_EQ(events.size(), 1U);
+    EXPECT_EQ(events[0].what, fate::applied);
+}
+
+/* Or else a load would count as done because its file didn't lie there yet. */
+TEST_F(pack_fates, a_load_between_the_directory_and_the_engine_is_judged_at_the_next_look) {
+    put("ioa_linux_bk_1.tgz");
+    look();
+    load(rule_kind::ioa, "linux_kzedbd.cfg").time_us += 10 * second;
+    rise("12");
+    take("linux_kzedbd.cfg");
+    EXPECT_THAT(look(), ElementsAre("in work ioa_linux_en.tgz"));
+    put("linux_kzedbd.cfg");
+    EXPECT_THAT(look_after(10 * second), IsEmpty());
+}
+
+TEST_F(pack_fates, files_that_are_no_packs_are_not_told_of) {
+    put("notes.txt");
+    put("ioc_full_5.0.json");
+    EXPECT_THAT(look(), IsEmpty());
+    now.files.clear();
+    EXPECT_THAT(look(), IsEmpty());
 }
 
 }  // namespace
