@@ -48,8 +48,14 @@ KZABASE_API void kze_cond_destroy(kze_cond_t cond);
 
 /*
  * Starts a joinable thread that runs routine(argument). *out is its handle, on failure untouched.
- * The routine begins some 10 ms later, so that the caller, unless it is held up for longer, is the
- * first to go on. Every thread started must be joined.
+ * Every thread started must be joined. EAGAIN or ENOMEM when there is no room for another one.
+ *
+ * The caller has the first turn: the routine begins when the calling thread has gone on, that is,
+ * at its next kze_mutex_unlock, kze_cond_wait, kze_cond_signal, kze_cond_broadcast,
+ * kze_thread_start, kze_thread_join or kze_thread_exit with valid arguments, or at its end. What
+ * the caller writes until then, the routine finds, however busy the machine is. A caller that does
+ * none of these is waited for about a second; the new thread counts it by being woken twenty times
+ * after the start, so that it doesn't pass while the process is stopped or gets no processor.
  */
 KZABASE_API int kze_thread_start(kze_thread_t *out, void *(*routine)(void *), void *argument);
 

@@ -94,9 +94,11 @@ KZAUTIL_API int is_file_exist(const char *path);
 /*
  * Ini files. Sections and keys are case-sensitive; the keys before the first header belong to the
  * section "". Where a key stands twice in a section, the last one counts. Lines that begin with ";"
- * or "#" are comments; behind a value neither begins one. Blanks around a value aren't part of it.
- * Either kind of line end and a UTF-8 byte order mark are understood; bytes above 127 are taken as
- * they are. A document isn't locked: one thread at a time, though it needn't be always the same.
+ * or "#" are comments; behind a value neither begins one. Blanks around a value aren't part of it;
+ * where it begins or ends with some, double quotes stand around it, k = " v ". Any other quotes are
+ * part of the value. Either kind of line end and a UTF-8 byte order mark are understood; bytes
+ * above 127 are taken as they are. A document isn't locked: one thread at a time, though it needn't
+ * be always the same.
  */
 
 /*
@@ -114,7 +116,8 @@ KZAUTIL_API const char *kze_ini_file_get(void *ini, const char *section, const c
  * Adds or replaces a value; the section is made if needed. The strings are copied, and no other
  * byte of the document changes. With nothing changed, EINVAL for what would not read back the same
  * (an empty key, a line end or other control character, "=" in a key, "]" in a section, a key that
- * begins like a comment), and EFBIG past 1 MiB. Of blanks around the value nothing is kept.
+ * begins like a comment), and EFBIG past 1 MiB. A value that begins or ends with blanks, or is such
+ * a one in quotes itself, is written in quotes; each other as it is.
  */
 KZAUTIL_API int kze_ini_file_set(void *ini, const char *section, const char *key,
                                  const char *value);

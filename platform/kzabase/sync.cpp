@@ -4,6 +4,7 @@
 #include <new>
 
 #include "kzabase.h"
+#include "platform/kzabase/creator_turn.h"
 
 namespace {
 
@@ -19,8 +20,9 @@ pthread_cond_t *cond_of(kze_cond_t cond) {
 
 kze_mutex_t kze_mutex_init(void) {
     auto *mutex = new (std::nothrow) pthread_mutex_t;
-    if (mutex == nullptr)
+    if (mutex == nullptr) {
         return nullptr;
+    }
     pthread_mutexattr_t attributes;
     pthread_mutexattr_init(&attributes);
     pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
@@ -34,40 +36,58 @@ int kze_mutex_lock(kze_mutex_t mutex) {
 }
 
 int kze_mutex_unlock(kze_mutex_t mutex) {
-    return mutex == nullptr ? EINVAL : pthread_mutex_unlock(mutex_of(mutex));
+    if (mutex == nullptr) {
+        return EINVAL;
+    }
+    const int error = pthread_mutex_unlock(mutex_of(mutex));
+    creator_turn::end();
+    return error;
 }
 
 void kze_mutex_destroy(kze_mutex_t mutex) {
-    if (mutex == nullptr)
+    if (mutex == nullptr) {
         return;
+    }
     pthread_mutex_destroy(mutex_of(mutex));
     delete mutex_of(mutex);
 }
 
 kze_cond_t kze_cond_init(void) {
     auto *cond = new (std::nothrow) pthread_cond_t;
-    if (cond != nullptr)
+    if (cond != nullptr) {
         pthread_cond_init(cond, nullptr);
+    }
     return cond;
 }
 
 int kze_cond_wait(kze_cond_t cond, kze_mutex_t mutex) {
-    if (cond == nullptr || mutex == nullptr)
+    if (cond == nullptr || mutex == nullptr) {
         return EINVAL;
+    }
+    creator_turn::end();
     return pthread_cond_wait(cond_of(cond), mutex_of(mutex));
 }
 
 int kze_cond_signal(kze_cond_t cond) {
-    return cond == nullptr ? EINVAL : pthread_cond_signal(cond_of(cond));
+    if (cond == nullptr) {
+        return EINVAL;
+    }
+    creator_turn::end();
+    return pthread_cond_signal(cond_of(cond));
 }
 
 int kze_cond_broadcast(kze_cond_t cond) {
-    return cond == nullptr ? EINVAL : pthread_cond_broadcast(cond_of(cond));
+    if (cond == nullptr) {
+        return EINVAL;
+    }
+    creator_turn::end();
+    return pthread_cond_broadcast(cond_of(cond));
 }
 
 void kze_cond_destroy(kze_cond_t cond) {
-    if (cond == nullptr)
+    if (cond == nullptr) {
         return;
+    }
     pthread_cond_destroy(cond_of(cond));
     delete cond_of(cond);
 }

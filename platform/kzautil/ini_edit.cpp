@@ -1,6 +1,8 @@
 #include "ini_edit.h"
 
 #include <algorithm>
+#include <cstring>
+#include <string_view>
 #include <utility>
 
 namespace {
@@ -14,6 +16,22 @@ constexpr size_t nowhere = std::string::npos;
 std::string trimmed(const std::string &text) {
     const size_t begin = text.find_first_not_of(blanks);
     return begin == nowhere ? "" : text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
+}
+
+bool is_quoted(std::string_view text) {
+    return text.size() >= 2 && text.front() == '"' && text.back() == '"';
+}
+
+std::string_view without_quotes(std::string_view text) {
+    return text.substr(1, text.size() - 2);
+}
+
+bool needs_quotes(std::string_view value) {
+    while (is_quoted(value)) {
+        value = without_quotes(value);
+    }
+    return !value.empty() &&
+           (strchr(blanks, value.front()) != nullptr || strchr(blanks, value.back()) != nullptr);
 }
 
 // Walks once through a text and finds where a section's key stands, or would. The text is read as
@@ -98,4 +116,13 @@ std::string ini_text_with(const std::string &text, const std::string &section,
         result += line_end;
     }
     return result + "[" + section + "]" + line_end + line + line_end;
+}
+
+std::string ini_written(const std::string &value) {
+    return needs_quotes(value) ? '"' + value + '"' : value;
+}
+
+std::string ini_value(const std::string &written) {
+    return is_quoted(written) && needs_quotes(written) ? std::string(without_quotes(written))
+                                                       : written;
 }

@@ -1,6 +1,9 @@
-// Changing one value in the text of an ini file. A free function without state: safe from any
-// thread.
-#pragma once
+/*
+ * Changing one value in the text of an ini file, and how a value is written in it. Functions
+ * without state: safe from any thread.
+ */
+#ifndef KZEMDLMGR_PLATFORM_KZAUTIL_INI_EDIT_H
+#define KZEMDLMGR_PLATFORM_KZAUTIL_INI_EDIT_H
 
 #include <string>
 
@@ -9,3 +12,11 @@
 // Whether the names and the value can be read back is for the caller to check.
 std::string ini_text_with(const std::string &text, const std::string &section,
                           const std::string &key, const std::string &value);
+
+// A value as it is written: in quotes when blanks begin or end it, or when it looks like a value
+// that was put in quotes for that; else as it is.
+std::string ini_written(const std::string &value);
+// The value of what is written: without the quotes that ini_written puts around it, no others.
+std::string ini_value(const std::string &written);
+
+#endif
