@@ -153,6 +153,11 @@ bool record_writer::ensure_open() {
         problem_ = path_ + ": " + std::strerror(errno);
         return false;
     }
+    if (made.valid()) {
+        /* Those of a file that was here before, which may have readers still. */
+        ::unlink((path_ + "-wal").c_str());
+        ::unlink((path_ + "-shm").c_str());
+    }
     made.reset(); /* now, for it would take SQLite's locks with it */
     return (open_connection(SQLITE_OPEN_READWRITE, form_.patience_ms) && set_up()) ||
            (db_ != nullptr && fail());

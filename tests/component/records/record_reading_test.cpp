@@ -1,5 +1,7 @@
 /* Reading records: which are given, while a writer writes and when the file changes. */
-#include <atomic>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <thread>
 
 #include "tests/component/records/record_file_test.h"
@@ -103,6 +105,29 @@ TEST_F(record_reading_test, next_gives_what_has_come_and_begins_anew_with_anothe
     ASSERT_TRUE(reader.show(1)) << "another call sees the other file first";
     EXPECT_EQ(texts_of(reader.next(after, 2)), texts{"anew"});
     EXPECT_EQ(after, 1);
+}
+
+TEST_F(record_reading_test, a_reader_of_a_file_that_was_replaced_is_in_nobodys_way) {
+    for (int round = 1; round <= 20; ++round) {
+        ASSERT_EQ(writer.append({"old"}), 1) << writer.problem();
+        const pid_t beside = fork(); /* a process of its own, with its own locks */
+        if (beside == 0) {
+            record_reader other(path, plain_form);
+            const bool read = other.newest_id() == 1;
+            while (read && !std::filesystem::exists(path + ".done")) {
+                other.newest_id();
+            }
+            _exit(read ? 0 : 1);
+        }
+        std::filesystem::remove(path);
+        ASSERT_EQ(writer.append({"new"}), 1) << writer.problem() << ", round " << round;
+        ASSERT_EQ(writer.append({"newer"}), 2) << writer.problem();
+        tree.write("var/lib/things.db.done", "");
+        int status = 0;
+        ASSERT_EQ(waitpid(beside, &status, 0), beside);
+        std::filesystem::remove(path + ".done");
+        std::filesystem::remove(path);
+    }
 }
 
 TEST_F(record_reading_test, a_follower_beside_the_writer_sees_each_record_once_and_whole) {
