@@ -145,6 +145,9 @@ bool record_writer::ensure_open() {
     if (db_ != nullptr && is_in_place()) {
         return true;
     }
+    if (db_ != nullptr) { /* one that was moved takes with it what SQLite kept beside it */
+        sqlite3_wal_checkpoint_v2(db_.get(), nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+    }
     close();
     kze_dirutils_mkdir(path_.substr(0, path_.rfind('/')).c_str(), 0700);
     /* SQLite's own files take the permissions of the first one: what is in it is nobody else's. */

@@ -245,6 +245,8 @@ TEST_F(record_file_test, a_file_that_is_moved_deleted_or_cut_is_begun_anew) {
     std::filesystem::rename(path, path + ".moved");
     EXPECT_EQ(writer.append({"new"}), 1) << writer.problem();
     EXPECT_EQ(kept(), texts{"new"});
+    EXPECT_EQ(texts_of(record_reader(path + ".moved", plain_form).newest(10)),
+              (texts{"old", "old too"}));
     std::filesystem::remove(path);
     EXPECT_EQ(writer.append({"newer"}), 1) << writer.problem();
     std::filesystem::resize_file(path, 0);
