@@ -3,9 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdint>
-#include <limits>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,113 +12,92 @@
 #include "agent/ctl/entries.h"
 #include "agent/message_bus/events.h"
 #include "agent/message_bus/tap.h"
-#include "agent/message_bus/tap_reader.h"
 
 namespace kze::ctl {
 namespace {
 
-using bus::publication;
-using bus::tap_reader;
 using nlohmann::json;
 
-constexpr std::size_t without_limit = std::numeric_limits<std::size_t>::max();
 /* Of the data in a row for people. */
 constexpr std::size_t shown_at_most = 160;
 
-tap_reader open_tap() {
-    return tap_reader(tree_path(bus::tap_path));
+record_reader open_tap() {
+    return record_reader(tree_path(bus::tap_path), bus::tap_form);
+}
+
+std::string event_name(const kept_record &publication) {
+    return bus::event_name(static_cast<std::uint32_t>(publication.kind));
+}
+
+/* Whether the tap has only the beginning of the data. */
+bool is_cut(const kept_record &publication) {
+    return static_cast<std::int64_t>(publication.data.size()) < publication.size;
 }
 
 /* The data whole, as far as the tap has it. */
-json publication_json(const publication &each) {
-    return {{"id", each.number},
-            {"published_us", each.published_us},
-            {"event", each.event_id},
-            {"name", bus::event_name(each.event_id)},
+json publication_json(const kept_record &each) {
+    return {{"id", each.id},
+            {"published_us", each.time_us},
+            {"event", each.kind},
+            {"name", event_name(each)},
             {"size", each.size},
-            {"cut", each.data.size() < each.size},
+            {"cut", is_cut(each)},
             {"text", is_utf8(each.data)},
             {"content", is_utf8(each.data) ? each.data : printable(each.data)}};
 }
 
-std::vector<table::cell> publication_row(const publication &each) {
+std::vector<table::cell> publication_row(const kept_record &each) {
     const std::string shown = each.data.substr(0, shown_at_most);
-    return {{std::to_string(each.number)},
-            {human_time(each.published_us), look::faint},
-            {std::to_string(each.event_id) + " " + bus::event_name(each.event_id), look::accent},
-            {human_size(each.size)},
-            {printable(shown) + (shown.size() < each.size ? " ..." : "")}};
+    return {
+        {std::to_string(each.id)},
+        {human_time(each.time_us), look::faint},
+        {std::to_string(each.kind) + " " + event_name(each), look::accent},
+        {human_size(static_cast<std::uint64_t>(each.size))},
+        {printable(shown) + (static_cast<std::int64_t>(shown.size()) < each.size ? " ..." : "")}};
 }
 
 /* ---- which publications ---- */
 
-struct choice {
-    std::string event;
-    std::string contains;
-};
-
-/* Empty for all events. */
-std::optional<std::uint32_t> event_of(const choice &chosen) {
-    if (chosen.event.empty()) {
-        return std::nullopt;
+/* 0 for all events. */
+int event_of(const std::string &event) {
+    if (event.empty()) {
+        return 0;
     }
     for (const std::uint32_t id : {bus::event_origin, bus::event_offline}) {
-        if (chosen.event == bus::event_name(id) || chosen.event == std::to_string(id)) {
-            return id;
+        if (event == bus::event_name(id) || event == std::to_string(id)) {
+            return static_cast<int>(id);
         }
     }
-    throw failure(exit_usage,
-                  "no event \"" + printable(chosen.event) + "\"; give origin or offline");
+    throw failure(exit_usage, "no event \"" + printable(event) + "\"; give origin or offline");
 }
 
-std::vector<publication> chosen_of(std::vector<publication> found, const choice &chosen) {
-    const auto event = event_of(chosen);
-    found.erase(std::remove_if(found.begin(), found.end(),
-                               [&](const publication &each) {
-                                   return (event && each.event_id != *event) ||
-                                          each.data.find(chosen.contains) == std::string::npos;
-                               }),
-                found.end());
-    return found;
-}
-
-void add_event(CLI::App *command, choice &chosen) {
-    command->add_option("--event", chosen.event, "Only this event: origin, offline, or its number")
+void add_event(CLI::App *command, std::string &event) {
+    command->add_option("--event", event, "Only this event: origin, offline, or its number")
         ->type_name("EVENT");
 }
 
 /* ---- list ---- */
 
 struct list_options {
-    choice chosen;
-    std::uint64_t after = 0;
-    std::size_t limit = without_limit;
+    std::string event;
+    list_range range;
 };
 
 exit_status list(const list_options &options, const output &out) {
-    tap_reader tap = open_tap();
-    auto found = chosen_of(must_read(tap.list(options.after, without_limit), tap), options.chosen);
-    if (found.size() > options.limit) {
-        const auto surplus = static_cast<std::ptrdiff_t>(found.size() - options.limit);
-        if (options.after == 0) {
-            found.erase(found.begin(), found.begin() + surplus);
-        } else {
-            found.erase(found.end() - surplus, found.end());
-        }
-    }
-    return print_list(found, "publications", {"ID", "TIME", "EVENT", "SIZE", "DATA"},
-                      publication_row, publication_json, out);
+    record_reader tap = open_tap();
+    return print_list(read_range(tap, options.range, event_of(options.event)), "publications",
+                      {"ID", "TIME", "EVENT", "SIZE", "DATA"}, publication_row, publication_json,
+                      out);
 }
 
 /* ---- tail ---- */
 
-struct tail_options {
-    choice chosen;
-    std::size_t lines = 10;
-    bool follow = false;
+struct bus_tail_options {
+    std::string event;
+    tail_options tail;
 };
 
-void print_entry(const publication &each, const output &out) {
+void print_entry(const kept_record &each, const output &out) {
     if (out.json()) {
         out.json_line(publication_json(each));
     } else {
@@ -128,69 +105,50 @@ void print_entry(const publication &each, const output &out) {
     }
 }
 
-/* Says where the ring has overtaken its reader. */
-void tell_of_gap(std::uint64_t after, const std::vector<publication> &found, const output &out) {
-    if (!found.empty() && after != 0 && found.front().number > after + 1 && !out.json()) {
-        const std::uint64_t lost = found.front().number - after - 1;
+/* Says where the tap has dropped what its reader hadn't read. */
+void tell_of_gap(std::int64_t before, std::int64_t next, const output &out) {
+    if (before != 0 && next > before + 1 && !out.json()) {
+        const std::int64_t lost = next - before - 1;
         out.line(out.paint(look::warning, std::to_string(lost) + " publications were overwritten"));
     }
 }
 
-/* What is behind `after`, which it moves; from the beginning where the tap was begun anew. */
-std::vector<publication> new_publications(tap_reader &tap, std::uint64_t &after) {
-    auto found = must_read(tap.list(after, without_limit), tap);
-    if (found.empty() && must_read(tap.newest_number(), tap) < after) {
-        after = 0;
-        found = must_read(tap.list(after, without_limit), tap);
-    }
-    return found;
-}
-
-exit_status tail(const tail_options &options, const output &out) {
-    tap_reader tap = open_tap();
-    auto last = must_read(tap.newest(without_limit), tap);
-    std::uint64_t after = last.empty() ? 0 : last.back().number;
-    last = chosen_of(std::move(last), options.chosen);
-    for (std::size_t i = last.size() - std::min(last.size(), options.lines); i < last.size(); ++i) {
-        print_entry(last[i], out);
-    }
-    while (options.follow) {
-        auto found = new_publications(tap, after);
-        tell_of_gap(after, found, out);
-        after = found.empty() ? after : found.back().number;
-        for (const publication &each : chosen_of(std::move(found), options.chosen)) {
-            print_entry(each, out);
-        }
-        deadline(1).pause_ms(entry_look_period_ms);
-    }
-    return exit_done;
+exit_status tail(const bus_tail_options &options, const output &out) {
+    record_reader tap = open_tap();
+    return tail_entries(
+        tap, options.tail, event_of(options.event),
+        [&](const kept_record &each) { print_entry(each, out); },
+        [&](std::int64_t before, std::int64_t next) { tell_of_gap(before, next, out); });
 }
 
 /* ---- wait, mark ---- */
 
 struct wait_options {
-    choice chosen;
-    std::uint64_t after = 0;
+    std::string event;
+    std::int64_t after = 0;
+    std::string contains;
     double timeout = 30;
 };
 
 exit_status wait(const wait_options &options, const output &out) {
-    tap_reader tap = open_tap();
+    record_reader tap = open_tap();
+    const int event = event_of(options.event);
+    std::int64_t after = options.after;
     const auto found = find_in_time(options.timeout, [&] {
-        const auto all =
-            chosen_of(must_read(tap.list(options.after, without_limit), tap), options.chosen);
-        return all.empty() ? std::nullopt : std::optional(all.front());
+        return first_wanted(tap, after, event, [&](const kept_record &each) {
+            return each.data.find(options.contains) != std::string::npos;
+        });
     });
     if (!found) {
         throw failure(exit_timed_out, "no such event was published in time");
     }
-    out.done(std::to_string(found->number), publication_json(*found));
+    out.done(std::to_string(found->id), publication_json(*found));
     return exit_done;
 }
 
-std::uint64_t newest_number() {
-    tap_reader tap = open_tap();
-    return must_read(tap.newest_number(), tap);
+std::int64_t newest_id() {
+    record_reader tap = open_tap();
+    return must_read(tap.newest_id(), tap);
 }
 
 /* ---- the command line ---- */
@@ -199,18 +157,18 @@ void add_list(CLI::App &to, command_line &line) {
     auto options = std::make_shared<list_options>();
     CLI::App *command = add_command(to, "list", "Lists what the tap has, oldest first",
                                     "kzectl bus list --event origin --limit 5");
-    add_event(command, options->chosen);
-    add_after(command, options->after, "publications");
-    add_limit(command, options->limit);
+    add_event(command, options->event);
+    add_after(command, options->range.after, "publications");
+    add_limit(command, options->range.limit);
     on_chosen(command, line, [&line, options] { return list(*options, line.out); });
 }
 
 void add_tail(CLI::App &to, command_line &line) {
-    auto options = std::make_shared<tail_options>();
+    auto options = std::make_shared<bus_tail_options>();
     CLI::App *command =
         add_command(to, "tail", "Shows the newest publications, one a line", "kzectl bus tail -f");
-    add_event(command, options->chosen);
-    add_tail_options(command, options->lines, options->follow);
+    add_event(command, options->event);
+    add_tail_options(command, options->tail);
     on_chosen(command, line, [&line, options] { return tail(*options, line.out); });
 }
 
@@ -219,10 +177,10 @@ void add_wait(CLI::App &to, command_line &line) {
     CLI::App *command = add_command(to, "wait", "Waits for a publication and prints its number",
                                     "last=$(kzectl bus mark) && kzectl engine die && "
                                     "kzectl bus wait --event offline --after $last");
-    add_event(command, options->chosen);
+    add_event(command, options->event);
     add_after_for_wait(command, options->after, "publications");
     command
-        ->add_option("--contains", options->chosen.contains,
+        ->add_option("--contains", options->contains,
                      "Only one whose data, as far as it is kept, holds this text")
         ->type_name("STRING");
     add_seconds(command, "--timeout", options->timeout, "How long to wait");
@@ -238,7 +196,7 @@ void add_bus_commands(CLI::App &app, command_line &line) {
     add_list(*group, line);
     add_tail(*group, line);
     add_wait(*group, line);
-    add_mark(*group, line, "publication", newest_number);
+    add_mark(*group, line, "publication", newest_id);
 }
 
 }  // namespace kze::ctl

@@ -12,19 +12,15 @@
 #include "agent/ctl/command_line.h"
 #include "agent/ctl/entries.h"
 #include "agent/services/disposal_settings.h"
-#include "agent/services/record_reader.h"
+#include "agent/services/record_forms.h"
 
 namespace kze::ctl {
 namespace {
 
 using nlohmann::json;
-using services::kept_record;
-using services::record_reader;
-
-constexpr unsigned int batch = 64;
 
 record_reader open_orders() {
-    return record_reader(tree_path(services::disposal_orders.path), services::disposal_orders);
+    return record_reader(tree_path(services::disposal_path), services::disposal_orders);
 }
 
 /* Whether it is one as the service keeps it, as far as it is read here. */
@@ -60,7 +56,7 @@ json order_json(const kept_record &record) {
                       "disposal order " + std::to_string(record.id) + " can't be read: " + problem);
     }
     (*order)["id"] = record.id;
-    (*order)["received_us"] = record.received_us;
+    (*order)["received_us"] = record.time_us;
     return *order;
 }
 
@@ -96,7 +92,7 @@ look look_of_fate(const std::string &fate) {
 std::vector<table::cell> order_row(const kept_record &record) {
     const json order = order_json(record);
     return {{std::to_string(record.id), look::strong},
-            {human_time(record.received_us), look::faint},
+            {human_time(record.time_us), look::faint},
             {std::to_string(order["tasks"].size())},
             {fates_text(order)},
             {answer_text(order)}};
@@ -104,11 +100,8 @@ std::vector<table::cell> order_row(const kept_record &record) {
 
 exit_status list(const list_range &range, const output &out) {
     record_reader orders = open_orders();
-    const auto found = must_read(
-        range.after < 0 ? orders.newest(range.limit) : orders.list(range.after, range.limit),
-        orders);
-    return print_list(found, "orders", {"ID", "TIME", "TASKS", "PROCESSES", "ANSWER"}, order_row,
-                      order_json, out);
+    return print_list(read_range(orders, range), "orders",
+                      {"ID", "TIME", "TASKS", "PROCESSES", "ANSWER"}, order_row, order_json, out);
 }
 
 void print_processes(const json &task, const output &out) {
@@ -194,9 +187,9 @@ exit_status wait(const wait_options &options, const output &out) {
     record_reader orders = open_orders();
     const auto found = find_in_time(options.timeout, [&] {
         std::int64_t after = options.after; /* each time, for an order in hand gets done */
-        return first_wanted(
-            after, [&](std::int64_t id) { return must_read(orders.list(id, batch), orders); },
-            [&](const kept_record &record) { return is_wanted(options, order_json(record)); });
+        return first_wanted(orders, after, 0, [&](const kept_record &record) {
+            return is_wanted(options, order_json(record));
+        });
     });
     if (!found) {
         throw failure(exit_timed_out, "no such disposal order came in time");

@@ -6,6 +6,7 @@
 #include "agent/ctl/ask.h"
 #include "agent/ctl/failure.h"
 #include "agent/engine/engine_settings.h"
+#include "agent/engine/left_requests.h"
 
 namespace kze::ctl {
 
@@ -13,11 +14,16 @@ void change_engine_settings(const nlohmann::json &request) {
     if (ask_if_running(engine_endpoint, request)) {
         return;
     }
-    engine::engine_settings settings(tree_path(engine::settings_file));
-    const nlohmann::json answer = settings.apply(request);
-    if (!answer.value("ok", false)) {
-        throw failure(exit_failed, "refused: " + answer.value("error", std::string()));
+    std::string error = engine::engine_settings::check(request);
+    if (error.empty()) {
+        error =
+            engine::leave_request(tree_path(engine::settings_file) + engine::left_suffix, request);
     }
+    if (!error.empty()) {
+        throw failure(exit_failed, "refused: " + error);
+    }
+    /* One that has started meanwhile may have looked before. */
+    ask_if_running(engine_endpoint, {{"op", "take-left"}});
 }
 
 }  // namespace kze::ctl

@@ -6,8 +6,8 @@
 
 namespace kze::ctl {
 
-/* Lets the engine carry out a settings request; without an engine it goes into the settings file.
- * Throws failure when it is refused. */
+/* Lets the engine carry out a settings request; without an engine it is left for its
+ * start. Throws failure when it is refused. */
 void change_engine_settings(const nlohmann::json &request);
 
 }  // namespace kze::ctl

@@ -4,7 +4,9 @@
 #define KZE_AGENT_CTL_ENTRIES_H
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <limits>
 #include <nlohmann/json.hpp>
@@ -13,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "agent/common/record_file.h"
 #include "agent/ctl/command_line.h"
 #include "agent/ctl/deadline.h"
 
@@ -30,13 +33,23 @@ found must_read(std::optional<found> result, const reader &from) {
     return std::move(*result);
 }
 
-/* ---- list, tail ---- */
+/* Records are read so many at a time. */
+constexpr unsigned int entry_batch = 256;
+
+/* ---- list ---- */
 
 /* Which entries are listed: the oldest above `after`, or the newest when it is below 0. */
 struct list_range {
     std::int64_t after = -1;
     unsigned int limit = std::numeric_limits<unsigned int>::max();
 };
+
+inline std::vector<kept_record> read_range(record_reader &from, const list_range &range,
+                                           int kind = 0) {
+    return must_read(range.after < 0 ? from.newest(range.limit, kind)
+                                     : from.list(range.after, range.limit, kind),
+                     from);
+}
 
 /* The entries in a table with these heads, or as an array of that name; `row_of` and `json_of` give
  * one of them. */
@@ -76,49 +89,86 @@ auto find_in_time(double seconds, const find_function &find) {
     }
 }
 
-/* The first entry above `after` that is wanted, nothing when there is none yet. `next_above` gives
- * a few above a number at a time. `after` is moved to the last one that was looked at. */
-template <typename list_function, typename test>
-auto first_wanted(std::int64_t &after, const list_function &next_above, const test &is_wanted)
-    -> std::optional<typename decltype(next_above(after))::value_type> {
-    for (auto found = next_above(after); !found.empty(); found = next_above(after)) {
-        for (auto &each : found) {
+/* The first entry above `after` that is wanted, nothing when there is none yet. `after` is moved to
+ * the last one that was looked at. */
+template <typename test>
+std::optional<kept_record> first_wanted(record_reader &from, std::int64_t &after, int kind,
+                                        const test &is_wanted) {
+    for (;;) {
+        auto found = must_read(from.list(after, entry_batch, kind), from);
+        if (found.empty()) {
+            return std::nullopt;
+        }
+        for (kept_record &each : found) {
             after = each.id;
             if (is_wanted(each)) {
                 return std::move(each);
             }
         }
     }
-    return std::nullopt;
+}
+
+/* ---- tail ---- */
+
+struct tail_options {
+    unsigned int lines = 10;
+    bool follow = false;
+};
+
+/* Where entries went that were dropped before they were read: numbers above `before` and below
+ * `next`. */
+using gap_function = std::function<void(std::int64_t before, std::int64_t next)>;
+
+/* Prints the newest entries of a kind, all kinds for 0; then, to follow, those that come, for
+ * ever. */
+template <typename print_function>
+exit_status tail_entries(record_reader &from, const tail_options &options, int kind,
+                         const print_function &print, const gap_function &tell_of_gap = nullptr) {
+    std::int64_t after = must_read(from.newest_id(), from);
+    for (const kept_record &each : must_read(from.newest(options.lines, kind), from)) {
+        print(each);
+        after = std::max(after, each.id);
+    }
+    while (options.follow) {
+        const std::int64_t before = after;
+        const auto found = must_read(from.next(after, entry_batch), from);
+        if (tell_of_gap && !found.empty()) {
+            tell_of_gap(before, found.front().id);
+        }
+        for (const kept_record &each : found) {
+            if (kind == 0 || each.kind == kind) {
+                print(each);
+            }
+        }
+        if (found.size() < entry_batch) {
+            deadline(1).pause_ms(entry_look_period_ms);
+        }
+    }
+    return exit_done;
 }
 
 /* ---- the command line; `entries` is their name in the help ---- */
 
-template <typename number>
-CLI::Option *add_after(CLI::App *command, number &after, const std::string &entries) {
-    /* A negative number in an unsigned one is greater than this. */
-    constexpr auto greatest = static_cast<number>(std::numeric_limits<std::int64_t>::max());
+inline CLI::Option *add_after(CLI::App *command, std::int64_t &after, const std::string &entries) {
     return command->add_option("--after", after, "Only " + entries + " with a number above this")
-        ->check(CLI::Range(number{0}, greatest).description(""));
+        ->check(
+            CLI::Range(std::int64_t{0}, std::numeric_limits<std::int64_t>::max()).description(""));
 }
 
 /* The same for a command that waits. */
-template <typename number>
-void add_after_for_wait(CLI::App *command, number &after, const std::string &entries) {
+inline void add_after_for_wait(CLI::App *command, std::int64_t &after, const std::string &entries) {
     CLI::Option *option = add_after(command, after, entries)->capture_default_str();
     option->description(option->get_description() + "; 0 takes one that is already there");
 }
 
-template <typename number>
-void add_limit(CLI::App *command, number &limit) {
+inline void add_limit(CLI::App *command, unsigned int &limit) {
     command->add_option("--limit", limit, "At most so many: the newest, or with --after the oldest")
-        ->check(CLI::Range(number{1}, std::numeric_limits<number>::max()).description(""));
+        ->check(CLI::Range(1U, std::numeric_limits<unsigned int>::max()).description(""));
 }
 
-template <typename number>
-void add_tail_options(CLI::App *command, number &lines, bool &follow) {
-    command->add_option("-n,--lines", lines, "How many")->capture_default_str();
-    command->add_flag("-f,--follow", follow, "Go on with what comes, until Ctrl-C");
+inline void add_tail_options(CLI::App *command, tail_options &options) {
+    command->add_option("-n,--lines", options.lines, "How many")->capture_default_str();
+    command->add_flag("-f,--follow", options.follow, "Go on with what comes, until Ctrl-C");
 }
 
 /* Adds "mark" to a group; `newest` gives the newest entry's number, 0 when there is none. */

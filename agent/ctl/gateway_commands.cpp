@@ -17,18 +17,20 @@
 namespace kze::ctl {
 namespace {
 
-using gateway::journal_entry;
-using gateway::journal_reader;
 using nlohmann::json;
 
-constexpr unsigned int batch = 256;
-
-std::string journal_path() {
-    return tree_path(GATEWAY_JOURNAL_PATH);
+record_reader open_journal() {
+    return record_reader(tree_path(GATEWAY_JOURNAL_PATH), gateway::journal_form);
 }
 
-[[noreturn]] void fail(const journal_reader &journal) {
-    throw failure(journal.absent() ? exit_not_there : exit_failed, journal.problem());
+/* Throws failure also where there is no journal yet. */
+template <typename found>
+found must_read_journal(std::optional<found> result, const record_reader &journal) {
+    if (result && journal.absent()) {
+        throw failure(exit_not_there, "there is no journal at " + tree_path(GATEWAY_JOURNAL_PATH) +
+                                          ": nothing has been handed to the gateway yet");
+    }
+    return must_read(std::move(result), journal);
 }
 
 /* 0 for all types. */
@@ -60,17 +62,13 @@ struct list_options {
 };
 
 exit_status list(const list_options &options, const output &out) {
-    journal_reader journal(journal_path());
-    const int type = type_of(options.type);
-    const auto [after, limit] = options.range;
-    const auto found = after < 0 ? journal.newest(type, limit) : journal.list(after, type, limit);
-    if (!found) {
-        fail(journal);
-    }
+    record_reader journal = open_journal();
+    const auto found = must_read_journal(
+        std::optional(read_range(journal, options.range, type_of(options.type))), journal);
     return print_list(
-        *found, "records", {"ID", "TIME", "TYPE", "SIZE", "CONTENT"},
-        [&](const journal_entry &entry) { return record_row(with_content(journal, entry)); },
-        [&](const journal_entry &entry) { return record_json(with_content(journal, entry)); }, out);
+        found, "records", {"ID", "TIME", "TYPE", "SIZE", "CONTENT"},
+        [&](const kept_record &entry) { return record_row(with_content(journal, entry)); },
+        [&](const kept_record &entry) { return record_json(with_content(journal, entry)); }, out);
 }
 
 struct show_options {
@@ -80,42 +78,32 @@ struct show_options {
 };
 
 exit_status show(const show_options &options, const output &out) {
-    journal_reader journal(journal_path());
-    const auto nearest = journal.list(options.id - 1, 0, 1);
-    if (!nearest) {
-        fail(journal);
-    }
-    if (nearest->empty() || nearest->front().id != options.id) {
+    record_reader journal = open_journal();
+    const auto found = must_read_journal(journal.show(options.id), journal);
+    if (found.empty()) {
         throw failure(exit_not_there, "there is no record " + std::to_string(options.id));
     }
-    const auto record = journal.show(options.id);
-    if (!record) {
-        fail(journal);
-    }
+    const kept_record &record = found.front();
     if (options.raw || options.content) {
-        const std::string bytes = options.raw ? record->data : record_content(*record);
+        const std::string bytes = options.raw ? record.data : record_content(record);
         std::fwrite(bytes.data(), 1, bytes.size(), stdout);
         if (std::fflush(stdout) != 0) {
             throw failure(exit_failed, "can't write the record's bytes");
         }
     } else if (out.json()) {
-        out.done("", whole_record_json(*record));
+        out.done("", whole_record_json(record));
     } else {
-        print_record(*record, out);
+        print_record(record, out);
     }
     return exit_done;
 }
 
 std::int64_t newest_id() {
-    journal_reader journal(journal_path());
-    const auto newest = journal.newest(0, 1);
-    if (!newest && !journal.absent()) {
-        fail(journal);
-    }
-    return !newest || newest->empty() ? 0 : newest->back().id;
+    record_reader journal = open_journal();
+    return must_read(journal.newest_id(), journal);
 }
 
-void print_entry(const journal_entry &entry, const output &out) {
+void print_entry(const kept_record &entry, const output &out) {
     if (out.json()) {
         out.json_line(record_json(entry));
     } else {
@@ -123,34 +111,20 @@ void print_entry(const journal_entry &entry, const output &out) {
     }
 }
 
-struct tail_options {
+struct gateway_tail_options {
     std::string type;
-    unsigned int lines = 10;
-    bool follow = false;
+    tail_options tail;
 };
 
-exit_status tail(const tail_options &options, const output &out) {
-    journal_reader journal(journal_path());
+exit_status tail(const gateway_tail_options &options, const output &out) {
+    record_reader journal = open_journal();
     const int type = type_of(options.type);
-    std::int64_t after = 0;
-    const auto last = journal.newest(type, std::max(1U, options.lines));
-    if (!last && !(options.follow && journal.absent())) {
-        fail(journal);
+    if (!options.tail.follow) {
+        must_read_journal(journal.newest_id(), journal);
     }
-    for (const journal_entry &entry : last.value_or(std::vector<journal_entry>())) {
-        after = entry.id;
-        if (options.lines != 0) {
-            print_entry(with_content(journal, entry), out);
-        }
-    }
-    if (options.follow &&
-        !journal.follow(
-            after, type, std::chrono::milliseconds(entry_look_period_ms),
-            [&](const journal_entry &entry) { print_entry(with_content(journal, entry), out); },
-            [] { return true; })) {
-        fail(journal);
-    }
-    return exit_done;
+    return tail_entries(journal, options.tail, type, [&](const kept_record &entry) {
+        print_entry(with_content(journal, entry), out);
+    });
 }
 
 struct wait_options {
@@ -160,29 +134,32 @@ struct wait_options {
     double timeout = 30;
 };
 
-bool has_text(journal_reader &journal, const journal_entry &entry, const std::string &text) {
+bool has_text(record_reader &journal, const kept_record &entry, const std::string &text) {
     if (text.empty()) {
         return true;
     }
-    const auto record = journal.show(entry.id);
-    return record && record_content(*record).find(text) != std::string::npos;
+    const auto found = journal.show(entry.id);
+    return found && !found->empty() &&
+           record_content(found->front()).find(text) != std::string::npos;
 }
 
 exit_status wait(const wait_options &options, const output &out) {
-    journal_reader journal(journal_path());
+    record_reader journal = open_journal();
     const int type = type_of(options.type);
     std::int64_t after = options.after;
     std::string trouble;
-    /* A journal that can't be read now may be replaced by the gateway in a moment. */
-    const auto next_above = [&](std::int64_t id) {
-        const auto found = journal.list(id, type, batch);
-        trouble = found ? "" : ": " + journal.problem();
-        return found.value_or(std::vector<journal_entry>());
-    };
-    const auto found = find_in_time(options.timeout, [&] {
-        return first_wanted(after, next_above, [&](const journal_entry &entry) {
-            return has_text(journal, entry, options.contains);
-        });
+    const auto found = find_in_time(options.timeout, [&]() -> std::optional<kept_record> {
+        /* A journal that can't be read now may be replaced by the gateway in a moment. */
+        try {
+            trouble.clear();
+            must_read_journal(journal.newest_id(), journal);
+            return first_wanted(journal, after, type, [&](const kept_record &entry) {
+                return has_text(journal, entry, options.contains);
+            });
+        } catch (const failure &failed) {
+            trouble = std::string(": ") + failed.what();
+            return std::nullopt;
+        }
     });
     if (!found) {
         throw failure(exit_timed_out, "no such record reached the gateway in time" + trouble);
@@ -224,11 +201,11 @@ void add_show(CLI::App &to, command_line &line) {
 }
 
 void add_tail(CLI::App &to, command_line &line) {
-    auto options = std::make_shared<tail_options>();
+    auto options = std::make_shared<gateway_tail_options>();
     CLI::App *command =
         add_command(to, "tail", "Shows the newest records, one a line", "kzectl gateway tail -f");
     add_type(command, options->type);
-    add_tail_options(command, options->lines, options->follow);
+    add_tail_options(command, options->tail);
     on_chosen(command, line, [&line, options] { return tail(*options, line.out); });
 }
 

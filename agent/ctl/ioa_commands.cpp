@@ -7,6 +7,7 @@
 
 #include "agent/common/tree.h"
 #include "agent/ctl/command_line.h"
+#include "agent/ctl/entries.h"
 #include "agent/ctl/ioa_report.h"
 #include "agent/ctl/records.h"
 #include "agent/gateway/gateway.h"
@@ -17,7 +18,6 @@
 namespace kze::ctl {
 namespace {
 
-using gateway::journal_reader;
 using nlohmann::json;
 
 constexpr char rule_file[] = "config/kzectmrule.ini";
@@ -31,28 +31,26 @@ std::optional<std::string> stored_id() {
 
 /* The newest record of a type, with what it tells. */
 struct last_report {
-    gateway::journal_entry entry;
+    kept_record entry;
     std::optional<ioa_report> report;
 };
 
-std::optional<last_report> newest(journal_reader &journal, int type) {
-    const auto entries = journal.newest(type, 1);
-    if (!entries && !journal.absent()) {
-        throw failure(exit_failed, journal.problem());
-    }
-    if (!entries || entries->empty()) {
+std::optional<last_report> newest(record_reader &journal, int type) {
+    const auto entries = must_read(journal.newest(1, type), journal);
+    if (entries.empty()) {
         return std::nullopt;
     }
-    const auto record = journal.show(entries->front().id);
-    return last_report{entries->front(),
-                       record ? read_ioa_report(type, record_content(*record)) : std::nullopt};
+    const auto whole = journal.show(entries.front().id);
+    return last_report{entries.front(), whole && !whole->empty()
+                                            ? read_ioa_report(type, record_content(whole->front()))
+                                            : std::nullopt};
 }
 
 json report_json(const std::optional<last_report> &last) {
     if (!last) {
         return nullptr;
     }
-    json value = {{"record", last->entry.id}, {"accepted_us", last->entry.accepted_us}};
+    json value = {{"record", last->entry.id}, {"accepted_us", last->entry.time_us}};
     if (last->report) {
         value["agentId"] = last->report->agent_id;
         value["rulesId"] = last->report->rules_id;
@@ -72,13 +70,13 @@ void add_row(table &rows, const char *name, const std::optional<last_report> &la
     rows.add({{name, look::strong},
               {last->report ? ioa_report_text(*last->report) : "unreadable",
                refused || !last->report ? look::bad : look::good},
-              {human_time(last->entry.accepted_us), look::faint},
+              {human_time(last->entry.time_us), look::faint},
               {"record " + std::to_string(last->entry.id), look::faint}});
 }
 
 exit_status status(const output &out) {
     const std::optional<std::string> stored = stored_id();
-    journal_reader journal(tree_path(GATEWAY_JOURNAL_PATH));
+    record_reader journal(tree_path(GATEWAY_JOURNAL_PATH), gateway::journal_form);
     const auto result = newest(journal, KZEMM_DATA_CTMIOA_RESULT);
     const auto hello = newest(journal, KZEMM_DATA_CTMIOA_HELLO);
     if (out.json()) {

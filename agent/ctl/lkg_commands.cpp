@@ -11,24 +11,20 @@
 #include "agent/common/tree.h"
 #include "agent/ctl/command_line.h"
 #include "agent/ctl/entries.h"
-#include "agent/services/record_reader.h"
+#include "agent/services/record_forms.h"
 
 namespace kze::ctl {
 namespace {
 
 using nlohmann::json;
-using services::kept_record;
-using services::record_reader;
-
-constexpr unsigned int batch = 256;
 
 record_reader open_replies() {
-    return record_reader(tree_path(services::linkage_replies.path), services::linkage_replies);
+    return record_reader(tree_path(services::linkage_path), services::linkage_replies);
 }
 
 json reply_json(const kept_record &reply) {
     return {{"id", reply.id},
-            {"received_us", reply.received_us},
+            {"received_us", reply.time_us},
             {"failed", reply.size == 0},
             {"size", reply.size},
             {"beginning", printable(reply.data)}};
@@ -38,7 +34,7 @@ std::vector<table::cell> reply_row(const kept_record &reply) {
     const bool failed = reply.size == 0;
     const bool cut = static_cast<std::size_t>(reply.size) > reply.data.size();
     return {{std::to_string(reply.id)},
-            {human_time(reply.received_us), look::faint},
+            {human_time(reply.time_us), look::faint},
             {failed ? "failed" : "result", failed ? look::bad : look::good},
             {human_size(static_cast<std::uint64_t>(reply.size))},
             {failed ? "-" : printable(reply.data) + (cut ? " ..." : "")}};
@@ -48,11 +44,8 @@ std::vector<table::cell> reply_row(const kept_record &reply) {
 
 exit_status list(const list_range &range, const output &out) {
     record_reader replies = open_replies();
-    const auto found = must_read(
-        range.after < 0 ? replies.newest(range.limit) : replies.list(range.after, range.limit),
-        replies);
-    return print_list(found, "replies", {"ID", "TIME", "REPLY", "SIZE", "CONTENT"}, reply_row,
-                      reply_json, out);
+    return print_list(read_range(replies, range), "replies",
+                      {"ID", "TIME", "REPLY", "SIZE", "CONTENT"}, reply_row, reply_json, out);
 }
 
 exit_status show(std::int64_t id, bool raw, const output &out) {
@@ -79,7 +72,7 @@ exit_status show(std::int64_t id, bool raw, const output &out) {
     }
     table rows;
     rows.add({{"Reply", look::strong}, {std::to_string(reply.id)}});
-    rows.add({{"Time", look::strong}, {human_time(reply.received_us)}});
+    rows.add({{"Time", look::strong}, {human_time(reply.time_us)}});
     rows.add({{"Size", look::strong}, {human_size(static_cast<std::uint64_t>(reply.size))}});
     rows.add({{"Content", look::strong},
               {reply.size == 0 ? "none: the analysis failed" : printable(reply.data),
@@ -90,11 +83,6 @@ exit_status show(std::int64_t id, bool raw, const output &out) {
 
 /* ---- tail ---- */
 
-struct tail_options {
-    unsigned int lines = 10;
-    bool follow = false;
-};
-
 void print_entry(const kept_record &reply, const output &out) {
     if (out.json()) {
         out.json_line(reply_json(reply));
@@ -103,35 +91,10 @@ void print_entry(const kept_record &reply, const output &out) {
     }
 }
 
-/* What is behind `after`, which it moves; from the beginning where the file was begun anew. */
-std::vector<kept_record> new_replies(record_reader &replies, std::int64_t &after) {
-    if (must_read(replies.newest_id(), replies) < after) {
-        after = 0;
-    }
-    auto found = must_read(replies.list(after, batch), replies);
-    if (!found.empty()) {
-        after = found.back().id;
-    }
-    return found;
-}
-
 exit_status tail(const tail_options &options, const output &out) {
     record_reader replies = open_replies();
-    std::int64_t after = must_read(replies.newest_id(), replies);
-    for (const kept_record &reply : must_read(replies.newest(options.lines), replies)) {
-        print_entry(reply, out);
-        after = std::max(after, reply.id);
-    }
-    while (options.follow) {
-        const auto found = new_replies(replies, after);
-        for (const kept_record &reply : found) {
-            print_entry(reply, out);
-        }
-        if (found.size() < batch) {
-            deadline(1).pause_ms(entry_look_period_ms);
-        }
-    }
-    return exit_done;
+    return tail_entries(replies, options, 0,
+                        [&](const kept_record &reply) { print_entry(reply, out); });
 }
 
 /* ---- wait, mark ---- */
@@ -159,9 +122,9 @@ exit_status wait(const wait_options &options, const output &out) {
     record_reader replies = open_replies();
     std::int64_t after = options.after;
     const auto found = find_in_time(options.timeout, [&] {
-        return first_wanted(
-            after, [&](std::int64_t id) { return must_read(replies.list(id, batch), replies); },
-            [&](const kept_record &reply) { return is_wanted(options, replies, reply); });
+        return first_wanted(replies, after, 0, [&](const kept_record &reply) {
+            return is_wanted(options, replies, reply);
+        });
     });
     if (!found) {
         throw failure(exit_timed_out, "no such linkage reply came in time");
@@ -199,7 +162,7 @@ void add_tail(CLI::App &to, command_line &line) {
     auto options = std::make_shared<tail_options>();
     CLI::App *command =
         add_command(to, "tail", "Shows the newest replies, one a line", "kzectl lkg tail -f");
-    add_tail_options(command, options->lines, options->follow);
+    add_tail_options(command, *options);
     on_chosen(command, line, [&line, options] { return tail(*options, line.out); });
 }
 

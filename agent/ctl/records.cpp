@@ -12,14 +12,13 @@
 #include "agent/ctl/credible_record.h"
 #include "agent/ctl/ioa_report.h"
 #include "agent/gateway/frame.h"
+#include "agent/gateway/journal.h"
 #include "engine/qd_client.h"
 
 namespace kze::ctl {
 namespace {
 
 using gateway::frame;
-using gateway::journal_entry;
-using gateway::journal_record;
 using nlohmann::json;
 
 constexpr unsigned int zlib_compressed = 2;
@@ -71,8 +70,8 @@ bool looks_like_json(std::string_view bytes) {
 }
 
 /* As text where it is some; a character may be cut at its end. */
-std::string quoted_beginning(const journal_entry &entry) {
-    const std::string_view begins(entry.beginning);
+std::string quoted_beginning(const kept_record &entry) {
+    const std::string_view begins(entry.data);
     const std::string_view whole =
         begins.substr(0, looks_like_json(begins) ? shown_json : gateway::frame_header_size);
     const std::string more = static_cast<std::size_t>(entry.size) > whole.size() ? " ..." : "";
@@ -87,20 +86,20 @@ std::string quoted_beginning(const journal_entry &entry) {
 }
 
 /* What a report about custom rules tells, as far as the record's beginning has it. */
-std::optional<ioa_report> report_of(const journal_entry &entry) {
-    return entry.beginning.size() <= gateway::frame_header_size
+std::optional<ioa_report> report_of(const kept_record &entry) {
+    return entry.data.size() <= gateway::frame_header_size
                ? std::nullopt
-               : read_ioa_report(
-                     entry.type,
-                     std::string_view(entry.beginning).substr(gateway::frame_header_size));
+               : read_ioa_report(entry.kind,
+                                 std::string_view(entry.data).substr(gateway::frame_header_size));
 }
 
 /* The credible event in a record's bytes; none while only their beginning is there. */
-std::optional<json> credible_of(const journal_entry &entry, std::string_view data) {
-    if (entry.type != KZEMM_DATA_CREDIBLE || data.size() < static_cast<std::size_t>(entry.size)) {
+std::optional<json> credible_of(const kept_record &entry) {
+    if (entry.kind != KZEMM_DATA_CREDIBLE ||
+        entry.data.size() < static_cast<std::size_t>(entry.size)) {
         return std::nullopt;
     }
-    const frame decoded = gateway::decode_frame(data);
+    const frame decoded = gateway::decode_frame(entry.data);
     return decoded.has_header && decoded.problem.empty() ? read_credible(decoded.content)
                                                          : std::nullopt;
 }
@@ -113,17 +112,17 @@ json report_json(const ioa_report &report) {
     return value;
 }
 
-std::string brief(const journal_entry &entry) {
+std::string brief(const kept_record &entry) {
     const auto size = static_cast<std::size_t>(entry.size);
-    const frame head = gateway::decode_header(entry.beginning, size);
-    if (!is_framed(entry.type) || !head.has_header) {
+    const frame head = gateway::decode_header(entry.data, size);
+    if (!is_framed(entry.kind) || !head.has_header) {
         return quoted_beginning(entry);
     }
     if (head.compress_flag == zlib_compressed) {
         return human_size(head.msg_len) + " raw, compressed to " +
                percentage(head.payload_size, head.msg_len);
     }
-    if (const std::optional<json> event = credible_of(entry, entry.beginning)) {
+    if (const std::optional<json> event = credible_of(entry)) {
         return credible_text(*event);
     }
     const std::optional<ioa_report> report = report_of(entry);
@@ -242,8 +241,8 @@ void add_frame_rows(table &head, const frame &decoded) {
 }
 
 /* The record's frame, where its type has one. */
-std::optional<frame> frame_of(const journal_record &record) {
-    if (!is_framed(record.entry.type)) {
+std::optional<frame> frame_of(const kept_record &record) {
+    if (!is_framed(record.kind)) {
         return std::nullopt;
     }
     frame decoded = gateway::decode_frame(record.data);
@@ -255,33 +254,31 @@ std::optional<frame> frame_of(const journal_record &record) {
 
 }  // namespace
 
-journal_entry with_content(gateway::journal_reader &journal, const journal_entry &entry) {
-    journal_entry whole = entry;
-    if (entry.type == KZEMM_DATA_CREDIBLE) {
-        if (auto record = journal.show(entry.id)) {
-            whole.beginning = std::move(record->data);
+kept_record with_content(record_reader &journal, const kept_record &entry) {
+    if (entry.kind == KZEMM_DATA_CREDIBLE) {
+        if (auto whole = journal.show(entry.id); whole && !whole->empty()) {
+            return std::move(whole->front());
         }
     }
-    return whole;
+    return entry;
 }
 
-std::vector<table::cell> record_row(const journal_entry &entry) {
+std::vector<table::cell> record_row(const kept_record &entry) {
     return {{std::to_string(entry.id), look::strong},
-            {human_time(entry.accepted_us), look::faint},
-            {type_text(entry.type), look::accent},
+            {human_time(entry.time_us), look::faint},
+            {type_text(entry.kind), look::accent},
             {human_size(static_cast<std::uint64_t>(entry.size))},
             {brief(entry)}};
 }
 
-json record_json(const journal_entry &entry) {
+json record_json(const kept_record &entry) {
     json value = {{"id", entry.id},
-                  {"accepted_us", entry.accepted_us},
-                  {"type", entry.type},
-                  {"type_name", gateway::data_type_name(entry.type)},
+                  {"accepted_us", entry.time_us},
+                  {"type", entry.kind},
+                  {"type_name", gateway::data_type_name(entry.kind)},
                   {"size", entry.size}};
-    const frame head =
-        gateway::decode_header(entry.beginning, static_cast<std::size_t>(entry.size));
-    if (is_framed(entry.type) && head.has_header) {
+    const frame head = gateway::decode_header(entry.data, static_cast<std::size_t>(entry.size));
+    if (is_framed(entry.kind) && head.has_header) {
         value["frame"] = {{"proto_type", head.proto_type},
                           {"compress_flag", head.compress_flag},
                           {"net_order", head.net_order},
@@ -290,25 +287,25 @@ json record_json(const journal_entry &entry) {
         if (const std::optional<ioa_report> report = report_of(entry)) {
             value["report"] = report_json(*report);
         }
-        if (const std::optional<json> event = credible_of(entry, entry.beginning)) {
+        if (const std::optional<json> event = credible_of(entry)) {
             value["credible"] = *event;
         }
     }
     return value;
 }
 
-json whole_record_json(const journal_record &record) {
-    json value = record_json(record.entry);
+json whole_record_json(const kept_record &record) {
+    json value = record_json(record);
     const std::optional<frame> decoded = frame_of(record);
     const std::string &content = decoded ? decoded->content : record.data;
     if (decoded) {
         value["frame"] = frame_json(*decoded);
     }
-    if (const std::optional<json> event = credible_of(record.entry, record.data)) {
+    if (const std::optional<json> event = credible_of(record)) {
         value["credible"] = *event;
     }
     if (const auto processes = processes_of(content);
-        processes && record.entry.type == KZEMM_DATA_ORIGIN) {
+        processes && record.kind == KZEMM_DATA_ORIGIN) {
         value["processes"] = *processes;
     } else if (is_text(content)) {
         value["text"] = content;
@@ -320,25 +317,24 @@ json whole_record_json(const journal_record &record) {
     return value;
 }
 
-void print_record(const journal_record &record, const output &out) {
+void print_record(const kept_record &record, const output &out) {
     const std::optional<frame> decoded = frame_of(record);
     const std::string &content = decoded ? decoded->content : record.data;
-    const auto processes = record.entry.type == KZEMM_DATA_ORIGIN
-                               ? processes_of(content)
-                               : std::optional<std::vector<json>>();
+    const auto processes = record.kind == KZEMM_DATA_ORIGIN ? processes_of(content)
+                                                            : std::optional<std::vector<json>>();
     table head;
-    head.add({{"Record", look::faint}, {std::to_string(record.entry.id), look::strong}});
-    head.add({{"Taken", look::faint}, {human_time(record.entry.accepted_us)}});
-    head.add({{"Type", look::faint}, {type_text(record.entry.type), look::accent}});
+    head.add({{"Record", look::faint}, {std::to_string(record.id), look::strong}});
+    head.add({{"Taken", look::faint}, {human_time(record.time_us)}});
+    head.add({{"Type", look::faint}, {type_text(record.kind), look::accent}});
     head.add({{"Size", look::faint}, {size_text(record.data.size())}});
     if (decoded) {
         add_frame_rows(head, *decoded);
     }
-    if (const std::optional<ioa_report> report = read_ioa_report(record.entry.type, content)) {
+    if (const std::optional<ioa_report> report = read_ioa_report(record.kind, content)) {
         head.add({{"Agent", look::faint}, {std::to_string(report->agent_id)}});
         head.add({{"Custom IOA", look::faint}, {ioa_report_text(*report)}});
     }
-    const std::optional<json> event = credible_of(record.entry, record.data);
+    const std::optional<json> event = credible_of(record);
     if (event) {
         add_credible_rows(*event, head);
     }
@@ -356,7 +352,7 @@ void print_record(const journal_record &record, const output &out) {
     }
 }
 
-std::string record_content(const journal_record &record) {
+std::string record_content(const kept_record &record) {
     const std::optional<frame> decoded = frame_of(record);
     return decoded ? decoded->content : record.data;
 }

@@ -48,9 +48,9 @@ struct gateway_state {
 };
 
 gateway_state look_at_gateway() {
-    gateway::journal_reader journal(tree_path(GATEWAY_JOURNAL_PATH));
-    auto counts = journal.counters();
-    if (!counts) {
+    record_reader journal(tree_path(GATEWAY_JOURNAL_PATH), gateway::journal_form);
+    auto counts = journal.numbers(gateway::counters_table);
+    if (!counts || journal.absent()) {
         return {{}, journal.absent() ? "no records yet" : journal.problem()};
     }
     return {std::move(*counts), ""};

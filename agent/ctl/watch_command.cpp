@@ -9,6 +9,7 @@
 #include "agent/common/tree.h"
 #include "agent/ctl/command_line.h"
 #include "agent/ctl/deadline.h"
+#include "agent/ctl/entries.h"
 #include "agent/ctl/log_files.h"
 #include "agent/ctl/processes.h"
 #include "agent/ctl/records.h"
@@ -18,12 +19,10 @@
 namespace kze::ctl {
 namespace {
 
-using gateway::journal_entry;
 using nlohmann::json;
 
 constexpr int look_period_ms = 100;
 constexpr int looks_between_host_checks = 10;
-constexpr unsigned int batch = 256;
 
 /* One of the followed logs. */
 struct source {
@@ -60,10 +59,10 @@ event log_event(const source &from, const log_line &line, const std::string &tim
     return found;
 }
 
-event record_event(const journal_entry &entry) {
+event record_event(const kept_record &entry) {
     const auto row = record_row(entry);
     event found;
-    found.time = log_time(entry.accepted_us);
+    found.time = log_time(entry.time_us);
     found.from = "gateway";
     found.from_look = look::good;
     found.text =
@@ -94,11 +93,8 @@ class watcher {
     explicit watcher(bool from_now)
         : worker_("plug-in", "worker", from_now),
           host_("host", "host", from_now),
-          journal_(tree_path(GATEWAY_JOURNAL_PATH)) {
-        if (const auto newest = journal_.newest(0, 1); from_now && newest && !newest->empty()) {
-            last_ = newest->back().id;
-        }
-    }
+          journal_(tree_path(GATEWAY_JOURNAL_PATH), gateway::journal_form),
+          last_(from_now ? journal_.newest_id().value_or(0) : 0) {}
 
     void look_and_print(const output &out) {
         std::vector<event> found;
@@ -122,20 +118,15 @@ class watcher {
     }
 
     void read_journal(std::vector<event> &into) {
-        const auto entries = journal_.list(last_, 0, batch);
-        if (!entries && !journal_.absent()) {
-            throw failure(exit_failed, journal_.problem());
-        }
-        for (const journal_entry &entry : entries.value_or(std::vector<journal_entry>())) {
-            last_ = entry.id;
+        for (const kept_record &entry : must_read(journal_.next(last_, entry_batch), journal_)) {
             into.push_back(record_event(with_content(journal_, entry)));
         }
     }
 
     source worker_;
     source host_;
-    gateway::journal_reader journal_;
-    std::int64_t last_ = 0;
+    record_reader journal_;
+    std::int64_t last_;
 };
 
 pid_t host_process() {

@@ -71,6 +71,10 @@ json engine_server::control(const json &request) {
         }
         return settings_.apply(request);
     }
+    if (op == "take-left") {
+        take_left();
+        return {{"ok", true}};
+    }
     if (op == "push") {
         return control_push(request);
     }
@@ -88,7 +92,7 @@ json engine_server::control(const json &request) {
     }
     return control_error("no request \"" + op +
                          "\"; there are status, answer, clear, version, rise, drive, push, "
-                         "origin-now, die, silent and rule-text");
+                         "origin-now, die, silent, rule-text and take-left");
 }
 
 json engine_server::control_status() {

@@ -3,6 +3,7 @@
 #include <iterator>
 
 #include "agent/common/control.h"
+#include "agent/engine/left_requests.h"
 #include "vrdbase.h"
 
 namespace kze::engine {
@@ -18,6 +19,7 @@ engine_server::engine_server(vrd_ipc_st *ipc, const std::string &settings_path)
     : ipc_(ipc),
       started_(clock::now()),
       settings_(settings_path),
+      left_path_(settings_path + left_suffix),
       clients_(ipc),
       calls_(
           settings_, clients_,
@@ -32,9 +34,20 @@ engine_server::engine_server(vrd_ipc_st *ipc, const std::string &settings_path)
       collector_([this](std::string snapshot, const std::vector<std::uint32_t> &clients) {
           deliver_origin(std::move(snapshot), clients);
       }) {
+    take_left();
     collector_.start();
     tick_ = cl_timerplus_start(1000, 0, 1000, on_tick, this);
     vrd_ipc_on_request(ipc_, on_request, this);
+}
+
+void engine_server::take_left() {
+    take_left_requests(left_path_, [this](const nlohmann::json &request) {
+        const nlohmann::json answer = settings_.apply(request);
+        if (!answer.value("ok", false)) {
+            kze_log(2, "a request that was left is refused: %s",
+                    answer.value("error", std::string()).c_str());
+        }
+    });
 }
 
 engine_server::~engine_server() {

@@ -26,7 +26,8 @@ class engine_server {
   public:
     using clock = std::chrono::steady_clock;
 
-    /* Creates the endpoint "qd_agent"; null when that fails. Settings lie in the file. */
+    /* Creates the endpoint "qd_agent"; null when that fails. Settings lie in the file,
+     * and beside it requests that were left for them. */
     static std::unique_ptr<engine_server> create(const std::string &settings_path);
     ~engine_server();
     engine_server(const engine_server &) = delete;
@@ -46,6 +47,8 @@ class engine_server {
     static void on_tick(cl_timerplus *timer);
     static void on_later(cl_timerplus *timer);
 
+    /* Carries out the settings requests that were left while there was no engine. */
+    void take_left();
     void handle_call(const vrd_addr_st *addr, unsigned int request_id, const record &request);
     void answer_call(const vrd_addr_st *addr, unsigned int request_id, const record &request,
                      const call_result &result);
@@ -73,6 +76,7 @@ class engine_server {
     vrd_ipc_st *const ipc_;
     const clock::time_point started_;
     engine_settings settings_;
+    const std::string left_path_;
     engine_clients clients_;
     engine_calls calls_;
     origin_collector collector_;

@@ -1,7 +1,7 @@
 #include "agent/engine/engine_settings.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -128,6 +128,19 @@ engine_settings::content parse(const std::string &text, const std::string &path)
     return out;
 }
 
+engine_settings::content read_content(const std::string &path) {
+    struct stat info {};
+    const descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    if (!file.valid() || ::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode) ||
+        info.st_size > file_size_limit) {
+        return default_content();
+    }
+    std::string text(static_cast<std::size_t>(info.st_size), '\0');
+    const ssize_t got = ::pread(file.get(), text.data(), text.size(), 0);
+    text.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+    return parse(text, path);
+}
+
 std::string change_answer(engine_settings::content &in, const json &request) {
     std::string call;
     call_answer answer;
@@ -239,32 +252,21 @@ settings_change find_change(const json &request) {
     return nullptr;
 }
 
+std::string change_content(engine_settings::content &in, const json &request) {
+    if (const settings_change how = find_change(request)) {
+        return how(in, request);
+    }
+    std::string error = "no settings request; there are";
+    for (const auto &[name, known] : settings_requests) {
+        error += std::string(" ") + name;
+    }
+    return error;
+}
+
 /* What is told of a pack may have come from a file that a person has changed. */
 std::uint64_t rules_held(const json &pack) {
     const auto found = pack.find("rules_held");
     return found != pack.end() && found->is_number_unsigned() ? found->get<std::uint64_t>() : 0;
-}
-
-/* Takes one use of what is set under a key. */
-template <typename Set>
-std::optional<Set> take_one(std::map<std::string, Set> &from, const std::string &key) {
-    const auto found = from.find(key);
-    if (found == from.end()) {
-        return std::nullopt;
-    }
-    const Set taken = found->second;
-    if (found->second.times == 1) {
-        from.erase(found);
-    } else if (found->second.times > 1) {
-        --found->second.times;
-    }
-    return taken;
-}
-
-bool same_file(const struct stat &left, const struct stat &right) {
-    return left.st_dev == right.st_dev && left.st_ino == right.st_ino &&
-           left.st_size == right.st_size && left.st_ctim.tv_sec == right.st_ctim.tv_sec &&
-           left.st_ctim.tv_nsec == right.st_ctim.tv_nsec;
 }
 
 std::string write_all(int file, const std::string &text) {
@@ -282,74 +284,52 @@ std::string write_all(int file, const std::string &text) {
 }  // namespace
 
 engine_settings::engine_settings(std::string path)
-    : path_(std::move(path)), content_(default_content()) {}
+    : path_(std::move(path)), content_(read_content(path_)) {}
 
 bool engine_settings::is_settings_request(const json &request) {
     return find_change(request) != nullptr;
 }
 
+std::string engine_settings::check(const json &request) {
+    content any = default_content();
+    return change_content(any, request);
+}
+
 json engine_settings::apply(const json &request) {
-    const settings_change how = find_change(request);
-    std::string error = "no settings request; there are";
-    if (how != nullptr) {
-        error = change_file([&](content &in) { return how(in, request); });
-    } else {
-        for (const auto &[name, known] : settings_requests) {
-            error += std::string(" ") + name;
-        }
-    }
-    if (!error.empty()) {
-        return {{"ok", false}, {"error", error}};
-    }
-    return {{"ok", true}};
+    const std::string error = change_file([&](content &in) { return change_content(in, request); });
+    return error.empty() ? json{{"ok", true}} : json{{"ok", false}, {"error", error}};
 }
 
 /* The file is written only for what is set for a number of uses. */
 std::optional<call_answer> engine_settings::take(const std::string &call, int type) {
-    const auto is_meant = [&](const content &in) {
-        const auto found = in.answers.find(call);
-        return found != in.answers.end() && found->second.for_type.value_or(type) == type;
-    };
-    {
-        const std::lock_guard<std::mutex> guard(lock_);
-        refresh();
-        if (!is_meant(content_)) {
-            return std::nullopt;
-        }
-        if (const call_answer &answer = content_.answers.at(call); answer.times == 0) {
-            return answer;
-        }
+    const std::lock_guard<std::mutex> guard(lock_);
+    const auto found = content_.answers.find(call);
+    if (found == content_.answers.end() || found->second.for_type.value_or(type) != type) {
+        return std::nullopt;
     }
-    std::optional<call_answer> taken;
-    const std::string error = change_file([&](content &in) -> std::string {
-        taken = is_meant(in) ? take_one(in.answers, call) : std::nullopt;
-        return {};
-    });
-    if (!error.empty()) {
-        kze_log(1, "the use of an answer isn't counted: %s", error.c_str());
-    }
-    return taken;
+    return take_one(content_.answers, found);
 }
 
 std::optional<version_rise> engine_settings::take_rise(const std::string &type) {
-    {
-        const std::lock_guard<std::mutex> guard(lock_);
-        refresh();
-        const auto found = content_.rises.find(type);
-        if (found == content_.rises.end()) {
-            return std::nullopt;
-        }
-        if (found->second.times == 0) {
-            return found->second;
-        }
+    const std::lock_guard<std::mutex> guard(lock_);
+    const auto found = content_.rises.find(type);
+    return found == content_.rises.end() ? std::nullopt
+                                         : std::optional(take_one(content_.rises, found));
+}
+
+/* Counts one use of what is set; what is used up goes. */
+template <typename Set>
+Set engine_settings::take_one(std::map<std::string, Set> &from,
+                              typename std::map<std::string, Set>::iterator set) {
+    const Set taken = set->second;
+    if (taken.times == 0) {
+        return taken;
     }
-    std::optional<version_rise> taken;
-    const std::string error = change_file([&](content &in) -> std::string {
-        taken = take_one(in.rises, type);
-        return {};
-    });
-    if (!error.empty()) {
-        kze_log(1, "the use of a set rise isn't counted: %s", error.c_str());
+    if (--set->second.times == 0) {
+        from.erase(set);
+    }
+    if (const std::string error = save(); !error.empty()) {
+        kze_log(1, "the use of what is set isn't counted: %s", error.c_str());
     }
     return taken;
 }
@@ -376,7 +356,6 @@ std::string engine_settings::keep_pack(const std::string &type, const json &pack
 
 int engine_settings::drive_state(int drive_switch) {
     const std::lock_guard<std::mutex> guard(lock_);
-    refresh();
     return content_.drive_states[drive_switch == DRIVE_SWITCH_DRIVE ? 0 : 1];
 }
 
@@ -389,35 +368,17 @@ std::string engine_settings::set_drive_state(int drive_switch, int state) {
 
 std::string engine_settings::version(const std::string &type) {
     const std::lock_guard<std::mutex> guard(lock_);
-    refresh();
     const auto found = content_.versions.find(type);
     return found == content_.versions.end() ? std::string() : found->second;
 }
 
 json engine_settings::describe() {
     const std::lock_guard<std::mutex> guard(lock_);
-    refresh();
     return to_json(content_);
 }
 
 std::string engine_settings::change_file(const change &how) {
     const std::lock_guard<std::mutex> guard(lock_);
-    const std::string directory = path_.substr(0, path_.rfind('/'));
-    if (const int made = kze_dirutils_mkdir(directory.c_str(), 0700); made != 0) {
-        errno = made;
-        return system_error("can't make", directory);
-    }
-    const std::string lock_path = path_ + ".lock";
-    const descriptor file(::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    if (file.get() < 0) {
-        return system_error("can't open", lock_path);
-    }
-    while (::flock(file.get(), LOCK_EX) != 0) {
-        if (errno != EINTR) {
-            return system_error("can't lock", lock_path);
-        }
-    }
-    refresh();
     content changed = content_;
     std::string error = how(changed);
     if (error.empty()) {
@@ -430,30 +391,14 @@ std::string engine_settings::change_file(const change &how) {
     return error;
 }
 
-/* Reads the file again when it is another one than last time. The caller holds lock_. */
-void engine_settings::refresh() {
-    struct stat now {};
-    const descriptor file(::open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    if (file.get() < 0 || ::fstat(file.get(), &now) != 0 || !S_ISREG(now.st_mode)) {
-        now = {};
-    }
-    if (same_file(now, stamp_)) {
-        return;
-    }
-    stamp_ = now;
-    if (now.st_ino == 0 || now.st_size > file_size_limit) {
-        content_ = default_content();
-        return;
-    }
-    std::string text(static_cast<std::size_t>(now.st_size), '\0');
-    const ssize_t got = ::pread(file.get(), text.data(), text.size(), 0);
-    text.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
-    content_ = parse(text, path_);
-}
-
 /* Writes the content beside the file and renames it into place: it outlives the process, and need
- * not outlive the host. The caller holds both locks. */
-std::string engine_settings::save() {
+ * not outlive the host. The caller holds lock_. */
+std::string engine_settings::save() const {
+    const std::string directory = path_.substr(0, path_.rfind('/'));
+    if (const int made = kze_dirutils_mkdir(directory.c_str(), 0700); made != 0) {
+        errno = made;
+        return system_error("can't make", directory);
+    }
     const std::string beside = path_ + ".new";
     {
         const descriptor file(
@@ -468,9 +413,6 @@ std::string engine_settings::save() {
     }
     if (::rename(beside.c_str(), path_.c_str()) != 0) {
         return system_error("can't replace", path_);
-    }
-    if (::stat(path_.c_str(), &stamp_) != 0) {
-        stamp_ = {};
     }
     return {};
 }

@@ -1,14 +1,10 @@
 /*
  * What the engine was told to answer, and the versions it reports: kept in a file of the tree, so
- * that it outlives the process and can be set while there is none.
- *
- * The engine applies such requests when it runs; a program that finds no engine applies the same
- * request to the file.
+ * that it outlives the process. The engine alone reads and writes it; who finds no engine leaves a
+ * request for its start (left_requests.h).
  */
 #ifndef KZE_AGENT_ENGINE_SETTINGS_H
 #define KZE_AGENT_ENGINE_SETTINGS_H
-
-#include <sys/stat.h>
 
 #include <functional>
 #include <map>
@@ -23,17 +19,17 @@ namespace kze::engine {
 
 constexpr char settings_file[] = "@/../var/lib/qd_agent.json";
 
-/*
- * The settings in one file. Safe from any thread, and between processes: each change is made under
- * a lock file, and a file that another process changed is read again.
- */
+/* The settings in one file, which no other process changes. Safe from any thread. */
 class engine_settings {
   public:
-    /* path is absolute; nothing is read or made yet. */
+    /* Reads the file, if there is one. path is absolute. */
     explicit engine_settings(std::string path);
 
     /* Whether apply knows the request's "op". */
     static bool is_settings_request(const nlohmann::json &request);
+
+    /* What speaks against a request, whatever is set; empty when nothing does. */
+    static std::string check(const nlohmann::json &request);
 
     /*
      * Carries out one of
@@ -85,13 +81,14 @@ class engine_settings {
     using change = std::function<std::string(content &in)>;
 
     std::string change_file(const change &how);
-    void refresh();
-    std::string save();
+    std::string save() const;
+    template <typename Set>
+    Set take_one(std::map<std::string, Set> &from,
+                 typename std::map<std::string, Set>::iterator set);
 
     const std::string path_;
     std::mutex lock_; /* guards what follows */
     content content_;
-    struct stat stamp_ {}; /* of the file as it was read; all zero: there was none */
 };
 
 /*

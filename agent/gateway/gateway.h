@@ -23,12 +23,6 @@ enum gateway_result {
 #define GATEWAY_SETTINGS_PATH "@/../config/gateway.ini"
 #define GATEWAY_LOG_PATH "@/../var/log/gateway"
 
-/* Appended to the journal's name when what lies there is no journal and is put aside. */
-#define GATEWAY_UNUSABLE_SUFFIX ".unusable"
-
-/* The journal's PRAGMA user_version. */
-#define GATEWAY_JOURNAL_VERSION 1
-
 /*
  * Rows of the journal's table "counters". All but the last only ever grow. Refused as invalid is
  * what got GATEWAY_NULL_DATA to GATEWAY_TOO_LONG, as full GATEWAY_QUEUE_FULL, GATEWAY_NO_MEMORY and

@@ -119,7 +119,7 @@ void writer_thread::run(std::promise<void> &running) {
 }
 
 void writer_thread::look_at_journal() {
-    if (journal_.open()) {
+    if (journal_.look()) {
         queue_.stored(nullptr, nullptr, journal_.stored_bytes());
     }
 }

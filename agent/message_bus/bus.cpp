@@ -10,9 +10,8 @@
 
 #include "agent/common/tree.h"
 #include "agent/message_bus/events.h"
-#include "agent/message_bus/tap_writer.h"
+#include "agent/message_bus/tap.h"
 #include "datapath/mbframe.h"
-#include "kzautil.h"
 #include "vrdbase.h"
 
 namespace kze::bus {
@@ -24,7 +23,6 @@ constexpr unsigned int code_no_memory = 0x8007000E;
 constexpr unsigned int code_no_plugin = 0x80070490;
 
 constexpr _GUID class_of_the_bus = {};
-constexpr unsigned int tap_directory_mode = 0700;
 constexpr auto unadvised_on_request = static_cast<_UNADVISE_REASON>(0);
 
 int result_of(unsigned int code) {
@@ -40,8 +38,8 @@ class dispatcher : public MbFrame::IDispatch {
     void keep(MbFrame::IEvent &event);
 
     std::mutex mutex_;
-    tap_writer tap_{tree_path(tap_path)}; /* guarded by mutex_ */
-    bool tap_failed_ = false;             /* the same */
+    record_writer tap_{tree_path(tap_path), tap_form}; /* guarded by mutex_ */
+    bool tap_failed_ = false;                          /* the same */
 };
 
 /* A tap that can't be written is told of once, and the publication is taken all the same. */
@@ -50,7 +48,7 @@ void dispatcher::keep(MbFrame::IEvent &event) {
         static_cast<const _RESPONSE_APP_REQUEST_INFO *>(event.GetNativeEvent());
     const unsigned int id = event.GetUniqueID();
     const std::lock_guard<std::mutex> lock(mutex_);
-    const bool kept = tap_.add(id, event_data(id, record->data));
+    const bool kept = tap_.append(publication(id, event_data(id, record->data))).has_value();
     if (!kept && !tap_failed_) {
         kze_log(2, "message bus: the tap keeps nothing: %s", tap_.problem().c_str());
     }
@@ -82,8 +80,6 @@ int dispatcher::Dispatch(MbFrame::IEvent *event) {
  */
 class frame : public MbFrame::IRtmFrame {
   public:
-    frame() { kze_dirutils_mkdir(tree_path(tap_directory).c_str(), tap_directory_mode); }
-
     unsigned int QueryInterface(const _GUID &id, void **out) override;
     int AddRef() override { return __atomic_add_fetch(&references_, 1, __ATOMIC_SEQ_CST); }
     int Release() override { return __atomic_sub_fetch(&references_, 1, __ATOMIC_SEQ_CST); }

@@ -1,52 +1,37 @@
-/*
- * The file of the bus's tap: a ring of slots of one size, in which the newest publications stand.
- *
- * The bus's process alone writes it, a slot with one write; any process may read meanwhile. Each
- * slot has a checksum, so that a reader that meets a write, or comes after a crash, leaves out
- * what is not whole. What the machine had not written to its disk when its power went is gone.
- */
+/* The tap of the bus: a file of records (agent/common/record_file.h) of the newest publications. */
 #ifndef KZE_AGENT_MESSAGE_BUS_TAP_H
 #define KZE_AGENT_MESSAGE_BUS_TAP_H
 
-#include <sys/types.h>
-
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
+
+#include "agent/common/record_file.h"
 
 namespace kze::bus {
 
-constexpr char tap_directory[] = "@/../var/lib";
-constexpr char tap_path[] = "@/../var/lib/bus.tap";
+constexpr char tap_path[] = "@/../var/lib/bus.db";
 
-/* At the beginning of the file. */
-struct tap_header {
-    char magic[8];
-    std::uint32_t slots;
-    std::uint32_t slot_size;
-};
-constexpr tap_header tap_form = {{'K', 'Z', 'E', 'B', 'U', 'S', 'T', '1'}, 1024, 4096};
+/* A record's kind is its event id. The disk is never waited for: publishers would wait with it. */
+inline constexpr record_form tap_form{"publications",
+                                      "published_us",
+                                      "event",
+                                      "size",
+                                      "",
+                                      "is no tap of the message bus",
+                                      false,
+                                      100,
+                                      1024,
+                                      0};
 
-/* At the beginning of a slot; the data follows. Publication n lies in slot (n - 1) % slots. */
-struct tap_slot {
-    std::uint64_t number;      /* from 1 on; 0 in a slot that was never used */
-    std::int64_t published_us; /* microseconds since 1970, UTC */
-    std::uint64_t size;        /* bytes that were published */
-    std::uint32_t event_id;
-    std::uint32_t kept;     /* bytes that follow: all, or as many as fit */
-    std::uint32_t checksum; /* of the slot with 0 in this field, and of the data */
-    std::uint32_t unused;   /* 0 */
-};
-static_assert(sizeof(tap_slot) == 40, "nothing lies between the fields");
+/* Of longer data the beginning is kept. */
+constexpr std::size_t tap_kept_at_most = 4056;
 
-constexpr std::size_t tap_kept_at_most = tap_form.slot_size - sizeof(tap_slot);
-/* The first slot has the place of slot -1, the header's. */
-constexpr off_t tap_size = off_t{tap_form.slots + 1} * tap_form.slot_size;
-
-/* Where the slot of a publication begins. */
-off_t tap_place(std::uint64_t number);
-std::uint32_t tap_checksum(const tap_slot &slot, const char *data);
-/* Whether a file begins with the header of a tap and has its size. */
-bool is_tap(int file);
+/* What the tap keeps of a publication that comes now; the data stay the caller's. */
+inline new_record publication(std::uint32_t event_id, std::string_view data) {
+    return {data.substr(0, tap_kept_at_most), static_cast<std::int64_t>(data.size()),
+            static_cast<int>(event_id)};
+}
 
 }  // namespace kze::bus
 

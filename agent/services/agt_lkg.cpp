@@ -7,7 +7,7 @@ namespace {
 
 std::unique_ptr<kze::services::endpoint_service> make() {
     return std::make_unique<kze::services::linkage_service>(
-        kze::tree_path(kze::services::linkage_replies.path));
+        kze::tree_path(kze::services::linkage_path));
 }
 
 }  // namespace

@@ -7,7 +7,7 @@ namespace {
 
 std::unique_ptr<kze::services::endpoint_service> make() {
     return std::make_unique<kze::services::disposal_service>(
-        kze::tree_path(kze::services::disposal_orders.path));
+        kze::tree_path(kze::services::disposal_path));
 }
 
 }  // namespace

@@ -58,7 +58,7 @@ void disposal_service::on_request(vrd_addr_st *from, unsigned int request_id, un
  * there as begun. */
 void disposal_service::carry_out(disposal_order &order) {
     ++orders_;
-    const std::optional<std::int64_t> id = journal_.add(order.record());
+    const std::optional<std::int64_t> id = journal_.append({order.record()});
     const bool kill = kills();
     disposal_rules rules;
     rules.kill = kill;

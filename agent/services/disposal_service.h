@@ -9,7 +9,7 @@
 
 #include "agent/services/disposal_order.h"
 #include "agent/services/endpoint_service.h"
-#include "agent/services/record_store.h"
+#include "agent/services/record_forms.h"
 
 namespace kze::services {
 
@@ -36,7 +36,7 @@ class disposal_service : public endpoint_service {
     void note_unkept();
 
     const std::string tree_;
-    record_store journal_;
+    record_writer journal_;
     std::uint64_t orders_ = 0;
     std::uint64_t malformed_ = 0;
     std::uint64_t unkept_ = 0; /* orders that are not in the journal, or not as they ended */

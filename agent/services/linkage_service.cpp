@@ -15,7 +15,7 @@ void linkage_service::on_message(unsigned int cmd, std::string_view body) {
         return;
     }
     ++(body.empty() ? failures_ : results_);
-    if (!replies_.add(body)) {
+    if (!replies_.append({body})) {
         note_lost();
         return;
     }

@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "agent/services/endpoint_service.h"
-#include "agent/services/record_store.h"
+#include "agent/services/record_forms.h"
 
 namespace kze::services {
 
@@ -29,7 +29,7 @@ class linkage_service : public endpoint_service {
     void note_lost();
     void note_kept();
 
-    record_store replies_;
+    record_writer replies_;
     std::uint64_t results_ = 0;
     std::uint64_t failures_ = 0;
     std::uint64_t lost_ = 0;        /* could not be written */

@@ -127,13 +127,12 @@ bool run(const char *name, const measure_type &measure, std::size_t size, unsign
         closing = clock_type::now();
     }
     const double drain = std::chrono::duration<double>(clock_type::now() - closing).count();
-    kze::gateway::journal_reader journal(tree.path("var/lib/gateway.db"));
-    const auto counts = journal.counters();
-    const auto newest = journal.newest(0, 1);
+    kze::record_reader journal(tree.path("var/lib/gateway.db"), kze::gateway::journal_form);
+    const auto counts = journal.numbers(kze::gateway::counters_table);
+    const auto newest = journal.newest_id();
     const auto expected = static_cast<std::int64_t>(measured.sends + 1);
     const bool complete =
-        counts && newest && newest->size() == 1 && newest->front().id == expected &&
-        counts->at(GATEWAY_COUNT_ACCEPTED) == expected &&
+        counts && newest == expected && counts->at(GATEWAY_COUNT_ACCEPTED) == expected &&
         counts->at(GATEWAY_COUNT_STORED_BYTES) == expected * static_cast<std::int64_t>(size);
     const double per_second = static_cast<double>(measured.sends) / measured.seconds;
     std::printf(

@@ -73,10 +73,10 @@ TEST(gateway_records, of_an_event_with_many_processes_and_many_named_nodes_are_t
     const std::string rule = wire::number(6, 1) + wire::bytes(9, action);
     const std::string frame =
         wire::frame(wire::number(5, 9) + wire::bytes(17, wire::bytes(6, rule)));
-    kze::gateway::journal_record record;
+    kze::kept_record record;
     record.data = frame;
-    record.entry.type = KZEMM_DATA_CREDIBLE;
-    record.entry.size = static_cast<int64_t>(frame.size());
+    record.kind = KZEMM_DATA_CREDIBLE;
+    record.size = static_cast<int64_t>(frame.size());
     const nlohmann::json told = kze::ctl::whole_record_json(record);
     const nlohmann::json &processes = told["credible"]["actions"][0]["processes"];
     ASSERT_EQ(processes.size(), count);

@@ -246,13 +246,13 @@ void check_report(int type, const std::string &content) {
 }
 
 // In a list, for which the journal may give no more than a record's beginning.
-void check_rows(const kze::gateway::journal_record &record) {
+void check_rows(const kze::kept_record &record) {
     const size_t all = record.data.size();
     const std::set<size_t> given = {std::min(all, wire::header_size), std::min(all, size_t{80}),
                                     std::min(all, journal_beginning), all};
     for (const size_t known : given) {
-        kze::gateway::journal_entry entry = record.entry;
-        entry.beginning = record.data.substr(0, known);
+        kze::kept_record entry = record;
+        entry.data = record.data.substr(0, known);
         for (const kze::ctl::table::cell &cell : kze::ctl::record_row(entry)) {
             require_shown(cell.text);
         }
@@ -261,7 +261,7 @@ void check_rows(const kze::gateway::journal_record &record) {
 }
 
 // Standard output is a text in memory meanwhile.
-std::string printed(const kze::gateway::journal_record &record) {
+std::string printed(const kze::kept_record &record) {
     char *text = nullptr;
     size_t size = 0;
     FILE *const usual = stdout;
@@ -273,7 +273,7 @@ std::string printed(const kze::gateway::journal_record &record) {
     return taken(text, static_cast<uint32_t>(size));
 }
 
-void check_printed(const kze::gateway::journal_record &record) {
+void check_printed(const kze::kept_record &record) {
     const std::string text = printed(record);
     require(!text.empty() && text.back() == '\n', "whole lines are printed");
     for (size_t at = 0; at < text.size();) {
@@ -317,12 +317,11 @@ json read_record(int type, const std::string &bytes) {
     check_round_trip(bytes);
     check_event(wire::payload(bytes));
     check_report(type, wire::payload(bytes));
-    kze::gateway::journal_record record;
+    kze::kept_record record;
     record.data = bytes;
-    record.entry.id = 1;
-    record.entry.type = type;
-    record.entry.size = static_cast<int64_t>(bytes.size());
-    record.entry.beginning = bytes.substr(0, journal_beginning);
+    record.id = 1;
+    record.kind = type;
+    record.size = static_cast<int64_t>(bytes.size());
     check_rows(record);
     check_printed(record);
     const json value = kze::ctl::whole_record_json(record);

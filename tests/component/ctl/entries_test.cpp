@@ -10,7 +10,6 @@
 #include "agent/common/tree.h"
 #include "agent/message_bus/events.h"
 #include "agent/message_bus/tap.h"
-#include "agent/message_bus/tap_writer.h"
 #include "tests/component/gateway/gateway_library.h"
 #include "tests/support/command_run.h"
 #include "tests/support/temp_tree.h"
@@ -20,6 +19,7 @@ namespace {
 
 using kze::bus::event_offline;
 using kze::bus::event_origin;
+using kze::bus::publication;
 using nlohmann::json;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -61,14 +61,14 @@ class BusCommands : public testing::Test {
     }
 
     void publish_four() {
-        ASSERT_TRUE(tap_.add(event_origin, "first"));
-        ASSERT_TRUE(tap_.add(event_offline, "second"));
-        ASSERT_TRUE(tap_.add(event_origin, "third \x1B[31m"));
-        ASSERT_TRUE(tap_.add(event_origin, "fourth"));
+        ASSERT_TRUE(tap_.append(publication(event_origin, "first")));
+        ASSERT_TRUE(tap_.append(publication(event_offline, "second")));
+        ASSERT_TRUE(tap_.append(publication(event_origin, "third \x1B[31m")));
+        ASSERT_TRUE(tap_.append(publication(event_origin, "fourth")));
     }
 
     temp_tree tree;
-    kze::bus::tap_writer tap_{kze::tree_path(kze::bus::tap_path)};
+    kze::record_writer tap_{kze::tree_path(kze::bus::tap_path), kze::bus::tap_form};
 };
 
 TEST_F(BusCommands, there_is_nothing_before_the_first_publication) {
@@ -102,7 +102,7 @@ TEST_F(BusCommands, tail_takes_the_newest_lines_and_goes_on) {
     EXPECT_THAT(tailed("bus", {"--lines", "1", "--event", "offline"}), ElementsAre("2"));
     child_process following({KZECTL, "--json", "bus", "tail", "-f", "-n", "1"});
     EXPECT_THAT(following.read_line(), HasSubstr("\"fourth\""));
-    ASSERT_TRUE(tap_.add(event_offline, "fifth"));
+    ASSERT_TRUE(tap_.append(publication(event_offline, "fifth")));
     EXPECT_THAT(following.read_line(), HasSubstr("\"fifth\""));
 }
 
@@ -115,7 +115,7 @@ TEST_F(BusCommands, tail_that_was_overtaken_says_by_how_many) {
     ASSERT_EQ(waitpid(following.pid(), &status, WUNTRACED), following.pid());
     constexpr int more = 1030; /* of which the ring keeps 1,024 */
     for (int i = 0; i < more; ++i) {
-        ASSERT_TRUE(tap_.add(event_origin, "later"));
+        ASSERT_TRUE(tap_.append(publication(event_origin, "later")));
     }
     following.signal(SIGCONT);
     EXPECT_EQ(following.read_line(), "6 publications were overwritten");
@@ -127,7 +127,7 @@ TEST_F(BusCommands, tail_goes_on_with_a_tap_that_was_begun_anew) {
     child_process following({KZECTL, "bus", "tail", "-f", "-n", "1"});
     EXPECT_THAT(following.read_line(), HasSubstr("fourth"));
     std::filesystem::remove(kze::tree_path(kze::bus::tap_path));
-    ASSERT_TRUE(tap_.add(event_origin, "first of the new one"));
+    ASSERT_TRUE(tap_.append(publication(event_origin, "first of the new one")));
     const std::string line = following.read_line();
     EXPECT_THAT(line, StartsWith("1  "));
     EXPECT_THAT(line, HasSubstr("first of the new one"));
@@ -143,7 +143,7 @@ TEST_F(BusCommands, wait_ends_with_the_publication_that_fits) {
     EXPECT_EQ(kzectl({"--json", "bus", "wait", "--contains", "fou"}).value["content"], "fourth");
     EXPECT_EQ(kzectl({"bus", "wait", "--after", "4", "--timeout", "0.2"}).status, 4);
     child_process waiting({KZECTL, "bus", "wait", "--after", "4", "--timeout", "20"});
-    ASSERT_TRUE(tap_.add(event_origin, "fifth"));
+    ASSERT_TRUE(tap_.append(publication(event_origin, "fifth")));
     EXPECT_EQ(waiting.read_line(), "5");
     EXPECT_EQ(waiting.wait(), 0);
 }

@@ -1,5 +1,5 @@
 /* The calls of the client library against a running engine. */
-#include "agent/engine/engine_settings.h"
+#include "agent/engine/left_requests.h"
 #include "tests/component/engine/client_fixture.h"
 #include "tests/component/engine/engine_frames.h"
 
@@ -240,11 +240,17 @@ TEST_F(EngineClient, answers_outlive_the_engine_and_can_be_set_while_there_is_no
     tree.start_engine();
     EXPECT_EQ(start(), -3);
     tree.kill_engine(SIGKILL);
-    kze::engine::engine_settings settings(tree.path("var/lib/qd_agent.json"));
-    ASSERT_EQ(settings.apply({{"op", "answer"}, {"call", "x_client_start"}, {"code", -4}}),
-              (json{{"ok", true}}));
+    const std::string left = tree.path("var/lib/qd_agent.json.left");
+    ASSERT_EQ(kze::engine::leave_request(
+                  left, {{"op", "answer"}, {"call", "x_client_start"}, {"code", -4}}),
+              "");
     tree.start_engine();
     EXPECT_EQ(start(), -4);
+    ASSERT_EQ(kze::engine::leave_request(
+                  left, {{"op", "answer"}, {"call", "x_client_start"}, {"code", -5}}),
+              "");
+    ASSERT_TRUE(tree.order({{"op", "take-left"}}));
+    EXPECT_EQ(start(), -5);
     ASSERT_TRUE(tree.order({{"op", "clear"}}));
     EXPECT_EQ(start(), 0);
 }

@@ -9,6 +9,7 @@
 #include "agent/common/md5.h"
 #include "agent/engine/engine_protocol.h"
 #include "agent/engine/engine_settings.h"
+#include "agent/engine/left_requests.h"
 #include "agent/engine/origin_collector.h"
 #include "agent/engine/process_snapshot.h"
 #include "engine/qd_client.h"
@@ -133,12 +134,12 @@ TEST_F(EngineSettings, count_the_uses_of_an_answer_over_processes) {
     ASSERT_EQ(
         error_of({{"op", "answer"}, {"call", "x_client_start"}, {"never", true}, {"times", 3}}),
         "");
-    engine_settings other(file());
     EXPECT_TRUE(settings.take("x_client_start"));
-    EXPECT_TRUE(other.take("x_client_start"));
-    EXPECT_TRUE(settings.take("x_client_start"));
-    EXPECT_FALSE(settings.take("x_client_start"));
-    EXPECT_FALSE(other.take("x_client_start"));
+    engine_settings next(file());
+    EXPECT_TRUE(next.take("x_client_start"));
+    EXPECT_TRUE(next.take("x_client_start"));
+    EXPECT_FALSE(next.take("x_client_start"));
+    EXPECT_FALSE(engine_settings(file()).take("x_client_start"));
 }
 
 TEST_F(EngineSettings, keep_an_answer_without_a_number_of_times_until_it_is_cleared) {
@@ -155,15 +156,13 @@ TEST_F(EngineSettings, keep_an_answer_without_a_number_of_times_until_it_is_clea
     EXPECT_FALSE(settings.take("x_client_stop"));
 }
 
-TEST_F(EngineSettings, lose_no_change_of_threads_and_processes_that_write_together) {
+TEST_F(EngineSettings, lose_no_change_of_threads_that_write_together) {
     ASSERT_EQ(error_of({{"op", "answer"}, {"call", "x_client_start"}, {"code", 1}, {"times", 400}}),
               "");
     std::vector<std::thread> users;
     for (int user = 0; user < 4; ++user) {
         users.emplace_back([this] {
-            engine_settings own(file());
-            for (int use = 0; use < 50; ++use) {
-                EXPECT_TRUE(own.take("x_client_start"));
+            for (int use = 0; use < 100; ++use) {
                 EXPECT_TRUE(settings.take("x_client_start"));
             }
         });
@@ -172,6 +171,53 @@ TEST_F(EngineSettings, lose_no_change_of_threads_and_processes_that_write_togeth
         user.join();
     }
     EXPECT_FALSE(settings.take("x_client_start"));
+    EXPECT_FALSE(engine_settings(file()).take("x_client_start"));
+}
+
+TEST_F(EngineSettings, are_changed_by_requests_that_were_left_each_once_and_in_order) {
+    const std::string left = file() + kze::engine::left_suffix;
+    const auto taken = [&] {
+        std::vector<json> all;
+        kze::engine::take_left_requests(left, [&](const json &each) { all.push_back(each); });
+        return all;
+    };
+    EXPECT_EQ(taken(), std::vector<json>());
+    EXPECT_FALSE(std::filesystem::exists(left));
+    EXPECT_EQ(kze::engine::leave_request(left, {{"op", "one"}}), "");
+    std::ofstream(left, std::ios::app) << "{\"cut\":"; /* by a full disk */
+    EXPECT_EQ(kze::engine::leave_request(left, {{"op", "two"}}), "");
+    EXPECT_EQ(taken(), (std::vector<json>{{{"op", "one"}}, {{"op", "two"}}}));
+    EXPECT_EQ(taken(), std::vector<json>());
+    tree.write("var/lib/a_file", "");
+    EXPECT_NE(kze::engine::leave_request(tree.path("var/lib/a_file/x"), {}), "");
+}
+
+TEST_F(EngineSettings, lose_no_request_that_is_left_while_others_are_taken) {
+    const std::string left = file() + kze::engine::left_suffix;
+    constexpr int each_leaves = 200;
+    std::vector<std::thread> leaving;
+    for (int i = 0; i < 2; ++i) {
+        leaving.emplace_back([&] {
+            for (int n = 0; n < each_leaves; ++n) {
+                EXPECT_EQ(kze::engine::leave_request(left, {{"op", n}}), "");
+            }
+        });
+    }
+    int taken = 0;
+    EXPECT_TRUE(kze_test::eventually([&] {
+        kze::engine::take_left_requests(left, [&](const json &) { ++taken; });
+        return taken == 2 * each_leaves;
+    })) << taken;
+    for (std::thread &each : leaving) {
+        each.join();
+    }
+}
+
+TEST_F(EngineSettings, check_what_is_asked_without_changing_anything) {
+    EXPECT_EQ(engine_settings::check({{"op", "version"}, {"type", "ioc"}, {"version", "2"}}), "");
+    EXPECT_NE(engine_settings::check({{"op", "version"}, {"type", "x"}, {"version", "2"}}), "");
+    EXPECT_NE(engine_settings::check({{"op", "push"}}), "");
+    EXPECT_EQ(settings.version("ioc"), "1.0");
 }
 
 TEST_F(EngineSettings, refuse_what_is_not_meant_and_say_why) {
@@ -304,13 +350,13 @@ TEST_F(EngineSettings, keep_how_a_version_rises_for_as_many_loads_as_was_set) {
         EXPECT_EQ(rise->after_ms, 5U);
         EXPECT_FALSE(rise->never);
     }
-    EXPECT_FALSE(settings.take_rise("ioc"));
+    EXPECT_FALSE(other.take_rise("ioc"));
     ASSERT_EQ(error_of({{"op", "rise"}, {"type", "md"}, {"never", true}}), "");
     for (int use = 0; use < 5; ++use) {
-        EXPECT_TRUE(other.take_rise("md")->never);
+        EXPECT_TRUE(settings.take_rise("md")->never);
     }
     ASSERT_EQ(error_of({{"op", "rise"}, {"type", "md"}}), "");
-    EXPECT_FALSE(other.take_rise("md"));
+    EXPECT_FALSE(settings.take_rise("md"));
 }
 
 TEST_F(EngineSettings, refuse_a_rise_or_a_drive_state_that_is_not_meant) {

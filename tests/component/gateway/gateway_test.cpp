@@ -19,8 +19,9 @@
 
 namespace {
 
-using kze::gateway::journal_entry;
-using kze::gateway::journal_reader;
+using kze::kept_record;
+using kze::record_reader;
+using kze::gateway::journal_form;
 using kze_test::child_process;
 using kze_test::eventually;
 using kze_test::gateway_library;
@@ -33,22 +34,22 @@ class gateway : public testing::Test {
     std::string journal_path() const { return tree_.path("var/lib/gateway.db"); }
     std::string log() const { return tree_.read("var/log/gateway/gateway.log"); }
 
-    std::vector<journal_entry> entries() const {
-        return journal_reader(journal_path())
-            .list(0, 0, 1000000)
-            .value_or(std::vector<journal_entry>());
+    std::vector<kept_record> entries() const {
+        return record_reader(journal_path(), journal_form)
+            .list(0, 1000000)
+            .value_or(std::vector<kept_record>());
     }
     bool eventually_holds(std::size_t records) const {
         return eventually([&] { return entries().size() == records; });
     }
     std::int64_t counter(const std::string &name) const {
-        return journal_reader(journal_path())
-            .counters()
+        return record_reader(journal_path(), journal_form)
+            .numbers(kze::gateway::counters_table)
             .value_or(std::map<std::string, std::int64_t>())[name];
     }
     std::string data_of(std::int64_t id) const {
-        const auto record = journal_reader(journal_path()).show(id);
-        return record ? record->data : "no such record";
+        const auto found = record_reader(journal_path(), journal_form).show(id);
+        return found && !found->empty() ? found->front().data : "no such record";
     }
 
     kze_test::temp_tree tree_;
@@ -101,12 +102,12 @@ TEST_F(gateway, keeps_what_it_was_handed_with_its_type_size_and_time) {
     data.assign(data.size(), 'z'); /* the caller's buffer is the caller's again */
 
     ASSERT_TRUE(eventually_holds(1));
-    const journal_entry entry = entries()[0];
+    const kept_record entry = entries()[0];
     EXPECT_EQ(entry.id, 1);
-    EXPECT_EQ(entry.type, KZEMM_DATA_ALARM);
+    EXPECT_EQ(entry.kind, KZEMM_DATA_ALARM);
     EXPECT_EQ(entry.size, static_cast<std::int64_t>(original.size()));
-    EXPECT_GE(entry.accepted_us, before);
-    EXPECT_LE(entry.accepted_us, after);
+    EXPECT_GE(entry.time_us, before);
+    EXPECT_LE(entry.time_us, after);
     EXPECT_EQ(data_of(1), original);
 }
 
@@ -117,7 +118,7 @@ TEST_F(gateway, takes_every_type_from_1_to_10) {
     }
     ASSERT_TRUE(eventually_holds(10));
     for (int type = 1; type <= 10; ++type) {
-        EXPECT_EQ(entries()[static_cast<std::size_t>(type - 1)].type, type);
+        EXPECT_EQ(entries()[static_cast<std::size_t>(type - 1)].kind, type);
     }
 }
 
@@ -280,7 +281,7 @@ TEST_F(gateway, puts_a_file_that_is_no_journal_aside_and_begins_a_new_one) {
     const gateway_library library;
     ASSERT_EQ(library.send(KZEMM_DATA_ALARM, "data"), GATEWAY_ACCEPTED);
     ASSERT_TRUE(eventually_holds(1));
-    EXPECT_EQ(tree_.read("var/lib/gateway.db" GATEWAY_UNUSABLE_SUFFIX), garbage);
+    EXPECT_EQ(tree_.read("var/lib/gateway.db.unusable"), garbage);
     EXPECT_THAT(log(), HasSubstr("can't be used"));
 }
 
@@ -295,7 +296,7 @@ TEST_F(gateway, puts_a_journal_of_a_version_it_does_not_know_aside) {
     const gateway_library library;
     ASSERT_EQ(library.send(KZEMM_DATA_ALARM, "data"), GATEWAY_ACCEPTED);
     ASSERT_TRUE(eventually_holds(1));
-    EXPECT_TRUE(std::filesystem::exists(journal_path() + GATEWAY_UNUSABLE_SUFFIX));
+    EXPECT_TRUE(std::filesystem::exists(journal_path() + kze::unusable_suffix));
 }
 
 TEST_F(gateway, puts_a_journal_with_damaged_pages_aside_and_writes_on) {
@@ -314,7 +315,7 @@ TEST_F(gateway, puts_a_journal_with_damaged_pages_aside_and_writes_on) {
     ASSERT_EQ(library.send(KZEMM_DATA_ALARM, "after the damage"), GATEWAY_ACCEPTED);
     ASSERT_TRUE(eventually_holds(1));
     EXPECT_EQ(data_of(1), "after the damage");
-    EXPECT_TRUE(std::filesystem::exists(journal_path() + GATEWAY_UNUSABLE_SUFFIX));
+    EXPECT_TRUE(std::filesystem::exists(journal_path() + kze::unusable_suffix));
 }
 
 TEST_F(gateway, begins_a_new_journal_when_the_file_is_deleted_under_it) {
@@ -419,13 +420,13 @@ TEST_F(gateway, takes_concurrent_sends_each_once_and_each_threads_in_order) {
             sender.join();
         }
     }
-    journal_reader journal(journal_path());
+    record_reader journal(journal_path(), journal_form);
     for (int t = 0; t < threads; ++t) {
-        const auto found = journal.list(0, 1 + t, 10000);
+        const auto found = journal.list(0, 10000, 1 + t);
         ASSERT_TRUE(found) << journal.problem();
         ASSERT_EQ(found->size(), static_cast<std::size_t>(each));
         for (int i = 0; i < each; ++i) {
-            ASSERT_EQ((*found)[static_cast<std::size_t>(i)].beginning, std::to_string(i));
+            ASSERT_EQ((*found)[static_cast<std::size_t>(i)].data, std::to_string(i));
         }
     }
 }
@@ -489,7 +490,7 @@ TEST_F(gateway, has_everything_accepted_when_its_process_is_killed_a_second_late
     ASSERT_EQ(found.size(), accepted);
     for (std::size_t i = 0; i < found.size(); ++i) {
         ASSERT_EQ(found[i].size, 500);
-        ASSERT_EQ(found[i].beginning.substr(0, found[i].beginning.find(' ')), std::to_string(i));
+        ASSERT_EQ(found[i].data.substr(0, found[i].data.find(' ')), std::to_string(i));
     }
 }
 

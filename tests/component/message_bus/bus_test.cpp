@@ -9,11 +9,11 @@
 #include <thread>
 #include <vector>
 
-#include "agent/message_bus/tap_reader.h"
+#include "agent/message_bus/tap.h"
 #include "datapath/mbframe.h"
 #include "tests/support/temp_tree.h"
 
-using kze::bus::publication;
+using kze::kept_record;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -105,18 +105,18 @@ class message_bus_test : public testing::Test {
         EXPECT_EQ(dlopen(BUS_LIBRARY, RTLD_NOW | RTLD_NOLOAD), nullptr) << "it is still there";
     }
 
-    std::string tap_file() const { return tree.path("var/lib/bus.tap").string(); }
+    std::string tap_file() const { return tree.path("var/lib/bus.db").string(); }
 
-    std::vector<publication> tapped() const {
-        kze::bus::tap_reader tap(tap_file());
+    std::vector<kept_record> tapped() const {
+        kze::record_reader tap(tap_file(), kze::bus::tap_form);
         const auto found = tap.list(0, 1000000);
         EXPECT_TRUE(found.has_value()) << tap.problem();
-        return found.value_or(std::vector<publication>());
+        return found.value_or(std::vector<kept_record>());
     }
 
-    static std::vector<std::string> data_of(const std::vector<publication> &all) {
+    static std::vector<std::string> data_of(const std::vector<kept_record> &all) {
         std::vector<std::string> result;
-        for (const publication &each : all) {
+        for (const kept_record &each : all) {
             result.push_back(each.data);
         }
         return result;
@@ -225,14 +225,14 @@ TEST_F(message_bus_test, shows_the_tap_what_was_published) {
     EXPECT_EQ(plugin.dispatch->Dispatch(&offline), 0);
     const auto all = tapped();
     ASSERT_THAT(all, SizeIs(2));
-    EXPECT_EQ(all[0].number, 1U);
-    EXPECT_EQ(all[0].event_id, origin_id);
-    EXPECT_EQ(all[0].size, 11U);
+    EXPECT_EQ(all[0].id, 1);
+    EXPECT_EQ(all[0].kind, static_cast<int>(origin_id));
+    EXPECT_EQ(all[0].size, 11);
     EXPECT_EQ(all[0].data, "{\"first\":1}");
-    EXPECT_EQ(all[1].number, 2U);
-    EXPECT_EQ(all[1].event_id, offline_id);
+    EXPECT_EQ(all[1].id, 2);
+    EXPECT_EQ(all[1].kind, static_cast<int>(offline_id));
     EXPECT_EQ(all[1].data, "offline");
-    EXPECT_LE(all[0].published_us, all[1].published_us);
+    EXPECT_LE(all[0].time_us, all[1].time_us);
     EXPECT_EQ(plugin.events, 0);
 }
 
@@ -298,5 +298,5 @@ TEST_F(message_bus_test, takes_publications_from_many_threads) {
     }
     const auto all = tapped();
     ASSERT_THAT(all, SizeIs(publishers * each_publishes));
-    EXPECT_EQ(all.back().number, static_cast<uint64_t>(publishers * each_publishes));
+    EXPECT_EQ(all.back().id, publishers * each_publishes);
 }

@@ -4,7 +4,7 @@
 
 #include <optional>
 
-#include "agent/services/record_reader.h"
+#include "agent/services/record_forms.h"
 #include "tests/component/services/disposal_process.h"
 #include "tests/component/services/service_process.h"
 
@@ -46,8 +46,8 @@ class disposal_fixture : public service_test {
     /* What became of the first process of the newest order's first task. */
     nlohmann::json newest_process() { return newest().at("tasks").at(0).at("processes").at(0); }
 
-    kze::services::record_reader reader_{tree.path("var/lib/disposal.db").string(),
-                                         kze::services::disposal_orders};
+    kze::record_reader reader_{tree.path("var/lib/disposal.db").string(),
+                               kze::services::disposal_orders};
 };
 
 }  // namespace kze_test

@@ -3,7 +3,7 @@
 
 #include <thread>
 
-#include "agent/services/record_store.h"
+#include "agent/services/record_forms.h"
 #include "tests/component/services/service_process.h"
 #include "tests/support/command_run.h"
 
@@ -129,8 +129,8 @@ class LkgCommands : public ipc_fixture {
   protected:
     void SetUp() override { tree.write("bin/kze_agent", ""); }
 
-    kze::services::record_store replies_{tree.path("var/lib/linkage.db").string(),
-                                         kze::services::linkage_replies};
+    kze::record_writer replies_{tree.path("var/lib/linkage.db").string(),
+                                kze::services::linkage_replies};
 };
 
 TEST_F(LkgCommands, there_is_nothing_before_the_first_reply) {
@@ -142,7 +142,7 @@ TEST_F(LkgCommands, there_is_nothing_before_the_first_reply) {
 }
 
 TEST_F(LkgCommands, replies_are_listed_shown_and_told_from_failures) {
-    ASSERT_TRUE(replies_.add("{\"found\":\"\x1B[31m\"}") && replies_.add(""));
+    ASSERT_TRUE(replies_.append({"{\"found\":\"\x1B[31m\"}"}) && replies_.append({""}));
     const json all = kzectl({"--json", "lkg", "list"}).value["replies"];
     ASSERT_EQ(all.size(), 2U);
     EXPECT_EQ(all[0]["failed"], false);
@@ -157,7 +157,7 @@ TEST_F(LkgCommands, replies_are_listed_shown_and_told_from_failures) {
 }
 
 TEST_F(LkgCommands, wait_ends_with_the_reply_that_fits) {
-    ASSERT_TRUE(replies_.add("one") && replies_.add("") && replies_.add("two"));
+    ASSERT_TRUE(replies_.append({"one"}) && replies_.append({""}) && replies_.append({"two"}));
     EXPECT_EQ(kzectl({"lkg", "wait"}).out, "1\n");
     EXPECT_EQ(kzectl({"lkg", "wait", "--failed"}).out, "2\n");
     EXPECT_EQ(kzectl({"lkg", "wait", "--result", "--after", "1"}).out, "3\n");
@@ -165,19 +165,19 @@ TEST_F(LkgCommands, wait_ends_with_the_reply_that_fits) {
     EXPECT_EQ(kzectl({"lkg", "wait", "--contains", "three", "--timeout", "0.2"}).status, 4);
     EXPECT_EQ(kzectl({"lkg", "wait", "--failed", "--result"}).status, 2);
     child_process waiting({KZECTL, "lkg", "wait", "--after", "3", "--timeout", "20"});
-    ASSERT_TRUE(replies_.add("four"));
+    ASSERT_TRUE(replies_.append({"four"}));
     EXPECT_EQ(waiting.read_line(), "4");
     EXPECT_EQ(waiting.wait(), 0);
 }
 
 TEST_F(LkgCommands, tail_goes_on_with_what_comes_and_into_a_new_file) {
-    ASSERT_TRUE(replies_.add("old"));
+    ASSERT_TRUE(replies_.append({"old"}));
     child_process following({KZECTL, "--json", "lkg", "tail", "-f"});
     EXPECT_THAT(following.read_line(), HasSubstr("\"old\""));
-    ASSERT_TRUE(replies_.add("new"));
+    ASSERT_TRUE(replies_.append({"new"}));
     EXPECT_THAT(following.read_line(), HasSubstr("\"new\""));
     std::filesystem::rename(tree.path("var/lib/linkage.db"), tree.path("var/lib/moved.db"));
-    ASSERT_TRUE(replies_.add("anew"));
+    ASSERT_TRUE(replies_.append({"anew"}));
     EXPECT_THAT(following.read_line(), HasSubstr("\"anew\""));
     following.signal(SIGTERM);
     following.wait();
@@ -207,8 +207,8 @@ class DisposalCommands : public ipc_fixture {
         return all.dump();
     }
 
-    kze::services::record_store orders_{tree.path("var/lib/disposal.db").string(),
-                                        kze::services::disposal_orders};
+    kze::record_writer orders_{tree.path("var/lib/disposal.db").string(),
+                               kze::services::disposal_orders};
 };
 
 TEST_F(DisposalCommands, there_is_nothing_before_the_first_order) {
@@ -219,7 +219,7 @@ TEST_F(DisposalCommands, there_is_nothing_before_the_first_order) {
 }
 
 TEST_F(DisposalCommands, orders_are_listed_and_shown_with_the_fate_of_each_process) {
-    ASSERT_TRUE(orders_.add(order(4711, "ended")) && orders_.add(order(4712, "", false)));
+    ASSERT_TRUE(orders_.append({order(4711, "ended")}) && orders_.append({order(4712, "", false)}));
     const command_run list = kzectl({"disposal", "list"});
     EXPECT_THAT(list.out, HasSubstr("1 ended"));
     EXPECT_THAT(list.out, HasSubstr("code -30015, why"));
@@ -238,8 +238,8 @@ TEST_F(DisposalCommands, orders_are_listed_and_shown_with_the_fate_of_each_proce
 }
 
 TEST_F(DisposalCommands, wait_ends_with_the_order_that_fits_and_is_done) {
-    ASSERT_TRUE(orders_.add(order(1, "", false)) && orders_.add(order(4711, "gone")) &&
-                orders_.add(order(4711, "ended")));
+    ASSERT_TRUE(orders_.append({order(1, "", false)}) && orders_.append({order(4711, "gone")}) &&
+                orders_.append({order(4711, "ended")}));
     EXPECT_EQ(kzectl({"disposal", "wait"}).out, "2\n");
     EXPECT_EQ(kzectl({"disposal", "wait", "--pid", "4711", "--fate", "ended"}).out, "3\n");
     EXPECT_EQ(kzectl({"disposal", "wait", "--fate", "ended"}).out, "3\n");
@@ -257,7 +257,7 @@ TEST_F(DisposalCommands, a_record_that_is_no_order_is_told_and_not_shown) {
         return R"({"done":true,"tasks":[{"processes":[)" + process + "]}]}";
     };
     const std::string good = R"({"pid":1,"create_time":7})";
-    ASSERT_TRUE(orders_.add(order_of(good)));
+    ASSERT_TRUE(orders_.append({order_of(good)}));
     EXPECT_EQ(kzectl({"disposal", "list"}).status, 0);
     for (const std::string &bad :
          {std::string("[]"), std::string("{}"), std::string("7"), std::string(R"({"tasks":{}})"),

@@ -1,5 +1,5 @@
 /* The linkage service, sent to as the plug-in does. */
-#include "agent/services/record_reader.h"
+#include "agent/services/record_forms.h"
 #include "tests/component/services/service_process.h"
 
 namespace kze_test {
@@ -36,8 +36,8 @@ class LinkageService : public service_test {
         return all;
     }
 
-    kze::services::record_reader reader_{tree.path("var/lib/linkage.db").string(),
-                                         kze::services::linkage_replies};
+    kze::record_reader reader_{tree.path("var/lib/linkage.db").string(),
+                               kze::services::linkage_replies};
 };
 
 TEST_F(LinkageService, replies_are_kept_and_an_empty_one_counts_as_a_failure) {
