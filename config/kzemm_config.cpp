@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <memory>
+#include <mutex>
 #include <new>
 
 #include "kzautil.h"
@@ -18,6 +19,9 @@ constexpr unsigned int default_task_queue_size = 10;
 constexpr unsigned int default_offline_retry_times = 10;
 constexpr unsigned int default_upgrade_check_interval = 120;
 constexpr unsigned int default_qd_start_max_interval = 300;
+
+// Two verdicts of the engine may come at once; whoever reads the identifier doesn't take it.
+std::mutex s_rule_id_mutex;
 
 struct ini_deleter {
     void operator()(void *ini) const { kze_ini_file_free(ini); }
@@ -156,6 +160,7 @@ int kzemm_config::set_ctmioa_rule_id(const std::string &id) try {
     }
     if (result == 0) {
         kze_log(3, "update ruleid success");
+        const std::lock_guard<std::mutex> lock(s_rule_id_mutex);
         ctmioa_rule_id.swap(kept);
     } else {
         kze_log(1, "save file err");

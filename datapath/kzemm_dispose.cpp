@@ -26,7 +26,8 @@ constexpr unsigned int max_retries = 3;
 constexpr bool host_order = false;
 constexpr bool net_order = true;
 
-constexpr size_t max_request_bytes = VRD_IPC_MAX_BODY;
+// What an IPC message has room for beside the header of the frame.
+constexpr size_t max_request_bytes = VRD_IPC_MAX_BODY - sizeof(_module_header);
 // What a process and an alert take of it at least, beside their texts.
 constexpr size_t least_of_process = 2;
 constexpr size_t least_of_alert = 42;

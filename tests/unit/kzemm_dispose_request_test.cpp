@@ -332,7 +332,7 @@ TEST_F(kzemm_dispose_request_test, counts_as_sent_whatever_the_ipc_layer_says) {
 
 // ---- its size ----
 
-constexpr size_t most = VRD_IPC_MAX_BODY;
+constexpr size_t most = VRD_IPC_MAX_BODY - sizeof(_module_header);
 
 // An action that names as many processes as it has, each so many times.
 kzav_trace_info event_of_square(int side, const std::string &path) {
