@@ -140,6 +140,7 @@ int kzemm_config::load_ctm_cfg_rule() try {
     }
     return result;
 } catch (const std::bad_alloc &) {
+    kze_log(1, "no memory for the rule id");
     return -1;
 }
 
@@ -167,5 +168,6 @@ int kzemm_config::set_ctmioa_rule_id(const std::string &id) try {
     }
     return result;
 } catch (const std::bad_alloc &) {
+    kze_log(1, "no memory for the rule id");
     return -1;
 }

@@ -83,8 +83,8 @@ int kzemdlmgr_uninit(void) {
         kze_log(2, "plugin %s is already stop", plugin_name);
         return 0;
     }
-    if (s_work != nullptr) {
-        s_work->stop();
+    if (kzemm_work *const work = s_work; work != nullptr) {
+        work->stop();
     }
     if (pthread_join(s_work_thread, nullptr) != 0) {
         kze_log(2, "pthread_join failed with error: %s", strerror(errno));

@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -36,20 +37,15 @@ constexpr int outcome_done_too = -1;
 constexpr int outcome_try_again = -2;
 
 // 0: there is no thread. A thread that ends before its identifier is stored leaves a stale one,
-// which may be probed as living or not. Read through current_drive_thread.
-pthread_t drive_thread_id = 0;
+// which may be probed as living or not. Read once for the test and the probe behind it: the thread
+// may set 0 in between, and a probe of 0 is a crash.
+std::atomic<pthread_t> drive_thread_id{0};
 drive_switch_ctx retry_drive_ctx = {};
 cl_timerplus *retry_timer = nullptr;  // null: not armed
 unsigned int retry_count = 0;
 drive_cfg pending_drive_cfg = {};
 cl_timerplus *update_timer = nullptr;  // null: not armed
 unsigned int update_count = 0;
-
-// One read for the test and the probe behind it: the thread may set 0 in between, and a probe of 0
-// is a crash.
-pthread_t current_drive_thread() {
-    return __atomic_load_n(&drive_thread_id, __ATOMIC_RELAXED);
-}
 
 // A state that is neither on nor off differs from both.
 bool differs(int wanted, int state) {
@@ -168,7 +164,7 @@ void on_base_drive_cfg_response(int result, unsigned int, const char *data, unsi
         return;
     }
     stop_drive_switch_retry_job();
-    const pthread_t running = current_drive_thread();
+    const pthread_t running = drive_thread_id;
     if (running == 0) {
         apply_drive_cfg(&cfg);
     } else if (const int error = pthread_kill(running, 0); error != 0) {
@@ -299,7 +295,7 @@ void drive_update_timer_cb(cl_timerplus *) {
         stop_drive_update_timer();
         return;
     }
-    if (const pthread_t running = current_drive_thread(); running != 0) {
+    if (const pthread_t running = drive_thread_id; running != 0) {
         if (const int error = pthread_kill(running, 0); error != 0) {
             kze_log(1, "pthread_kill error:%d", error);
         } else {

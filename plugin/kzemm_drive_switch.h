@@ -3,8 +3,9 @@
  * the engine's state, and a difference is put right on a short-lived thread.
  *
  * The state is kept at file level, since neither answers nor timers have a worker. Deliberately
- * unlocked: the worker thread and the drive thread both touch the identifier of the latter and the
- * retry timer. Thread and timers are not tied to the worker's end and may outlive it.
+ * unlocked: the worker thread and the drive thread both touch the identifier of the latter (an
+ * atomic word) and the retry timer. Thread and timers are not tied to the worker's end and may
+ * outlive it.
  */
 #ifndef KZEMDLMGR_PLUGIN_KZEMM_DRIVE_SWITCH_H
 #define KZEMDLMGR_PLUGIN_KZEMM_DRIVE_SWITCH_H
