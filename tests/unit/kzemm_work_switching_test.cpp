@@ -519,12 +519,8 @@ TEST_F(kzemm_work_switching_test, without_memory_a_pending_retry_stays) {
 
 TEST_F(kzemm_work_switching_test, without_memory_for_the_list_there_is_no_retry) {
     refuse({17});
-    fakes::on_engine_call("x_client_engine_control", [](const fakes::engine_call &call) {
-        if (call.text == control(17, 1)) {
-            constexpr size_t node_size = 2 * sizeof(void *) + sizeof(void *);  // links and type
-            fakes::fail_throwing_new(1, node_size);
-        }
-    });
+    fakes::at_record(fakes::what::log, "need to retry switch engine",
+                     [] { fakes::fail_throwing_new(1); });
     work.do_engine_swicth();
     EXPECT_TRUE(fakes::allocation_failed());
     EXPECT_THAT(log_lines().back(), at(1, "new context failed"));
