@@ -9,6 +9,7 @@
 #include <mutex>
 #include <set>
 
+#include "tests/fakes/faults.h"
 #include "tests/fakes/journal.h"
 
 namespace {
@@ -315,6 +316,7 @@ void engine_drive_results(const std::vector<std::optional<int>> &further_codes) 
 }
 
 char *engine_buffer(const std::string &data) {
+    const own_memory uncounted;
     // One byte more than the data, so that there is something to point to, and an end to a text.
     const auto buffer = static_cast<char *>(calloc(data.size() + 1, 1));
     memcpy(buffer, data.data(), data.size());

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <mutex>
 
+#include "tests/fakes/faults.h"
 #include "vrdbase.h"
 
 namespace {
@@ -135,6 +136,7 @@ int error_output_check(int level) {
 }
 
 void error_output(int level, const char *source_file, int, const char *format, ...) {
+    const fakes::own_memory uncounted;
     const int error = errno;
     va_list args;
     va_start(args, format);
@@ -147,6 +149,7 @@ void error_output(int level, const char *source_file, int, const char *format, .
 }
 
 void kze_log_output(int level, const char *format, ...) {
+    const fakes::own_memory uncounted;
     va_list args;
     va_start(args, format);
     const std::string text = format_text(format, args);

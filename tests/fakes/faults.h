@@ -11,14 +11,26 @@
 
 namespace fakes {
 
-// Makes the nth malloc or new (std::nothrow) of the calling thread from now give null; 1 is the
-// next one. Only those of `size` bytes count, unless it is 0. One at a time.
-void fail_allocation(unsigned int nth, size_t size = 0);
-// The same for the new that throws: it throws std::bad_alloc. The size is needed, since the fakes
-// and the test allocate too.
-void fail_throwing_new(unsigned int nth, size_t size);
+// Makes the nth malloc, calloc or new (std::nothrow) of the calling thread from now give null; 1 is
+// the next one. One failure at a time. Where others come before it, at_record (journal.h) tells
+// when to begin to count.
+void fail_allocation(unsigned int nth);
+// The same for the new that throws: it throws std::bad_alloc. The test's own allocations count, and
+// those of fakes outside own_memory.
+void fail_throwing_new(unsigned int nth);
+// No failure is waited for any more.
+void let_allocations_work();
 // Whether the failure asked for has happened.
 bool allocation_failed();
+
+// While there is one, what its thread allocates doesn't count: for what the fakes write down.
+class own_memory {
+  public:
+    own_memory();
+    ~own_memory();
+    own_memory(const own_memory &) = delete;
+    own_memory &operator=(const own_memory &) = delete;
+};
 
 // Follows one object until operator delete gets it.
 void watch_release(const void *object);
@@ -27,7 +39,8 @@ bool watched_was_released();
 // the sanitizers tells only of others.
 void left_behind_by_design(void *object);
 
-// compress gives this code; 0: works again.
+// compress gives this code, and the buffer that it was given is watched from then on
+// (watch_release); 0: works again.
 void compress_fails(int code);
 // compressBound gives 0.
 void compress_bound_fails();

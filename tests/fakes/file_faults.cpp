@@ -11,6 +11,7 @@
 
 #include "kzautil.h"
 #include "plugin/kzemm_fileoperate.h"
+#include "tests/fakes/faults.h"
 #include "tests/fakes/journal.h"
 
 namespace {
@@ -36,23 +37,26 @@ file_state s_state;
 
 // Records a call and runs it, or gives the code of the fault that fits.
 template <typename operation>
-int run(file_call kind, const std::string &name, const std::string &text, const std::string &more,
+int run(file_call kind, const char *name, const char *path, const char *target,
         const operation &real) {
     std::function<void(file_call, bool)> hook;
     std::optional<int> code;
-    bool quiet = false;
     {
-        const std::lock_guard<std::mutex> lock(s_mutex);
+        const fakes::own_memory uncounted;
+        const std::string text = path;
+        std::unique_lock<std::mutex> lock(s_mutex);
         hook = s_state.hook;
-        quiet = s_state.quiet;
+        const bool quiet = s_state.quiet;
         for (const fault &each : s_state.faults) {
             if (each.kind == kind && text.find(each.part) != std::string::npos) {
                 code = each.code;
             }
         }
-    }
-    if (!quiet) {
-        fakes::note(fakes::what::file, name + " " + text + more);
+        lock.unlock();
+        if (!quiet) {
+            const std::string more = target == nullptr ? "" : std::string(" to ") + target;
+            fakes::note(fakes::what::file, name + (" " + text) + more);
+        }
     }
     if (hook) {
         hook(kind, false);
@@ -124,35 +128,33 @@ int __real_kze_rand_by_time(void);
 int __wrap_kze_rand_by_time(void);
 
 int __wrap_kze_path_del_file_u(const char *path) {
-    return run(file_call::remove, "delete", path, {},
+    return run(file_call::remove, "delete", path, nullptr,
                [&] { return __real_kze_path_del_file_u(path); });
 }
 
 int __wrap_kze_file_rename(const char *from, const char *to) {
-    return run(file_call::move, "move", from, std::string(" to ") + to,
-               [&] { return __real_kze_file_rename(from, to); });
+    return run(file_call::move, "move", from, to, [&] { return __real_kze_file_rename(from, to); });
 }
 
 int __wrap_rename(const char *from, const char *to) {
-    const int code = run(file_call::rename, "rename", from, std::string(" to ") + to,
+    const int code = run(file_call::rename, "rename", from, to,
                          [&] { return __real_rename(from, to) == 0 ? 0 : errno; });
     errno = code;
     return code == 0 ? 0 : -1;
 }
 
 int __wrap_kze_file_copy(const char *from, const char *to) {
-    return run(file_call::copy, "copy", from, std::string(" to ") + to,
-               [&] { return __real_kze_file_copy(from, to); });
+    return run(file_call::copy, "copy", from, to, [&] { return __real_kze_file_copy(from, to); });
 }
 
 int __wrap_kze_dirutils_mkdir(const char *path, unsigned int mode) {
-    return run(file_call::make_directory, "mkdir", path, {},
+    return run(file_call::make_directory, "mkdir", path, nullptr,
                [&] { return __real_kze_dirutils_mkdir(path, mode); });
 }
 
 DIR *__wrap_opendir(const char *path) {
     DIR *opened = nullptr;
-    const int code = run(file_call::open_directory, "opendir", path, {}, [&] {
+    const int code = run(file_call::open_directory, "opendir", path, nullptr, [&] {
         opened = __real_opendir(path);
         return opened == nullptr ? errno : 0;
     });
@@ -161,7 +163,7 @@ DIR *__wrap_opendir(const char *path) {
 }
 
 int __wrap__Z14create_processPKc(const char *command) {
-    return run(file_call::run_command, "run", command, {}, [&] {
+    return run(file_call::run_command, "run", command, nullptr, [&] {
         std::function<int(const std::string &)> function;
         {
             const std::lock_guard<std::mutex> lock(s_mutex);

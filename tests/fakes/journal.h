@@ -53,6 +53,11 @@ size_t count(what kind);
 // Waits until a record fits, also one that is there already. False after the deadline.
 bool await_record(const std::function<bool(const record &)> &fits, int deadline_seconds = 20);
 
+// Runs a hook once, behind the next record of this kind whose text begins so, on the thread that
+// writes that record: a mark within what a test calls. Several wait beside each other.
+void at_record(what kind, const std::string &beginning, std::function<void()> hook);
+void forget_hooks();
+
 // Forgets all records.
 void clear_journal();
 

@@ -40,6 +40,7 @@ void reset_fakes() {
     fakes::reset_messages();
     fakes::reset_threads();
     fakes::reset_log();
+    fakes::forget_hooks();
     fakes::clear_journal();
 }
 

@@ -313,7 +313,7 @@ TEST_F(kzemdlmgr_test, the_worker_starts_runs_cleans_and_says_so) {
 
 TEST_F(kzemdlmgr_test, a_worker_without_memory_ends_and_the_host_is_not_told) {
     fakes::isolated_threads_run_inline();
-    fakes::on_autolog_init([] { fakes::fail_allocation(1, sizeof(kzemm_work)); });
+    fakes::on_autolog_init([] { fakes::fail_allocation(1); });
     EXPECT_EQ(kzemdlmgr_init(), 0);
     EXPECT_TRUE(fakes::allocation_failed());
     EXPECT_THAT(

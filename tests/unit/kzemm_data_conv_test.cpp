@@ -385,7 +385,7 @@ TEST_F(kzemm_data_conv_test, writes_both_bytes_of_the_protocol_type) {
 
 TEST_F(kzemm_data_conv_test, leaves_the_output_alone_when_a_frame_cannot_be_allocated) {
     std::string out = "what was here before";
-    fakes::fail_allocation(1, 25);
+    fakes::fail_allocation(1);
     add_msg_header("hello", 5, out, 1, big_endian);
     EXPECT_TRUE(fakes::allocation_failed());
     EXPECT_EQ(out, "what was here before");
@@ -455,7 +455,7 @@ TEST_F(kzemm_data_conv_test, reads_a_template_at_any_address) {
 TEST_F(kzemm_data_conv_test, sets_the_length_before_the_allocation_fails) {
     const _module_header header = template_header();
     uint32_t out_len = 0;
-    fakes::fail_allocation(1, 25);
+    fakes::fail_allocation(1);
     EXPECT_EQ(string_data_add_module_head("hello", &header, out_len, big_endian), nullptr);
     EXPECT_TRUE(fakes::allocation_failed());
     EXPECT_EQ(out_len, 25U);
@@ -492,7 +492,7 @@ TEST_F(kzemm_data_conv_test, refuses_each_missing_parameter_of_a_compressed_fram
 
 TEST_F(kzemm_data_conv_test, leaves_the_length_alone_when_a_compressed_frame_cannot_be_allocated) {
     uint32_t out_len = 77;
-    fakes::fail_allocation(1, 23);
+    fakes::fail_allocation(1);
     EXPECT_EQ(add_module_head("zzz", 9, 3, &out_len), nullptr);
     EXPECT_TRUE(fakes::allocation_failed());
     EXPECT_EQ(out_len, 77U);
@@ -571,7 +571,7 @@ TEST_F(kzemm_data_conv_test, gives_up_when_the_buffer_cannot_be_allocated) {
     const std::string data(1000, 'a');
     const uLong bound = compressBound(1000);
     uint32_t size = 77;
-    fakes::fail_allocation(1, bound);
+    fakes::fail_allocation(1);
     EXPECT_EQ(zlib_compress_data(data.data(), 1000, &size), nullptr);
     EXPECT_TRUE(fakes::allocation_failed());
     EXPECT_EQ(size, 77U);
@@ -584,15 +584,21 @@ TEST_F(kzemm_data_conv_test, releases_its_buffer_when_the_compression_fails) {
     for (const int code : {Z_BUF_ERROR, Z_MEM_ERROR}) {
         fakes::compress_fails(code);
         EXPECT_EQ(zlib_compress_data("x", 1, &size), nullptr);
+        EXPECT_TRUE(fakes::watched_was_released());
     }
     EXPECT_EQ(size, 77U);
     EXPECT_THAT(log_lines(), ElementsAre(at(1, "compress buffer failed with code = -5"),
                                          at(1, "compress buffer failed with code = -4")));
 }
 
-TEST_F(kzemm_data_conv_test, releases_null) {
+TEST_F(kzemm_data_conv_test, releases_what_the_compression_gave_and_takes_null) {
+    uint32_t size = 0;
+    char *const compressed = zlib_compress_data("x", 1, &size);
+    fakes::watch_release(compressed);
     free_zlib_data(nullptr);
-    EXPECT_THAT(log_lines(), IsEmpty());
+    EXPECT_FALSE(fakes::watched_was_released());
+    free_zlib_data(compressed);
+    EXPECT_TRUE(fakes::watched_was_released());
 }
 
 // ---- gen_uuid ----

@@ -49,7 +49,7 @@ struct way {
     bool web;
     bool phishing;
     std::string frame;
-    size_t failing_allocation;  // its size; 0: none
+    unsigned int failing_allocation;  // which one of the order to the service; 0: none
     goes_up event;
     std::vector<std::pair<int, std::string>> last_lines;
 };
@@ -144,7 +144,7 @@ const std::vector<way> ways = {
      true,
      true,
      good,
-     sizeof(auto_dispose_ipc_ctx),
+     2,
      goes_up::marked,
      {{2, "new auto dispose ipc ctx failed"}, {1, "send_event_to_autodsp failed"}, failed}},
 };
@@ -174,14 +174,11 @@ TEST_P(kzemm_dispose_ways_test, sends_what_is_defined_and_gives_the_buffer_back_
     const way &param = GetParam();
     set_switches(param.web, param.phishing);
     if (param.failing_allocation != 0) {
-        char *const data = fakes::engine_buffer(param.frame);
-        fakes::fail_allocation(1, param.failing_allocation);
-        kzemm_work_inspector::qd_eng_sub_credible_cb(
-            data, static_cast<unsigned int>(param.frame.size()), &work);
-        EXPECT_TRUE(fakes::allocation_failed());
-    } else {
-        deliver(param.frame);
+        fakes::at_record(fakes::what::log, "send credible data to thtgw success",
+                         [&] { fakes::fail_allocation(param.failing_allocation); });
     }
+    deliver(param.frame);
+    EXPECT_EQ(fakes::allocation_failed(), param.failing_allocation != 0);
     EXPECT_EQ(fakes::engine_frees(), 1U);
     EXPECT_EQ(fakes::outstanding_engine_buffers(), 0U);
 
@@ -255,15 +252,30 @@ TEST_F(kzemm_dispose_delivery_test, gives_the_buffer_back_without_memory_to_look
         credible::add_process(action, node, node);
     }
     const std::string frame = wire::frame(info.SerializeAsString());
-    char *const data = fakes::engine_buffer(frame);
-    fakes::fail_throwing_new(1, processes * 16);  // a node and a position of each process
-    kzemm_work_inspector::qd_eng_sub_credible_cb(data, static_cast<unsigned int>(frame.size()),
-                                                 &work);
-    EXPECT_TRUE(fakes::allocation_failed());
-    EXPECT_EQ(fakes::engine_frees(), 1U);
-    EXPECT_THAT(fakes::gateway_sends(), SizeIs(1)) << "the mark is not taken back";
-    EXPECT_THAT(fakes::ipc_requests(), IsEmpty());
-    EXPECT_THAT(log_lines().back(), at(2, "do auto dispose failed"));
+    // Each block in turn that the order asks for, between the event's way up and its own frame.
+    unsigned int failures = 0;
+    for (bool fails = true; fails; failures += fails ? 1 : 0) {
+        SCOPED_TRACE("behind so many blocks: " + std::to_string(failures));
+        fakes::reset_engine();
+        fakes::reset_gateway();
+        fakes::reset_ipc();
+        fakes::clear_journal();
+        fakes::forget_hooks();
+        fakes::at_record(fakes::what::log, "send credible data to thtgw success", [&] {
+            fakes::at_record(fakes::what::log, "string data add module header done",
+                             fakes::let_allocations_work);
+            fakes::fail_throwing_new(failures + 1);
+        });
+        deliver(frame);
+        fails = fakes::allocation_failed();
+        EXPECT_EQ(fakes::engine_frees(), 1U);
+        EXPECT_THAT(fakes::gateway_sends(), SizeIs(1)) << "the mark is not taken back";
+        EXPECT_THAT(fakes::ipc_requests(), SizeIs(fails ? 0 : 1));
+        if (fails) {
+            EXPECT_THAT(log_lines().back(), at(2, "do auto dispose failed"));
+        }
+    }
+    EXPECT_GE(failures, 1U) << "what the processes are looked for in";
 }
 
 // An event of many processes, of which up to 40 are named.

@@ -150,7 +150,8 @@ TEST_F(kzemm_drive_switch_test, each_wish_is_compared_with_each_state) {
                     EXPECT_EQ(ctx.drive_enable, enable);
                     EXPECT_EQ(ctx.change_collect, change_collect);
                     EXPECT_EQ(ctx.collect_enable, collect_enable);
-                    lines expected = {states_line(drive, collect)};
+                    lines expected;
+                    expected.push_back(states_line(drive, collect));
                     if (change_drive) {
                         expected.push_back(at(3, "drive switch need change"));
                     }
@@ -375,7 +376,7 @@ TEST_F(kzemm_drive_switch_test, a_further_code_that_is_never_written_is_0) {
 
 TEST_F(kzemm_drive_switch_test, a_thread_that_cannot_get_memory_is_not_started) {
     constexpr drive_switch_ctx any = {true, 1, true, 1};
-    fakes::fail_allocation(1, sizeof(drive_switch_ctx));
+    fakes::fail_allocation(1);
     EXPECT_EQ(start_set_drive_switch_thread(&any), -1);
     EXPECT_TRUE(fakes::allocation_failed());
     EXPECT_THAT(log_lines(), ElementsAre(at(1, "malloc failed.")));

@@ -97,7 +97,7 @@ TEST_F(kzemm_drive_switch_timers_test, a_thread_that_cannot_start_arms_the_retry
 
 TEST_F(kzemm_drive_switch_timers_test, a_thread_without_memory_arms_the_retry) {
     set_states(0, 0);
-    fakes::fail_allocation(1, sizeof(drive_switch_ctx));
+    fakes::fail_allocation(1);
     respond("1", "1");
     EXPECT_TRUE(fakes::allocation_failed());
     lines expected = change_lines("1", "1", 0, 0, true, true);

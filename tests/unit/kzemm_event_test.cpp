@@ -104,7 +104,7 @@ TEST_F(kzemm_event_test, a_new_event_has_an_empty_record_and_one_reference) {
 
 TEST_F(kzemm_event_test, without_memory_for_its_record_there_is_no_event) {
     auto *const untouched = info;
-    fakes::fail_allocation(1, sizeof(_RESPONSE_APP_REQUEST_INFO));
+    fakes::fail_allocation(1);
     EXPECT_EQ(kzemm_event::New(&info), nullptr);
     EXPECT_TRUE(fakes::allocation_failed());
     EXPECT_EQ(info, untouched);
@@ -113,8 +113,7 @@ TEST_F(kzemm_event_test, without_memory_for_its_record_there_is_no_event) {
 
 TEST_F(kzemm_event_test, without_memory_for_itself_there_is_no_event_and_no_record) {
     auto *const before = info;
-    static_assert(sizeof(kzemm_event) == sizeof(_RESPONSE_APP_REQUEST_INFO));
-    fakes::fail_allocation(2, sizeof(kzemm_event));
+    fakes::fail_allocation(2);
     EXPECT_EQ(kzemm_event::New(&info), nullptr);
     EXPECT_TRUE(fakes::allocation_failed());
     EXPECT_NE(info, nullptr);

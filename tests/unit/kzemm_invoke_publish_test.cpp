@@ -22,6 +22,11 @@ constexpr unsigned int offline = 0xff008a;
 constexpr char event_source[] = "kzemm_event.cpp";
 constexpr size_t longer_than_anything = 4321;
 
+// What a publication asks for in turn: its record, its event, the copy of the data.
+constexpr unsigned int first_block = 1;
+constexpr unsigned int second_block = 2;
+constexpr unsigned int third_block = 3;
+
 const _RESPONSE_APP_REQUEST_INFO &record_of(MbFrame::IEvent *event) {
     return *static_cast<_RESPONSE_APP_REQUEST_INFO *>(event->GetNativeEvent());
 }
@@ -246,16 +251,18 @@ TEST_F(kzemm_invoke_publish_test, an_unknown_kind_makes_an_event_and_dispatches_
         EXPECT_THAT(in_order(), ElementsAre("lock", bus_text(3, "rec one message."), "unlock"));
     }
     fakes::clear_journal();
-    fakes::fail_allocation(2, sizeof(kzemm_event));
+    fakes::fail_allocation(second_block);
     publish(9, "text");
-    EXPECT_TRUE(fakes::allocation_failed()) << "the event is made all the same";
+    EXPECT_THAT(in_order(),
+                testing::Contains(bus_text(1, "Create defense event Failed", event_source)))
+        << "the event is made all the same";
 }
 
 TEST_F(kzemm_invoke_publish_test, without_memory_for_the_event_nothing_is_published) {
-    for (const auto &[nth, text] : {std::pair(1U, "Create event buffer Failed"),
-                                    std::pair(2U, "Create defense event Failed")}) {
+    for (const auto &[nth, text] : {std::pair(first_block, "Create event buffer Failed"),
+                                    std::pair(second_block, "Create defense event Failed")}) {
         fakes::clear_journal();
-        fakes::fail_allocation(nth, sizeof(kzemm_event));
+        fakes::fail_allocation(nth);
         publish(origin, "text");
         EXPECT_TRUE(fakes::allocation_failed());
         EXPECT_THAT(in_order(), ElementsAre("lock", bus_text(3, "rec one message."),
@@ -264,22 +271,15 @@ TEST_F(kzemm_invoke_publish_test, without_memory_for_the_event_nothing_is_publis
     }
 }
 
-// The copy has the data's size, and room for the end of what is dumped as a text.
 TEST_F(kzemm_invoke_publish_test, without_memory_for_the_data_nothing_is_published) {
-    const std::string data(longer_than_anything, 'x');
-    const struct {
-        unsigned int kind;
-        size_t size;
-        const char *text;
-    } cases[] = {{origin, data.size() + 1, "create OriginCltLog buffer failed"},
-                 {offline, data.size(), "create offline event buffer failed"}};
-    for (const auto &each : cases) {
+    for (const auto &[kind, text] : {std::pair(origin, "create OriginCltLog buffer failed"),
+                                     std::pair(offline, "create offline event buffer failed")}) {
         fakes::clear_journal();
-        fakes::fail_allocation(1, each.size);
-        publish(each.kind, data);
+        fakes::fail_allocation(third_block);
+        publish(kind, "text");
         EXPECT_TRUE(fakes::allocation_failed());
         EXPECT_THAT(in_order(), ElementsAre("lock", bus_text(3, "rec one message."),
-                                            bus_text(1, each.text), "unlock"));
+                                            bus_text(1, text), "unlock"));
     }
 }
 

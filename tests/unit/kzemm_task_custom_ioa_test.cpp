@@ -396,17 +396,27 @@ TEST_F(ctmioa_verdict_test, two_updates_that_overlap_are_reported_under_the_newe
     EXPECT_EQ(gateway_sends()[1].data, gateway_frame(result_text(-5, "new")));
 }
 
-// The engine is asked to call back after it took the rules, but may be quicker than the return.
-TEST_F(ctmioa_verdict_test, a_verdict_may_come_while_the_identifier_is_taken) {
-    std::thread engine;
-    fakes::on_engine_call(update_by_data, [&](const fakes::engine_call &) {
-        engine = std::thread(
-            [this] { kzemm_task::engine_upd_by_data_cb(ENGINE_CUSTOM_IOA, -1, &task); });
-    });
-    EXPECT_EQ(deal(R"({"rulesId":"a_newer_id","rulesInfo":"r"})"), 0);
-    engine.join();
-    EXPECT_LE(gateway_sends().size(), 1U) << "none while the identifier is empty";
-    EXPECT_EQ(fields::cur_rule_id(task), "a_newer_id");
+// The engine is asked to call back after it took the rules, but may be quicker than the return. The
+// identifiers differ in length and in every byte, so that no mixture of two looks like one of them.
+TEST_F(ctmioa_verdict_test, a_verdict_while_the_identifier_is_taken_tells_the_one_or_the_other) {
+    constexpr int rounds = 200;
+    const std::string ids[] = {"the identifier of a rule set " + std::string(60, 'a'), "b"};
+    fields::cur_rule_id(task) = ids[1];
+    for (int round = 0; round < rounds; ++round) {
+        const std::string &older = ids[(round + 1) % 2];
+        const std::string &newer = ids[round % 2];
+        std::thread engine;
+        fakes::on_engine_call(update_by_data, [&](const fakes::engine_call &) {
+            engine = std::thread([this] { verdict(-1); });
+        });
+        EXPECT_EQ(deal(R"({"rulesId":")" + newer + R"(","rulesInfo":"r"})"), 0);
+        engine.join();
+        ASSERT_THAT(gateway_sends(), SizeIs(1));
+        EXPECT_THAT(gateway_sends()[0].data, testing::AnyOf(gateway_frame(result_text(-2, older)),
+                                                            gateway_frame(result_text(-2, newer))));
+        EXPECT_EQ(fields::cur_rule_id(task), newer);
+        fakes::reset_gateway();
+    }
 }
 
 // The gateway stands still while it is told the outcome of an update: neither the next verdict, nor
@@ -662,7 +672,7 @@ TEST_F(send_ctmdata_to_gw_test, tells_of_a_gateway_that_refuses_and_frees_nothin
 }
 
 TEST_F(send_ctmdata_to_gw_test, a_frame_without_memory_never_reaches_the_gateway) {
-    fakes::fail_allocation(1, header_size + 9);
+    fakes::fail_allocation(1);
     EXPECT_EQ(send(8, "some text", 9), -1);
     EXPECT_TRUE(fakes::allocation_failed());
     EXPECT_THAT(log_lines(), ElementsAre(at(1, "malloc 29 byte failed")));

@@ -86,8 +86,7 @@ TEST_P(kzemm_task_bad_type_test, is_invalid_and_takes_no_lock) {
 
 TEST_F(kzemm_task_test, a_task_whose_construction_failed_is_invalid) {
     pretend_to_run();
-    fakes::fail_allocation(1, 777);
-    kzemm::task_info *const task = make(1, std::string(777, 'd'));
+    kzemm::task_info *const task = make_empty(1);
     fakes::clear_journal();
     EXPECT_EQ(queue.add_task(task), KZEMM_TRACE_INVALID);
     EXPECT_THAT(log_lines(), ElementsAre(at(1, "task type 0 is invalid")));
@@ -245,12 +244,11 @@ TEST_F(kzemm_task_test, memory_that_runs_out_under_the_lock_gives_the_lock_back)
     EXPECT_EQ(add(1, "first"), KZEMM_TRACE_OK);
     kzemm::task_info *const task = make(1, "lost");
     fakes::watch_release(task);
-    fakes::fail_throwing_new(1, sizeof(std::_List_node<kzemm::task_info *>));
-    try {
-        EXPECT_NE(queue.add_task(task), KZEMM_TRACE_OK);
-    } catch (const std::bad_alloc &) {
-    }
+    fakes::clear_journal();
+    fakes::at_record(fakes::what::thread, "lock", [] { fakes::fail_throwing_new(1); });
+    EXPECT_EQ(queue.add_task(task), KZEMM_TRACE_FAILED);
     EXPECT_TRUE(fakes::allocation_failed());
+    EXPECT_THAT(log_lines(), ElementsAre(at(1, "new task node failed")));
     EXPECT_EQ(fakes::held_mutexes(), 0);
     EXPECT_FALSE(fakes::watched_was_released()) << "it stays the creator's";
     task->release();

@@ -58,6 +58,16 @@ class kzemm_upgrade_faults_test : public upgrade_test {
         CUpgradeRelay::timer_upgrade_callback(&timer);
     }
 
+    // Lets the nth block fail that the next pass asks for, unless it changes a file before.
+    static void fail_block_before_a_change(unsigned int nth) {
+        fakes::on_file_call([](file_call kind, bool) {
+            if (kind != file_call::open_directory) {
+                fakes::let_allocations_work();
+            }
+        });
+        fakes::fail_throwing_new(nth);
+    }
+
     // What the tick told about its engines, with the level.
     static names engines_told() {
         names result;
@@ -198,24 +208,24 @@ TEST_F(kzemm_upgrade_faults_test, a_command_that_is_not_installed_fails_each_eng
 
 // ---- memory ----
 
-// The relay's own blocks, of sizes that neither the journal nor the fakes ask for meanwhile: the
-// names that were found, those to delete, the packs to apply.
+// Each block in turn that a pass asks for before it changes a file, until there is no further one.
 TEST_F(kzemm_upgrade_faults_test, without_memory_the_ioc_pass_ends_before_anything_is_deleted) {
-    constexpr size_t packs = 7;
-    constexpr size_t pack_size = 2 * sizeof(int) + sizeof(size_t);
-    const size_t sizes[] = {4 * sizeof(std::string), packs * sizeof(std::string),
-                            packs * pack_size};
-    for (const size_t size : sizes) {
-        SCOPED_TRACE("a block of " + std::to_string(size) + " bytes");
+    unsigned int failed = 0;
+    for (bool fails = true; fails; failed += fails ? 1 : 0) {
+        SCOPED_TRACE("behind so many blocks: " + std::to_string(failed));
         lay_out();
         for (const char *const each : {"ioc_full_0.5.tgz", "ioc_x-1.7].tgz", "ioc_x-1.8].tgz",
                                        "ioc_neither.tgz", "ioc_x-0.0].tgz"}) {
             write_rule(each);
         }
         const names before = entries();
-        fakes::fail_throwing_new(1, size);
-        EXPECT_EQ(relay->upgrade_ioc_handle(), -1);
-        EXPECT_TRUE(fakes::allocation_failed());
+        fail_block_before_a_change(failed + 1);
+        const int result = relay->upgrade_ioc_handle();
+        fails = fakes::allocation_failed();
+        if (!fails) {
+            continue;
+        }
+        EXPECT_EQ(result, -1);
         EXPECT_THAT(log_lines().back(), at(1, "no memory to upgrade ioc"));
         EXPECT_EQ(entries(), before);
         EXPECT_EQ(fakes::count(what::engine), 0U);
@@ -230,25 +240,34 @@ TEST_F(kzemm_upgrade_faults_test, without_memory_the_ioc_pass_ends_before_anythi
         EXPECT_THAT(entries(), ElementsAre("ioa_linux_bk_1.tgz", ioa_arrival, "ioc_neither.tgz",
                                            md_arrival, "md_linux_bk_1.tgz"));
     }
+    EXPECT_GE(failed, 3U) << "the names that were found, those to delete, the packs to apply";
 }
 
 TEST_F(kzemm_upgrade_faults_test, without_memory_the_pass_of_ioa_and_md_ends_and_leaves_the_packs) {
     for (const auto type : {CUpgradeRelay::ENGINE_IOA, CUpgradeRelay::ENGINE_MD}) {
-        SCOPED_TRACE(type);
-        lay_out();
-        const names before = entries();
-        fakes::fail_throwing_new(1, sizeof(std::string));
-        EXPECT_EQ(relay->upgrade_eng_handle(type), -1);
-        EXPECT_TRUE(fakes::allocation_failed());
-        EXPECT_THAT(log_lines().back(),
-                    at(1, "no memory to upgrade engine " + std::to_string(type)));
-        EXPECT_EQ(entries(), before);
-        EXPECT_EQ(fakes::count(what::engine), 0U);
+        unsigned int failed = 0;
+        for (bool fails = true; fails; failed += fails ? 1 : 0) {
+            SCOPED_TRACE(testing::Message() << "engine " << type << ", behind " << failed);
+            lay_out();
+            const names before = entries();
+            fail_block_before_a_change(failed + 1);
+            const int result = relay->upgrade_eng_handle(type);
+            fails = fakes::allocation_failed();
+            if (!fails) {
+                continue;
+            }
+            EXPECT_EQ(result, -1);
+            EXPECT_THAT(log_lines().back(),
+                        at(1, "no memory to upgrade engine " + std::to_string(type)));
+            EXPECT_EQ(entries(), before);
+            EXPECT_EQ(fakes::count(what::engine), 0U);
 
-        fakes::engine_returns(sync_update, {0});
-        forget();
-        EXPECT_EQ(relay->upgrade_eng_handle(type), 0);
-        EXPECT_EQ(updates(), 1U);
-        EXPECT_FALSE(has_rule(type == CUpgradeRelay::ENGINE_IOA ? ioa_arrival : md_arrival));
+            fakes::engine_returns(sync_update, {0});
+            forget();
+            EXPECT_EQ(relay->upgrade_eng_handle(type), 0);
+            EXPECT_EQ(updates(), 1U);
+            EXPECT_FALSE(has_rule(type == CUpgradeRelay::ENGINE_IOA ? ioa_arrival : md_arrival));
+        }
+        EXPECT_GE(failed, 1U) << "the names that were found";
     }
 }

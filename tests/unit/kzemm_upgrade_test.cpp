@@ -1,3 +1,4 @@
+#include "tests/fakes/latch.h"
 #include "tests/unit/upgrade_test.h"
 
 using fakes::at;
@@ -143,6 +144,11 @@ TEST_F(kzemm_upgrade_test, a_second_uninit_is_refused_and_a_relay_can_start_anew
 }
 
 TEST_F(kzemm_upgrade_test, a_whole_life_logs_and_ends_in_order) {
+    // The thread that turns the loop sleeps in virtual time alone, so that the timer would soon be
+    // due while the worker is on its way to the end: the first turn waits until it is there.
+    fakes::latch stopped;
+    fakes::at_loop_turn(1, [&] { EXPECT_TRUE(stopped.wait()); });
+    fakes::on_pthread_join([&] { stopped.open(); });
     ASSERT_EQ(relay->init(), 0);
     ASSERT_TRUE(await_loop());
     EXPECT_EQ(relay->uninit(), 0);
@@ -227,6 +233,8 @@ TEST_F(kzemm_upgrade_test, uninit_waits_for_the_running_pass) {
         }
     });
     ASSERT_EQ(relay->init(), 0);
+    ASSERT_TRUE(await_loop());
+    fakes::advance(config::upgrade_check_interval() * 1000);
     ASSERT_TRUE(fakes::await_log(3, "retry get ioc ver 4 times"));
     EXPECT_EQ(relay->uninit(), 0);
     EXPECT_THAT(log_lines(), testing::Contains(at(3, "retry get ioc ver 59 times")));

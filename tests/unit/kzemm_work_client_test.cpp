@@ -302,13 +302,14 @@ TEST_F(kzemm_work_client_test, the_upper_limit_of_the_wait_in_the_settings_is_no
     EXPECT_EQ(fakes::slept_us(), 6320 * second);
 }
 
-TEST_F(kzemm_work_client_test, a_failed_start_leaves_the_status_offline) {
-    install_vrd_services();
+TEST_F(kzemm_work_client_test, a_failed_start_leaves_the_status_as_it_was) {
     config::offline_retry_times() = 5;
-    work.set_x_client_status(X_CLIENT_OFFLINE);
     engine_never_answers();
-    EXPECT_EQ(work.qd_client_start(), -1);
-    EXPECT_EQ(fields::x_client_status(work), X_CLIENT_OFFLINE);
+    for (const auto status : {X_CLIENT_INIT, X_CLIENT_ONLINE, X_CLIENT_OFFLINE}) {
+        work.set_x_client_status(status);
+        EXPECT_EQ(work.qd_client_start(), -1);
+        EXPECT_EQ(fields::x_client_status(work), status);
+    }
 }
 
 TEST_F(kzemm_work_client_test, the_function_is_fetched_afresh_for_each_attempt) {

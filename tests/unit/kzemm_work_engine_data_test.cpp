@@ -178,7 +178,7 @@ TEST_P(kzemm_work_origin_report_on_test, drops_and_frees_what_cannot_be_compress
 TEST_P(kzemm_work_origin_report_on_test, drops_and_frees_what_cannot_be_framed) {
     const size_t frame_size = origin_frame("text").size();
     char *const data = fakes::engine_buffer("text");
-    fakes::fail_allocation(1, frame_size);
+    fakes::fail_allocation(2);  // behind the compressed data
     kzemm_work_inspector::qd_origin_cb(data, 4, nullptr);
     EXPECT_TRUE(fakes::allocation_failed());
     EXPECT_EQ(fakes::engine_frees(), 1U);

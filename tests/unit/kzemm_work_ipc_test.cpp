@@ -502,7 +502,7 @@ TEST_F(kzemm_work_ipc_test, an_answer_is_a_frame_of_type_2_around_its_text) {
 }
 
 TEST_F(kzemm_work_ipc_test, an_answer_without_memory_is_not_sent) {
-    fakes::fail_allocation(1, 50);
+    fakes::fail_allocation(1);
     work.response_mgr_msg(endpoint, fakes::ipc_peer(), request_id, 1004, KZEMM_TRACE_OK);
     EXPECT_TRUE(fakes::allocation_failed());
     EXPECT_THAT(log_lines(), ElementsAre(at(1, "malloc 50 byte failed")));
@@ -510,8 +510,9 @@ TEST_F(kzemm_work_ipc_test, an_answer_without_memory_is_not_sent) {
 }
 
 TEST_F(kzemm_work_ipc_test, a_request_whose_answer_has_no_memory_is_queued_all_the_same) {
-    fakes::fail_allocation(1, 50);
+    fakes::at_record(fakes::what::log, "add task done", [] { fakes::fail_allocation(1); });
     request(1004, "order");
+    EXPECT_TRUE(fakes::allocation_failed());
     EXPECT_THAT(ipc_responses(), IsEmpty());
     EXPECT_THAT(queued(), SizeIs(1));
 }

@@ -329,7 +329,7 @@ TEST_F(handle_cfg_msg_test, a_field_that_cannot_be_added_gives_the_result_of_the
 }
 
 TEST_F(handle_cfg_msg_test, no_memory_for_the_buffer_gives_0) {
-    fakes::fail_allocation(1, request_body("anti_bfa").size());
+    fakes::fail_allocation(1);
     EXPECT_EQ(ask(), 0);
     EXPECT_TRUE(fakes::allocation_failed());
     EXPECT_THAT(log_lines(), ElementsAre(at(1, "malloc memory failed")));

@@ -518,13 +518,12 @@ TEST_F(kzemm_work_switching_test, without_memory_a_pending_retry_stays) {
 }
 
 TEST_F(kzemm_work_switching_test, what_there_is_no_memory_for_is_not_retried) {
-    constexpr size_t node_size = 2 * sizeof(void *) + sizeof(void *);  // links and type
-    fakes::on_engine_call("x_client_engine_control", [](const fakes::engine_call &call) {
-        if (call.text == control(17, 1)) {
-            fakes::fail_throwing_new(1, node_size);
-        }
-    });
+    const auto fail_for_17 = [] {
+        fakes::at_record(fakes::what::log, "switch 17 status: 1 failed",
+                         [] { fakes::fail_throwing_new(1); });
+    };
     refuse({17});
+    fail_for_17();
     work.do_engine_swicth();
     EXPECT_TRUE(fakes::allocation_failed());
     EXPECT_THAT(log_lines(), Contains(at(1, "no memory to retry switch 17")));
@@ -533,6 +532,7 @@ TEST_F(kzemm_work_switching_test, what_there_is_no_memory_for_is_not_retried) {
     EXPECT_THAT(open_timers(), IsEmpty());
 
     refuse({3, 17});
+    fail_for_17();
     work.do_engine_swicth();
     EXPECT_THAT(retry_pass(), ElementsAre(control(3, 1)));
     end_retry();

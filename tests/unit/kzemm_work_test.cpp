@@ -276,7 +276,7 @@ TEST_F(kzemm_work_test, an_address_that_cannot_be_made_fails_start_and_the_endpo
 }
 
 TEST_F(kzemm_work_test, a_task_queue_without_memory_fails_start) {
-    fakes::fail_allocation(1, sizeof(kzemm_task));
+    fakes::at_record(fakes::what::log, "init kzemm_task", [] { fakes::fail_allocation(1); });
     EXPECT_EQ(work.start(), -1);
     EXPECT_TRUE(fakes::allocation_failed());
     EXPECT_THAT(lines_of_steps(),
@@ -322,7 +322,7 @@ TEST_F(kzemm_work_test, a_refused_message_callback_fails_start) {
 }
 
 TEST_F(kzemm_work_test, an_upgrade_relay_without_memory_fails_start) {
-    fakes::fail_allocation(1, sizeof(CUpgradeRelay));
+    fakes::at_record(fakes::what::log, "init CUpgradeRelay", [] { fakes::fail_allocation(1); });
     EXPECT_EQ(work.start(), -1);
     EXPECT_TRUE(fakes::allocation_failed());
     EXPECT_THAT(lines_of_steps(),

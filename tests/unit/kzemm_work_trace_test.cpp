@@ -17,6 +17,12 @@ class kzemm_work_trace_test : public request_test {
         return work.do_trace(static_cast<KZEMM_TASK_TYPE>(type), data.data(),
                              static_cast<unsigned int>(data.size()));
     }
+
+    // The task, its coordinate and its data are made in this order.
+    static void fail_task_allocation(unsigned int nth) {
+        fakes::at_record(fakes::what::log,
+                         "task info, type: ", [nth] { fakes::fail_allocation(nth); });
+    }
 };
 
 class kzemm_work_trace_bad_type_test : public kzemm_work_trace_test,
@@ -71,7 +77,7 @@ TEST_P(kzemm_work_trace_wrapped_test, is_a_frame_alone_without_data) {
 }
 
 TEST_P(kzemm_work_trace_wrapped_test, fails_without_memory_for_the_frame) {
-    fakes::fail_allocation(1, 120);
+    fakes::fail_allocation(1);
     EXPECT_EQ(trace(GetParam(), std::string(100, 'b')), KZEMM_TRACE_FAILED);
     EXPECT_TRUE(fakes::allocation_failed());
     EXPECT_THAT(log_lines(),
@@ -131,7 +137,7 @@ TEST_P(kzemm_work_trace_type_test, the_one_reference_is_the_queues) {
 // ---- failures ----
 
 TEST_P(kzemm_work_trace_type_test, fails_without_memory_for_the_task) {
-    fakes::fail_allocation(1, sizeof(kzemm::task_info));
+    fail_task_allocation(1);
     EXPECT_EQ(trace(GetParam(), "order"), KZEMM_TRACE_FAILED);
     EXPECT_TRUE(fakes::allocation_failed());
     EXPECT_THAT(log_lines().back(), at(1, "new task info failed"));
@@ -140,21 +146,16 @@ TEST_P(kzemm_work_trace_type_test, fails_without_memory_for_the_task) {
 }
 
 TEST_P(kzemm_work_trace_plain_test, is_invalid_without_memory_within_the_task) {
-    const std::string data(777, 'd');
     const std::string type = std::to_string(GetParam());
-    const struct {
-        size_t size;
-        const char *text;
-    } failures[] = {{sizeof(TASK_COORDINATE), "new TASK_COORDINATE failed"},
-                    {777, "new data failed"}};
-    for (const auto &each : failures) {
-        SCOPED_TRACE(each.text);
+    for (const auto &[nth, text] :
+         {std::pair(2U, "new TASK_COORDINATE failed"), std::pair(3U, "new data failed")}) {
+        SCOPED_TRACE(text);
         fakes::clear_journal();
-        fakes::fail_allocation(1, each.size);
-        EXPECT_EQ(trace(GetParam(), data), KZEMM_TRACE_INVALID);
+        fail_task_allocation(nth);
+        EXPECT_EQ(trace(GetParam(), "order"), KZEMM_TRACE_INVALID);
         EXPECT_TRUE(fakes::allocation_failed());
-        EXPECT_THAT(log_lines(), ElementsAre(at(3, "task info, type: " + type + ", size: 777"),
-                                             at(3, "new task info"), at(1, each.text),
+        EXPECT_THAT(log_lines(), ElementsAre(at(3, "task info, type: " + type + ", size: 5"),
+                                             at(3, "new task info"), at(1, text),
                                              at(1, "task type 0 is invalid"),
                                              at(1, "add task failed, type: " + type + ", ret: 3"),
                                              at(3, "free task info")));
@@ -202,8 +203,8 @@ TEST_P(kzemm_work_trace_type_test, fails_and_is_freed_without_a_task_thread) {
 }
 
 TEST_P(kzemm_work_trace_type_test, is_freed_when_the_queue_has_no_memory_to_link_it) {
-    fakes::fail_throwing_new(1, sizeof(std::_List_node<kzemm::task_info *>));
-    EXPECT_NE(trace(GetParam(), "order"), KZEMM_TRACE_OK);
+    fakes::at_record(fakes::what::thread, "lock", [] { fakes::fail_throwing_new(1); });
+    EXPECT_EQ(trace(GetParam(), "order"), KZEMM_TRACE_FAILED);
     EXPECT_TRUE(fakes::allocation_failed());
     EXPECT_THAT(log_lines().back(), at(3, "free task info"));
     EXPECT_EQ(fakes::held_mutexes(), 0);

@@ -49,6 +49,14 @@ class task_queue_test : public plugin_test {
         return task;
     }
 
+    // The same, but its construction has failed: it is empty.
+    static kzemm::task_info *make_empty(int type) {
+        fakes::fail_allocation(2);  // the first one behind the task itself
+        kzemm::task_info *const task = make(type);
+        EXPECT_TRUE(fakes::allocation_failed());
+        return task;
+    }
+
     // Makes and adds a task. A refused one is released, as its creator does.
     KZEMM_TRACE_ERRORCODE add(int type, const std::string &data = "body") {
         kzemm::task_info *const task = make(type, data);

@@ -243,7 +243,7 @@ void relay::update_ioa(const std::string &backup) {
         remove(ioa_config);
         return;
     }
-    calls.push_back("rename " + path(ioa_config) + " to " + at.program_directory + "/kzedbd.cfg");
+    calls.push_back("move " + path(ioa_config) + " to " + at.program_directory + "/kzedbd.cfg");
     has_target = files.erase(ioa_config) != 0;
 }
 

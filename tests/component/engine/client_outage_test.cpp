@@ -28,14 +28,14 @@ class EngineOutage : public EngineClient {
         const double seconds = seconds_of([this] {
             EXPECT_EQ(library->x_client_engine_control(ENGINE_IOC, ENGINE_SWITCH_ON), offline);
         });
-        return seconds < 0.5;
+        return seconds < well_within_a_limit;
     }
 };
 
 TEST_F(EngineOutage, engine_that_dies_is_reported_at_once_and_once) {
     start_both();
     tree.kill_engine(SIGKILL);
-    EXPECT_LT(seconds_of([this] { ASSERT_TRUE(outages.wait_for(1)); }), 1.0);
+    EXPECT_LT(seconds_of([this] { ASSERT_TRUE(outages.wait_for(1)); }), well_within_a_limit);
     EXPECT_TRUE(offline_at_once());
     expect_one_outage();
 }
@@ -107,7 +107,7 @@ TEST_F(EngineOutage, call_in_the_middle_of_which_the_engine_dies_ends_at_once) {
     ASSERT_TRUE(kze_test::eventually([&] { return called.load(); }));
     tree.kill_engine(SIGKILL);
     caller.join();
-    EXPECT_LT(seconds, 2.0);
+    EXPECT_LT(seconds, well_within_a_limit);
     expect_one_outage();
 }
 
@@ -327,7 +327,7 @@ TEST_F(EngineOutage, thousand_starts_and_stops_leave_nothing) {
         }
     });
     RecordProperty("milliseconds", static_cast<int>(seconds * 1000));
-    EXPECT_EQ(kze_test::thread_count(), threads);
+    EXPECT_TRUE(kze_test::threads_become(threads));
     EXPECT_EQ(kze_test::descriptor_count(), descriptors);
     if (!kze_test::address_sanitizer && !kze_test::thread_sanitizer) {
         EXPECT_LT(mallinfo2().uordblks, memory + 64 * 1024);
@@ -342,7 +342,7 @@ TEST_F(EngineOutage, failed_starts_leave_nothing) {
     for (int round = 0; round < 100; ++round) {
         EXPECT_EQ(start(), offline);
     }
-    EXPECT_EQ(kze_test::thread_count(), threads);
+    EXPECT_TRUE(kze_test::threads_become(threads));
     EXPECT_EQ(kze_test::descriptor_count(), descriptors);
 }
 
@@ -360,7 +360,7 @@ TEST_F(EngineOutage, library_is_unloaded_with_a_live_client_and_leaves_no_thread
     const std::string path = tree.path("lib/libqdccl.so");
     library.reset();
     EXPECT_EQ(dlopen(path.c_str(), RTLD_NOW | RTLD_NOLOAD), nullptr);
-    EXPECT_EQ(kze_test::thread_count(), threads);
+    EXPECT_TRUE(kze_test::threads_become(threads));
     EXPECT_EQ(kze_test::descriptor_count(), descriptors);
     EXPECT_TRUE(status().at("clients").empty());
 }

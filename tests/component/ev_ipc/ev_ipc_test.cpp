@@ -127,8 +127,7 @@ ev_ipc::ev_ipc()
       log_begin_(log_tree->read(log_file).size()) {}
 
 ev_ipc::~ev_ipc() {
-    EXPECT_TRUE(eventually([this] { return thread_count() == threads_; }))
-        << thread_count() << " threads instead of " << threads_;
+    EXPECT_TRUE(kze_test::threads_become(threads_));
     EXPECT_TRUE(eventually([this] { return descriptor_count() == descriptors_; }))
         << descriptor_count() << " descriptors instead of " << descriptors_;
 }

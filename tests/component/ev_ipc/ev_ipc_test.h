@@ -32,9 +32,9 @@ class counter {
         return value_;
     }
     // False when the count isn't reached within the deadline.
-    bool reaches(int count) {
+    bool reaches(int count, std::chrono::seconds deadline = long_enough) {
         std::unique_lock<std::mutex> guard(lock_);
-        return changed_.wait_for(guard, long_enough, [&] { return value_ >= count; });
+        return changed_.wait_for(guard, deadline, [&] { return value_ >= count; });
     }
 
   private:

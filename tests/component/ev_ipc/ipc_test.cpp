@@ -49,8 +49,8 @@ void replies::on_reply(int status, unsigned int cmd, const char *data, unsigned 
     self->ended_.add();
 }
 
-std::vector<replies::reply> replies::wait(int count) {
-    EXPECT_TRUE(ended_.reaches(count)) << "only " << ended_.value() << " of " << count;
+std::vector<replies::reply> replies::wait(int count, std::chrono::seconds deadline) {
+    EXPECT_TRUE(ended_.reaches(count, deadline)) << "only " << ended_.value() << " of " << count;
     std::lock_guard<std::mutex> guard(lock_);
     return list_;
 }

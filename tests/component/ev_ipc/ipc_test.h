@@ -30,7 +30,7 @@ class replies {
                 unsigned int limit = 20);
 
     // Waits for at least so many; the test fails when they don't come. All that have come.
-    std::vector<reply> wait(int count);
+    std::vector<reply> wait(int count, std::chrono::seconds deadline = long_enough);
 
     int count() { return ended_.value(); }
 

@@ -313,9 +313,9 @@ TEST_F(timers, due_together_fire_in_the_order_of_their_times) {
         for (int i = 0; i < 3; ++i) {
             const auto at = static_cast<std::size_t>(i);
             bodies[at] = [&order, i](cl_timerplus *) { order.push_back(i); };
-            started[at] = start_timer(static_cast<unsigned int>(9 - 3 * i), 0, bodies[at]);
+            started[at] = start_timer(static_cast<unsigned int>(200 - 100 * i), 0, bodies[at]);
         }
-        be_busy(milliseconds(15));
+        be_busy(milliseconds(250));
         EXPECT_EQ(cl_event_loop_once(), 0);
         EXPECT_EQ(order, (std::vector<int>{2, 1, 0}));
         for (cl_timerplus *timer : started) {

@@ -235,7 +235,7 @@ TEST_F(control, many_starts_and_stops_leave_nothing) {
         ASSERT_EQ(call({{"n", i}})["ok"], true);
         server_.stop();
     }
-    EXPECT_TRUE(eventually([&] { return kze_test::thread_count() == threads; }));
+    EXPECT_TRUE(kze_test::threads_become(threads));
     EXPECT_EQ(kze_test::descriptor_count(), descriptors);
     EXPECT_TRUE(std::filesystem::is_empty(tree_.path("run")));
 }

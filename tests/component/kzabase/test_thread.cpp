@@ -3,11 +3,10 @@
 #include <pthread.h>
 
 #include <cerrno>
-#include <chrono>
-#include <filesystem>
 #include <thread>
 
 #include "kzabase.h"
+#include "tests/support/process_state.h"
 #include "tests/support/sanitizers.h"
 
 namespace {
@@ -18,23 +17,13 @@ class Thread : public ::testing::Test {
     Thread() {
         // A sanitizer starts its own thread along with the first one of the program.
         std::thread([] {}).join();
-        before_ = count();
+        before_ = kze_test::thread_count();
     }
 
-    ~Thread() override {
-        // The kernel lists a thread for a moment longer than a join takes.
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        while (count() > before_ && std::chrono::steady_clock::now() < end)
-            std::this_thread::yield();
-        EXPECT_EQ(count(), before_);
-    }
-
-    static long count() {
-        return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
-    }
+    ~Thread() override { EXPECT_TRUE(kze_test::threads_become(before_)); }
 
   private:
-    long before_ = 0;
+    std::size_t before_ = 0;
 };
 
 void *increment(void *argument) {

@@ -80,7 +80,7 @@ TEST_F(plugin_cycles_test, leave_no_memory_no_descriptor_and_no_thread) {
     printf("%zu cycles; over the last %zu: heap %+ld bytes, resident %+ld bytes\n", cycles,
            cycles - warm_up, heap_growth, resident_growth);
     EXPECT_EQ(open_descriptors(), descriptors);
-    EXPECT_TRUE(kze_test::eventually([&] { return kze_test::thread_count() == threads; }));
+    EXPECT_TRUE(kze_test::threads_become(threads));
     if (!sanitized) {
         EXPECT_LE(heap_growth, allowed_heap_growth);
         EXPECT_LE(resident_growth, allowed_resident_growth);

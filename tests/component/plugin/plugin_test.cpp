@@ -149,9 +149,7 @@ void plugin_test::TearDown() {
     EXPECT_EQ(dlopen(PLUGIN_FILE, RTLD_NOW | RTLD_NOLOAD), nullptr)
         << "the plug-in stays loaded, and with it its state";
     EXPECT_EQ(open_descriptors(), descriptors_before) << "descriptors are left";
-    // A joined thread may stand in the list for a moment more.
-    EXPECT_TRUE(kze_test::eventually([this] { return kze_test::thread_count() == threads_before; }))
-        << "threads are left";
+    EXPECT_TRUE(kze_test::threads_become(threads_before));
     EXPECT_EQ(stage.buffers_out(), 0U) << "buffers of the engine are left";
     EXPECT_EQ(stage.config_objects(), 0) << "objects of central configuration are left";
     EXPECT_EQ(stage.client_thread(), 0) << "the engine client was not stopped";

@@ -12,6 +12,9 @@ namespace kze_test {
 
 constexpr unsigned int disposal_command = 10001;
 
+/* A hundred thousand processes under a sanitizer on a busy machine. */
+constexpr std::chrono::duration<unsigned int> limit_of_large_orders{120};
+
 class disposal_fixture : public service_test {
   protected:
     disposal_fixture() : service_test("agt_rpdsp") {}
@@ -23,8 +26,10 @@ class disposal_fixture : public service_test {
         temp_endpoint sending(loop);
         const test_address service("agt_rpdsp");
         replies answers;
-        answers.request(sending.get(), service.get(), disposal_command, frame);
-        const replies::reply answer = answers.wait(1).at(0);
+        answers.request(sending.get(), service.get(), disposal_command, frame,
+                        limit_of_large_orders.count());
+        const replies::reply answer =
+            answers.wait(1, limit_of_large_orders + std::chrono::seconds(5)).at(0);
         EXPECT_EQ(answer.status, 0);
         EXPECT_EQ(answer.cmd, disposal_command);
         return read_answer(answer.body);
