@@ -12,9 +12,9 @@
 #include <thread>
 #include <utility>
 
-#include "agent/common/descriptor.h"
 #include "agent/common/json_text.h"
 #include "kzautil.h"
+#include "platform/common/descriptor.h"
 
 namespace kze::config {
 namespace {

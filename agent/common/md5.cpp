@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <memory>
 
-#include "agent/common/descriptor.h"
+#include "platform/common/descriptor.h"
 
 namespace kze {
 namespace {

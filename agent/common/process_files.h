@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "agent/common/descriptor.h"
+#include "platform/common/descriptor.h"
 
 namespace kze {
 

@@ -5,9 +5,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "agent/common/descriptor.h"
 #include "agent/common/record_file.h"
 #include "kzautil.h"
+#include "platform/common/descriptor.h"
 #include "vrdbase.h"
 
 namespace kze {

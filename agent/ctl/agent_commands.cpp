@@ -11,7 +11,6 @@
 #include <optional>
 #include <string>
 
-#include "agent/common/descriptor.h"
 #include "agent/common/tree.h"
 #include "agent/ctl/ask.h"
 #include "agent/ctl/command_line.h"
@@ -22,6 +21,7 @@
 #include "agent/ctl/tree_lock.h"
 #include "agent/ctl/worker_start.h"
 #include "kzautil.h"
+#include "platform/common/descriptor.h"
 
 namespace kze::ctl {
 namespace {

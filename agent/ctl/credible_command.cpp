@@ -11,9 +11,9 @@
 #include <memory>
 #include <string>
 
-#include "agent/common/descriptor.h"
 #include "agent/ctl/ask.h"
 #include "agent/ctl/credible_event.h"
+#include "platform/common/descriptor.h"
 
 namespace kze::ctl {
 namespace {

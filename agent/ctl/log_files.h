@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "agent/common/descriptor.h"
+#include "platform/common/descriptor.h"
 
 namespace kze::ctl {
 

@@ -9,9 +9,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "agent/common/descriptor.h"
 #include "agent/common/tree.h"
 #include "agent/ctl/processes.h"
+#include "platform/common/descriptor.h"
 
 namespace kze::ctl {
 namespace {

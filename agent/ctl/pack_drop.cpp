@@ -13,8 +13,8 @@
 #include <memory>
 #include <string>
 
-#include "agent/common/descriptor.h"
 #include "agent/ctl/pack_commands.h"
+#include "platform/common/descriptor.h"
 
 namespace kze::ctl {
 namespace {

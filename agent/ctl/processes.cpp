@@ -19,10 +19,10 @@
 #include <memory>
 #include <string_view>
 
-#include "agent/common/descriptor.h"
 #include "agent/common/services.h"
 #include "agent/common/tree.h"
 #include "agent/ctl/failure.h"
+#include "platform/common/descriptor.h"
 
 namespace kze::ctl {
 namespace {

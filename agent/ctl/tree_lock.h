@@ -2,8 +2,8 @@
 #ifndef KZE_AGENT_CTL_TREE_LOCK_H
 #define KZE_AGENT_CTL_TREE_LOCK_H
 
-#include "agent/common/descriptor.h"
 #include "agent/ctl/deadline.h"
+#include "platform/common/descriptor.h"
 
 namespace kze::ctl {
 

@@ -7,11 +7,11 @@
 #include <cstring>
 
 #include "agent/common/control.h"
-#include "agent/common/descriptor.h"
 #include "agent/common/json_text.h"
 #include "agent/engine/engine_server.h"
 #include "agent/engine/process_snapshot.h"
 #include "agent/engine/service.h"
+#include "platform/common/descriptor.h"
 #include "vrdbase.h"
 
 namespace kze::engine {

@@ -11,10 +11,10 @@
 #include <cstring>
 #include <utility>
 
-#include "agent/common/descriptor.h"
 #include "agent/engine/engine_protocol.h"
 #include "engine/qd_client.h"
 #include "kzautil.h"
+#include "platform/common/descriptor.h"
 #include "vrdbase.h"
 
 namespace kze::engine {

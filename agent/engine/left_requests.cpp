@@ -9,8 +9,8 @@
 #include <cstring>
 #include <sstream>
 
-#include "agent/common/descriptor.h"
 #include "kzautil.h"
+#include "platform/common/descriptor.h"
 #include "vrdbase.h"
 
 namespace kze::engine {

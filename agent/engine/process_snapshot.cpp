@@ -15,9 +15,9 @@
 #include <tuple>
 #include <vector>
 
-#include "agent/common/descriptor.h"
 #include "agent/common/md5.h"
 #include "agent/common/process_files.h"
+#include "platform/common/descriptor.h"
 
 namespace kze::engine {
 namespace {

@@ -6,8 +6,8 @@
 
 #include <string>
 
-#include "agent/common/descriptor.h"
 #include "agent/common/services.h"
+#include "platform/common/descriptor.h"
 
 namespace kze::engine {
 

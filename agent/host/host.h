@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "agent/common/control.h"
-#include "agent/common/descriptor.h"
 #include "agent/host/plugin.h"
+#include "platform/common/descriptor.h"
 
 namespace kze::host {
 

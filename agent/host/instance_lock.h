@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "agent/common/descriptor.h"
+#include "platform/common/descriptor.h"
 
 namespace kze::host {
 

@@ -9,8 +9,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "agent/common/descriptor.h"
 #include "agent/common/json_text.h"
+#include "platform/common/descriptor.h"
 
 namespace kze {
 namespace {

@@ -1,6 +1,6 @@
 /* libkzabase.so: threads, locks, atomics and the agent's kind. */
-#ifndef KZABASE_H
-#define KZABASE_H
+#ifndef KZEMDLMGR_PLATFORM_INCLUDE_KZABASE_H
+#define KZEMDLMGR_PLATFORM_INCLUDE_KZABASE_H
 
 #define KZABASE_API __attribute__((visibility("default")))
 

@@ -1,6 +1,6 @@
 /* libkzautil.so: shared libraries, paths, files, text and ini files. */
-#ifndef KZAUTIL_H
-#define KZAUTIL_H
+#ifndef KZEMDLMGR_PLATFORM_INCLUDE_KZAUTIL_H
+#define KZEMDLMGR_PLATFORM_INCLUDE_KZAUTIL_H
 
 #define KZAUTIL_API __attribute__((visibility("default")))
 

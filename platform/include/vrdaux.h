@@ -1,6 +1,6 @@
 /* libvrdaux.so: the key and value message container of the agent's services. */
-#ifndef VRDAUX_H
-#define VRDAUX_H
+#ifndef KZEMDLMGR_PLATFORM_INCLUDE_VRDAUX_H
+#define KZEMDLMGR_PLATFORM_INCLUDE_VRDAUX_H
 
 #define VRDAUX_API __attribute__((visibility("default")))
 

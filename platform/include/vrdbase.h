@@ -1,6 +1,6 @@
 /* libvrdbase.so: the agent's log, and the number of this host. */
-#ifndef VRDBASE_H
-#define VRDBASE_H
+#ifndef KZEMDLMGR_PLATFORM_INCLUDE_VRDBASE_H
+#define KZEMDLMGR_PLATFORM_INCLUDE_VRDBASE_H
 
 #define VRDBASE_API __attribute__((visibility("default")))
 

@@ -1,6 +1,6 @@
 /* libvrdcl_ev.so: one event loop for each thread that has one, and its timers. */
-#ifndef VRDCL_EV_H
-#define VRDCL_EV_H
+#ifndef KZEMDLMGR_PLATFORM_INCLUDE_VRDCL_EV_H
+#define KZEMDLMGR_PLATFORM_INCLUDE_VRDCL_EV_H
 
 #include <pthread.h>
 

@@ -1,6 +1,6 @@
 /* libvrdipc.so: local messages between the agent's services. */
-#ifndef VRDIPC_H
-#define VRDIPC_H
+#ifndef KZEMDLMGR_PLATFORM_INCLUDE_VRDIPC_H
+#define KZEMDLMGR_PLATFORM_INCLUDE_VRDIPC_H
 
 #define VRDIPC_API __attribute__((visibility("default")))
 

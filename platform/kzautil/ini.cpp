@@ -9,10 +9,10 @@
 #define SI_IMPLEMENTATION
 #include <SimpleIni.h>
 
-#include "ini_edit.h"
 #include "kzautil.h"
-#include "platform/vrdbase/small_file.h"
-#include "replacement.h"
+#include "platform/common/small_file.h"
+#include "platform/kzautil/ini_edit.h"
+#include "platform/kzautil/replacement.h"
 
 namespace {
 
@@ -57,24 +57,29 @@ std::unique_ptr<parsed_ini> parse(const std::string &text) {
 }
 
 bool has_control(const std::string &text) {
-    for (const char c : text)
-        if ((static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == 0x7F)
+    for (const char c : text) {
+        if ((static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == 0x7F) {
             return true;
+        }
+    }
     return false;
 }
 
 int set_value(ini_document &document, const std::string &section, const std::string &key,
               const std::string &value) {
-    if (has_control(section) || has_control(key) || has_control(value))
+    if (has_control(section) || has_control(key) || has_control(value)) {
         return EINVAL;
+    }
     std::string text = ini_text_with(document.text, section, key, ini_written(value));
-    if (text.size() > max_size)
+    if (text.size() > max_size) {
         return EFBIG;
+    }
     auto values = parse(text);
     const char *read_back =
         values == nullptr ? nullptr : values->GetValue(section.c_str(), key.c_str(), nullptr);
-    if (read_back == nullptr || read_back != value)
+    if (read_back == nullptr || read_back != value) {
         return EINVAL;
+    }
     document.text = std::move(text);
     document.values = std::move(values);
     return 0;
@@ -85,8 +90,9 @@ int set_value(ini_document &document, const std::string &section, const std::str
 void *kze_ini_file_load(const char *path) {
     try {
         auto document = std::make_unique<ini_document>();
-        if (path != nullptr && !kze_small_file::read(path, max_size, document->text))
+        if (path != nullptr && !kze_small_file::read(path, max_size, document->text)) {
             return nullptr;
+        }
         document->values = parse(document->text);
         return document->values == nullptr ? nullptr : document.release();
     } catch (const std::exception &) {
@@ -95,14 +101,16 @@ void *kze_ini_file_load(const char *path) {
 }
 
 const char *kze_ini_file_get(void *ini, const char *section, const char *key) {
-    if (ini == nullptr || section == nullptr || key == nullptr)
+    if (ini == nullptr || section == nullptr || key == nullptr) {
         return nullptr;
+    }
     return static_cast<ini_document *>(ini)->values->GetValue(section, key, nullptr);
 }
 
 int kze_ini_file_set(void *ini, const char *section, const char *key, const char *value) {
-    if (ini == nullptr || section == nullptr || key == nullptr || value == nullptr)
+    if (ini == nullptr || section == nullptr || key == nullptr || value == nullptr) {
         return EINVAL;
+    }
     try {
         return set_value(*static_cast<ini_document *>(ini), section, key, value);
     } catch (const std::exception &) {
@@ -111,14 +119,16 @@ int kze_ini_file_set(void *ini, const char *section, const char *key, const char
 }
 
 int kze_ini_file_save(void *ini, const char *path, int flags) {
-    if (ini == nullptr || path == nullptr || flags != 0)
+    if (ini == nullptr || path == nullptr || flags != 0) {
         return EINVAL;
+    }
     try {
         const std::string &text = static_cast<ini_document *>(ini)->text;
-        Replacement file;
+        replacement file;
         int error = file.open(path, 0600);
-        if (error == 0)
+        if (error == 0) {
             error = file.write(text.data(), text.size());
+        }
         return error == 0 ? file.commit() : error;
     } catch (const std::exception &) {
         return ENOMEM;

@@ -1,4 +1,4 @@
-#include "ini_edit.h"
+#include "platform/kzautil/ini_edit.h"
 
 #include <algorithm>
 #include <cstring>
@@ -37,17 +37,19 @@ bool needs_quotes(std::string_view value) {
 // Walks once through a text and finds where a section's key stands, or would. The text is read as
 // the parser does, down to its oddities: a header's name may begin on a later line, and a header
 // without its "]" opens a section that has no name to be found by. One thread at a time.
-class Search {
+class key_search {
   public:
-    Search(const std::string &text, size_t start, std::string section, std::string key)
-        : text_(text),
-          section_(std::move(section)),
-          key_(std::move(key)),
-          inside_(section_.empty()) {
-        if (inside_)
+    key_search(const std::string &whole, size_t start, std::string in_section, std::string of_key)
+        : text(whole),
+          section(std::move(in_section)),
+          key(std::move(of_key)),
+          inside(section.empty()) {
+        if (inside) {
             insert_at = start;
-        for (size_t at = start; (at = text_.find_first_not_of(white_space, at)) != nowhere;)
-            at = text_[at] == '[' ? pass_header(at) : pass_line(at);
+        }
+        for (size_t at = start; (at = text.find_first_not_of(white_space, at)) != nowhere;) {
+            at = text[at] == '[' ? pass_header(at) : pass_line(at);
+        }
     }
 
     size_t insert_at = nowhere;    // behind the section's last header or key line
@@ -56,41 +58,45 @@ class Search {
 
   private:
     size_t line_end(size_t at) const {
-        return std::min(text_.find_first_of(line_ends, at), text_.size());
+        return std::min(text.find_first_of(line_ends, at), text.size());
     }
 
     size_t pass_header(size_t at) {
-        inside_ = false;
-        const size_t name = text_.find_first_not_of(white_space, at + 1);
-        const size_t end = name == nowhere ? nowhere : text_.find_first_of("]\r\n", name);
-        if (end == nowhere)
-            return text_.size();
-        if (text_[end] != ']')
+        inside = false;
+        const size_t name = text.find_first_not_of(white_space, at + 1);
+        const size_t end = name == nowhere ? nowhere : text.find_first_of("]\r\n", name);
+        if (end == nowhere) {
+            return text.size();
+        }
+        if (text[end] != ']') {
             return end;
+        }
         const size_t next = line_end(end);
-        inside_ = trimmed(text_.substr(name, end - name)) == section_;
-        if (inside_)
+        inside = trimmed(text.substr(name, end - name)) == section;
+        if (inside) {
             insert_at = next;
+        }
         return next;
     }
 
     size_t pass_line(size_t at) {
         const size_t end = line_end(at);
-        const size_t equals = std::min(text_.find('=', at), end);
-        if (!inside_ || text_[at] == ';' || text_[at] == '#' || equals == end)
+        const size_t equals = std::min(text.find('=', at), end);
+        if (!inside || text[at] == ';' || text[at] == '#' || equals == end) {
             return end;
+        }
         insert_at = end;
-        if (trimmed(text_.substr(at, equals - at)) == key_) {
-            value_begin = std::min(text_.find_first_not_of(blanks, equals + 1), end);
+        if (trimmed(text.substr(at, equals - at)) == key) {
+            value_begin = std::min(text.find_first_not_of(blanks, equals + 1), end);
             value_end = end;
         }
         return end;
     }
 
-    const std::string &text_;
-    const std::string section_;
-    const std::string key_;
-    bool inside_;
+    const std::string &text;
+    const std::string section;
+    const std::string key;
+    bool inside;
 };
 
 }  // namespace
@@ -98,21 +104,25 @@ class Search {
 std::string ini_text_with(const std::string &text, const std::string &section,
                           const std::string &key, const std::string &value) {
     const size_t start = text.compare(0, 3, byte_order_mark) == 0 ? 3 : 0;
-    const Search place(text, start, section, key);
+    const key_search place(text, start, section, key);
     std::string result = text;
-    if (place.value_begin != nowhere)
+    if (place.value_begin != nowhere) {
         return result.replace(place.value_begin, place.value_end - place.value_begin, value);
+    }
 
     const std::string line = key + " = " + value;
     const std::string line_end = text.find("\r\n") == nowhere ? "\n" : "\r\n";
-    if (place.insert_at == start)
+    if (place.insert_at == start) {
         return result.insert(start, line + line_end);
-    if (place.insert_at != nowhere)
+    }
+    if (place.insert_at != nowhere) {
         return result.insert(place.insert_at, line_end + line);
+    }
 
     if (text.size() > start) {
-        if (text.find_last_of(line_ends) != text.size() - 1)
+        if (text.find_last_of(line_ends) != text.size() - 1) {
             result += line_end;
+        }
         result += line_end;
     }
     return result + "[" + section + "]" + line_end + line + line_end;

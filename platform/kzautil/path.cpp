@@ -7,11 +7,12 @@
 #include <string>
 
 #include "kzautil.h"
-#include "platform/vrdbase/paths.h"
+#include "platform/common/paths.h"
 
 int kze_dirutils_path_transform(const char *path, char *out, unsigned int size) {
-    if (out == nullptr || size == 0)
+    if (out == nullptr || size == 0) {
         return -1;
+    }
     try {
         const std::string result = path == nullptr ? std::string() : kze_paths::expand(path);
         const bool known = path != nullptr && (*path == '\0' || !result.empty());
@@ -27,8 +28,9 @@ int kze_dirutils_path_transform(const char *path, char *out, unsigned int size) 
 }
 
 int kze_dirutils_mkdir(const char *path, unsigned int mode) {
-    if (path == nullptr)
+    if (path == nullptr) {
         return EINVAL;
+    }
     try {
         return kze_paths::make_directories(path, static_cast<mode_t>(mode));
     } catch (const std::exception &) {
@@ -46,7 +48,8 @@ int is_file_exist(const char *path) {
 }
 
 int kze_path_del_file_u(const char *path) {
-    if (path == nullptr)
+    if (path == nullptr) {
         return EINVAL;
+    }
     return unlink(path) == 0 ? 0 : errno;
 }

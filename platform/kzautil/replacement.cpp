@@ -1,4 +1,4 @@
-#include "replacement.h"
+#include "platform/kzautil/replacement.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -25,14 +25,16 @@ std::string without_links(const std::string &path) {
 }
 
 int sync_directory(const std::string &path) {
-    const Descriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const kze::descriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return directory.valid() && fsync(directory.get()) == 0 ? 0 : errno;
 }
 
 int lock(int fd) {
-    while (flock(fd, LOCK_EX) != 0)
-        if (errno != EINTR)
+    while (flock(fd, LOCK_EX) != 0) {
+        if (errno != EINTR) {
             return errno;
+        }
+    }
     return 0;
 }
 
@@ -45,65 +47,75 @@ bool is_named(int fd, const std::string &path) {
 
 }  // namespace
 
-Replacement::~Replacement() {
-    if (file_.valid() && !path_.empty())
-        unlink(path_.c_str());
+replacement::~replacement() {
+    if (own_file.valid() && !path.empty()) {
+        unlink(path.c_str());
+    }
 }
 
-int Replacement::open(const std::string &target, mode_t new_mode) {
-    target_ = without_links(target);
+int replacement::open(const std::string &target, mode_t new_mode) {
+    final_path = without_links(target);
     struct stat status {};
-    if (stat(target_.c_str(), &status) != 0) {
-        if (errno != ENOENT)
+    if (stat(final_path.c_str(), &status) != 0) {
+        if (errno != ENOENT) {
             return errno;
+        }
         status.st_mode = S_IFREG | new_mode;
     }
-    if (!S_ISREG(status.st_mode))
+    if (!S_ISREG(status.st_mode)) {
         return S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
-    mode_ = status.st_mode;
-    const size_t name = target_.rfind('/') + 1;
-    path_ = target_.substr(0, name) + "." + target_.substr(name) + ".new";
+    }
+    own_mode = status.st_mode;
+    const size_t name = final_path.rfind('/') + 1;
+    path = final_path.substr(0, name) + "." + final_path.substr(name) + ".new";
     return open_locked();
 }
 
-int Replacement::open_locked() {
+int replacement::open_locked() {
     while (true) {
-        Descriptor file(
-            ::open(path_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
-        if (!file.valid())
+        kze::descriptor file(
+            ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
+        if (!file.valid()) {
             return errno;
+        }
         const int error = lock(file.get());
-        if (error != 0)
+        if (error != 0) {
             return error;
+        }
         // Whoever had the lock before has given the file its final name, or deleted it.
-        if (!is_named(file.get(), path_))
+        if (!is_named(file.get(), path)) {
             continue;
-        file_ = std::move(file);
-        return ftruncate(file_.get(), 0) == 0 ? 0 : errno;
+        }
+        own_file = std::move(file);
+        return ftruncate(own_file.get(), 0) == 0 ? 0 : errno;
     }
 }
 
-int Replacement::write(const char *data, size_t size) {
+int replacement::write(const char *data, size_t size) {
     while (size > 0) {
-        const ssize_t written = ::write(file_.get(), data, size);
-        if (written < 0 && errno == EINTR)
+        const ssize_t written = ::write(own_file.get(), data, size);
+        if (written < 0 && errno == EINTR) {
             continue;
-        if (written < 0)
+        }
+        if (written < 0) {
             return errno;
+        }
         data += written;
         size -= static_cast<size_t>(written);
     }
     return 0;
 }
 
-int Replacement::commit() {
-    const mode_t mode = mode_ & permission_bits;
+int replacement::commit() {
+    const mode_t mode = own_mode & permission_bits;
     // Its owner must be able to write what a crash may leave behind, or nobody could save again.
-    if (fchmod(file_.get(), mode | S_IWUSR) != 0 || fsync(file_.get()) != 0 ||
-        rename(path_.c_str(), target_.c_str()) != 0)
+    if (fchmod(own_file.get(), mode | S_IWUSR) != 0 || fsync(own_file.get()) != 0 ||
+        rename(path.c_str(), final_path.c_str()) != 0) {
         return errno;
-    path_.clear();
-    if (fchmod(file_.get(), mode) != 0)
+    }
+    path.clear();
+    if (fchmod(own_file.get(), mode) != 0) {
         return errno;
-    return sync_directory(directory_of(target_));
+    }
+    return sync_directory(directory_of(final_path));
 }

@@ -16,8 +16,9 @@ int kze_rand_by_time(void) {
 }
 
 int kze_str_snprintf(char *out, unsigned int size, const char *format, ...) {
-    if (out == nullptr)
+    if (out == nullptr) {
         size = 0;
+    }
     int length = -1;
     if (format != nullptr) {
         va_list arguments;
@@ -25,14 +26,16 @@ int kze_str_snprintf(char *out, unsigned int size, const char *format, ...) {
         length = vsnprintf(out, size, format, arguments);
         va_end(arguments);
     }
-    if (length < 0 && size > 0)
+    if (length < 0 && size > 0) {
         *out = '\0';
+    }
     return length < 0 ? -1 : length;
 }
 
 unsigned int kze_str_strlcpy(char *dest, const char *src, unsigned int size) {
-    if (src == nullptr)
+    if (src == nullptr) {
         src = "";
+    }
     const size_t length = strlen(src);
     if (dest != nullptr && size > 0) {
         const size_t copied = length < size ? length : size - 1;

@@ -60,36 +60,38 @@ class reader : public msgpack::null_visitor {
     bool visit_ext(const char *, std::uint32_t) { return false; }
 
     // The message, when the parser has come to its end.
-    std::unique_ptr<xmsg> take() { return std::move(message_); }
+    std::unique_ptr<xmsg> take() { return std::move(message); }
 
   private:
     enum class expected { array, name, map, key, value, nothing };
 
     bool advance(expected now, expected next) {
-        if (expected_ != now)
+        if (next_expected != now) {
             return false;
-        expected_ = next;
+        }
+        next_expected = next;
         return true;
     }
 
-    expected expected_ = expected::array;
-    std::unique_ptr<xmsg> message_;
-    std::string_view key_;  // in the parsed bytes
+    expected next_expected = expected::array;
+    std::unique_ptr<xmsg> message;
+    std::string_view key;  // in the parsed bytes
 };
 
 bool reader::visit_bin(const char *data, std::uint32_t size) {
     const std::string_view bytes(data, size);
-    switch (expected_) {
+    switch (next_expected) {
         case expected::name:
-            if (size > XMSG_MAX_NAME || bytes.find('\0') != std::string_view::npos)
+            if (size > XMSG_MAX_NAME || bytes.find('\0') != std::string_view::npos) {
                 return false;
-            message_ = std::make_unique<xmsg>(bytes);
+            }
+            message = std::make_unique<xmsg>(bytes);
             return advance(expected::name, expected::map);
         case expected::key:
-            key_ = bytes;
+            key = bytes;
             return advance(expected::key, expected::value);
         case expected::value:
-            return message_->add(key_, bytes) == XMSG_OK && advance(expected::value, expected::key);
+            return message->add(key, bytes) == XMSG_OK && advance(expected::value, expected::key);
         default:
             return false;
     }

@@ -1,20 +1,23 @@
 #include "platform/vrdaux/message.h"
 
 int xmsg::add(std::string_view key, std::string_view value) {
-    if (key.size() > XMSG_MAX_KEY || value.size() > XMSG_MAX_VALUE)
+    if (key.size() > XMSG_MAX_KEY || value.size() > XMSG_MAX_VALUE) {
         return XMSG_E_TOO_LARGE;
-    const auto next = fields_.lower_bound(key);
-    if (next != fields_.end() && next->first == key)
+    }
+    const auto next = own_fields.lower_bound(key);
+    if (next != own_fields.end() && next->first == key) {
         return XMSG_E_EXISTS;
-    const std::size_t bytes = bytes_ + key.size() + value.size();
-    if (fields_.size() == XMSG_MAX_FIELDS || bytes > XMSG_MAX_BYTES)
+    }
+    const std::size_t bytes = byte_count + key.size() + value.size();
+    if (own_fields.size() == XMSG_MAX_FIELDS || bytes > XMSG_MAX_BYTES) {
         return XMSG_E_TOO_LARGE;
-    fields_.emplace_hint(next, key, value);
-    bytes_ = bytes;
+    }
+    own_fields.emplace_hint(next, key, value);
+    byte_count = bytes;
     return XMSG_OK;
 }
 
 const std::string *xmsg::find(std::string_view key) const {
-    const auto found = fields_.find(key);
-    return found == fields_.end() ? nullptr : &found->second;
+    const auto found = own_fields.find(key);
+    return found == own_fields.end() ? nullptr : &found->second;
 }

@@ -1,5 +1,8 @@
-// What a message holds, and what it can hold.
-#pragma once
+/*
+ * What a message holds, and what it can hold.
+ */
+#ifndef KZEMDLMGR_PLATFORM_VRDAUX_MESSAGE_H
+#define KZEMDLMGR_PLATFORM_VRDAUX_MESSAGE_H
 
 #include <cstddef>
 #include <functional>
@@ -15,7 +18,7 @@ struct xmsg {
     using field_map = std::map<std::string, std::string, std::less<>>;
 
     // The name is within XMSG_MAX_NAME.
-    explicit xmsg(std::string_view name) : name_(name) {}
+    explicit xmsg(std::string_view name) : own_name(name) {}
 
     // XMSG_OK, XMSG_E_TOO_LARGE or XMSG_E_EXISTS.
     int add(std::string_view key, std::string_view value);
@@ -23,11 +26,13 @@ struct xmsg {
     // The value, null where there is none. Valid as long as the message.
     const std::string *find(std::string_view key) const;
 
-    const std::string &name() const { return name_; }
-    const field_map &fields() const { return fields_; }
+    const std::string &name() const { return own_name; }
+    const field_map &fields() const { return own_fields; }
 
   private:
-    std::string name_;
-    field_map fields_;       // a node each, which stays where it is when others come
-    std::size_t bytes_ = 0;  // of all keys and values
+    std::string own_name;
+    field_map own_fields;        // a node each, which stays where it is when others come
+    std::size_t byte_count = 0;  // of all keys and values
 };
+
+#endif

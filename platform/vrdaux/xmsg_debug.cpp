@@ -16,14 +16,16 @@ constexpr std::size_t shown_fields = 64;
 std::string shown(std::string_view bytes) {
     std::string text = "[";
     for (const char byte : bytes.substr(0, shown_bytes)) {
-        if (byte == '\0')
+        if (byte == '\0') {
             text += "\\x00";
-        else
+        } else {
             text += byte;
+        }
     }
     text += ']';
-    if (bytes.size() > shown_bytes)
+    if (bytes.size() > shown_bytes) {
         text += " cut, " + std::to_string(bytes.size()) + " bytes";
+    }
     return text;
 }
 
@@ -45,8 +47,9 @@ void dump(const xmsg &message) {
 }  // namespace
 
 void xmsg_debug(const xmsg *msg) {
-    if (msg == nullptr || error_output_check(dump_level) == 0)
+    if (msg == nullptr || error_output_check(dump_level) == 0) {
         return;
+    }
     try {
         dump(*msg);
     } catch (const std::exception &) {

@@ -1,4 +1,4 @@
-#include "host_identity.h"
+#include "platform/vrdbase/host_identity.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -9,9 +9,9 @@
 #include <cstdint>
 #include <exception>
 
-#include "descriptor.h"
-#include "paths.h"
-#include "small_file.h"
+#include "platform/common/descriptor.h"
+#include "platform/common/paths.h"
+#include "platform/common/small_file.h"
 #include "vrdbase.h"
 
 namespace {
@@ -22,8 +22,9 @@ constexpr size_t max_file_size = 4096;
 // The first line of a file when that is an identifier of 32 hexadecimal digits, else empty.
 std::string read_identifier(const std::string &path) {
     std::string line;
-    if (path.empty() || !kze_small_file::read(path, max_file_size, line))
+    if (path.empty() || !kze_small_file::read(path, max_file_size, line)) {
         return {};
+    }
     line.resize(std::min(line.size(), line.find('\n')));
     const bool good = line.size() == id_digits &&
                       line.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
@@ -32,8 +33,9 @@ std::string read_identifier(const std::string &path) {
 
 std::string random_identifier() {
     unsigned char bytes[id_digits / 2];
-    if (getrandom(bytes, sizeof bytes, 0) != static_cast<ssize_t>(sizeof bytes))
+    if (getrandom(bytes, sizeof bytes, 0) != static_cast<ssize_t>(sizeof bytes)) {
         return {};
+    }
     static const char digits[] = "0123456789abcdef";
     std::string text;
     for (const unsigned char byte : bytes) {
@@ -54,16 +56,19 @@ bool write_identifier(int fd, const std::string &identifier) {
 // lets several processes that start at once agree.
 std::string own_identifier(const std::string &path) {
     std::string identifier = read_identifier(path);
-    if (path.empty() || !identifier.empty())
+    if (path.empty() || !identifier.empty()) {
         return identifier;
+    }
     kze_paths::make_directories(path.substr(0, path.rfind('/')), 0700);
-    const Descriptor file(
+    const kze::descriptor file(
         open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
-    if (!file.valid() || flock(file.get(), LOCK_EX) != 0)
+    if (!file.valid() || flock(file.get(), LOCK_EX) != 0) {
         return {};
+    }
     identifier = read_identifier(path);
-    if (!identifier.empty())
+    if (!identifier.empty()) {
         return identifier;
+    }
     identifier = random_identifier();
     return write_identifier(file.get(), identifier) ? identifier : std::string();
 }
@@ -77,8 +82,9 @@ std::string host_name() {
 // FNV-1a, with a prefix so that the number isn't the one another program derives in the same way.
 unsigned int number_of(const std::string &identifier) {
     uint32_t hash = 2166136261U;
-    for (const char c : "kze host " + identifier)
+    for (const char c : "kze host " + identifier) {
         hash = (hash ^ static_cast<unsigned char>(c)) * 16777619U;
+    }
     return hash == 0 ? 1 : hash;
 }
 
@@ -86,8 +92,9 @@ unsigned int number_of(const std::string &identifier) {
 
 unsigned int host_identity(const std::string &machine_id_file, const std::string &own_file) {
     std::string identifier = read_identifier(machine_id_file);
-    if (identifier.empty())
+    if (identifier.empty()) {
         identifier = own_identifier(own_file);
+    }
     if (identifier.empty()) {
         kze_log(2, "no identifier of this host in %s, and none can be kept in %s",
                 machine_id_file.c_str(), own_file.c_str());

@@ -12,9 +12,9 @@
 #include <string>
 #include <vector>
 
-#include "log_file.h"
-#include "log_text.h"
-#include "paths.h"
+#include "platform/common/paths.h"
+#include "platform/vrdbase/log_file.h"
+#include "platform/vrdbase/log_text.h"
 #include "vrdbase.h"
 
 namespace {
@@ -27,37 +27,41 @@ const char *const host_directory = "@/../var/log/host";
 // All log files of the process. Safe from any thread. Files are never closed and the one registry
 // is never destroyed, so that threads may log while the process ends. Lock order: the registry's,
 // then the files', oldest first.
-class LogRegistry {
+class log_registry {
   public:
-    LogFile *find_or_add(const std::string &directory, int files) {
-        const std::lock_guard<std::mutex> hold(mutex_);
-        for (const auto &file : files_)
-            if (file->directory() == directory)
+    log_file *find_or_add(const std::string &directory, int files) {
+        const std::lock_guard<std::mutex> hold(mutex);
+        for (const auto &file : known_files) {
+            if (file->directory() == directory) {
                 return file.get();
-        files_.push_back(std::make_unique<LogFile>(directory, files));
-        return files_.back().get();
+            }
+        }
+        known_files.push_back(std::make_unique<log_file>(directory, files));
+        return known_files.back().get();
     }
 
     void lock_all() {
-        mutex_.lock();
-        for (const auto &file : files_)
+        mutex.lock();
+        for (const auto &file : known_files) {
             file->lock();
+        }
     }
 
     void unlock_all() {
-        for (const auto &file : files_)
+        for (const auto &file : known_files) {
             file->unlock();
-        mutex_.unlock();
+        }
+        mutex.unlock();
     }
 
   private:
-    std::mutex mutex_;
-    std::vector<std::unique_ptr<LogFile>> files_;
+    std::mutex mutex;
+    std::vector<std::unique_ptr<log_file>> known_files;
 };
 
-LogRegistry &registry() {
-    static LogRegistry *const instance = [] {
-        auto *made = new LogRegistry;
+log_registry &registry() {
+    static log_registry *const instance = [] {
+        auto *made = new log_registry;
         pthread_atfork([] { registry().lock_all(); }, [] { registry().unlock_all(); },
                        [] { registry().unlock_all(); });
         return made;
@@ -71,28 +75,30 @@ std::string one_spelling(const std::string &directory) {
     kze_paths::make_directories(directory, log_directory_mode);
     std::error_code error;
     const auto resolved = std::filesystem::canonical(directory, error);
-    if (!error)
+    if (!error) {
         return resolved.string();
+    }
     std::string plain = directory;
-    while (plain.size() > 1 && plain.back() == '/')
+    while (plain.size() > 1 && plain.back() == '/') {
         plain.pop_back();
+    }
     return plain;
 }
 
 // A directory that can't be told becomes one that can't be made, whose records go to standard
 // error.
-LogFile &file_of(const char *directory, int files) {
+log_file &file_of(const char *directory, int files) {
     const std::string path = one_spelling(kze_paths::expand(directory));
     return *registry().find_or_add(path, std::clamp(files, 1, max_files));
 }
 
-LogFile &host_file() {
-    static LogFile &file = file_of(host_directory, host_files);
+log_file &host_file() {
+    static log_file &file = file_of(host_directory, host_files);
     return file;
 }
 
 // The calling thread's file, null for the host's.
-thread_local LogFile *thread_file = nullptr;
+thread_local log_file *thread_file = nullptr;
 
 void write_record(int level, const char *source_file, int line, const char *format,
                   va_list arguments) noexcept {
@@ -106,7 +112,7 @@ void write_record(int level, const char *source_file, int line, const char *form
         kze_log_text::append_escaped(text, name);
         text += ":" + std::to_string(line) + " ";
         kze_log_text::append_escaped(text, kze_log_text::format(format, arguments));
-        LogFile &file = thread_file == nullptr ? host_file() : *thread_file;
+        log_file &file = thread_file == nullptr ? host_file() : *thread_file;
         file.write(std::clamp(level, 0, max_level), text);
     } catch (const std::exception &) {
         // No memory for the record: it is lost.
@@ -136,8 +142,9 @@ void error_output(int level, const char *source_file, int line, const char *form
 
 void kze_log_output(int level, const char *format, ...) {
     const int own_level = std::clamp(level, 0, max_level - 1) + 1;
-    if (error_output_check(own_level) == 0)
+    if (error_output_check(own_level) == 0) {
         return;
+    }
     va_list arguments;
     va_start(arguments, format);
     write_record(own_level, nullptr, 0, format, arguments);

@@ -1,4 +1,4 @@
-#include "log_file.h"
+#include "platform/vrdbase/log_file.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -14,8 +14,8 @@
 #include <system_error>
 #include <utility>
 
-#include "descriptor.h"
-#include "paths.h"
+#include "platform/common/descriptor.h"
+#include "platform/common/paths.h"
 
 namespace {
 
@@ -42,58 +42,63 @@ spdlog::details::log_msg message(int level, const std::string &text) {
 // disk left in it.
 void prepare(const std::string &directory, const std::string &path) {
     const int error = kze_paths::make_directories(directory, log_directory_mode);
-    if (error != 0)
+    if (error != 0) {
         throw std::system_error(error, std::generic_category());
-    const Descriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    }
+    const kze::descriptor file(::open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
     struct stat status {};
-    if (!file.valid() || fstat(file.get(), &status) != 0)
+    if (!file.valid() || fstat(file.get(), &status) != 0) {
         throw std::system_error(errno, std::generic_category());
+    }
     char last = '\n';
     if (status.st_size > 0 && pread(file.get(), &last, 1, status.st_size - 1) == 1 &&
-        last != '\n' && ::write(file.get(), "\n", 1) != 1)
+        last != '\n' && ::write(file.get(), "\n", 1) != 1) {
         throw std::system_error(errno, std::generic_category());
+    }
 }
 
 // Keeps SIGPIPE from the calling thread during a write, whatever the program does with it. One that
 // waited already stays.
-class WithoutBrokenPipe {
+class without_broken_pipe {
   public:
-    WithoutBrokenPipe() {
+    without_broken_pipe() {
         sigset_t waiting;
-        sigemptyset(&signal_);
-        sigaddset(&signal_, SIGPIPE);
+        sigemptyset(&signal);
+        sigaddset(&signal, SIGPIPE);
         sigpending(&waiting);
-        waited_ = sigismember(&waiting, SIGPIPE) == 1;
-        pthread_sigmask(SIG_BLOCK, &signal_, &before_);
+        waited = sigismember(&waiting, SIGPIPE) == 1;
+        pthread_sigmask(SIG_BLOCK, &signal, &before);
     }
-    ~WithoutBrokenPipe() {
+    ~without_broken_pipe() {
         const struct timespec at_once {};
-        while (!waited_ && sigtimedwait(&signal_, nullptr, &at_once) < 0 && errno == EINTR) {
+        while (!waited && sigtimedwait(&signal, nullptr, &at_once) < 0 && errno == EINTR) {
         }
-        pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
     }
-    WithoutBrokenPipe(const WithoutBrokenPipe &) = delete;
-    WithoutBrokenPipe &operator=(const WithoutBrokenPipe &) = delete;
+    without_broken_pipe(const without_broken_pipe &) = delete;
+    without_broken_pipe &operator=(const without_broken_pipe &) = delete;
 
   private:
-    sigset_t signal_{};
-    sigset_t before_{};
-    bool waited_;
+    sigset_t signal{};
+    sigset_t before{};
+    bool waited;
 };
 
 // Gives up what can't be written at once: the reader may be gone, or have stopped reading. A pipe
 // that is ready takes PIPE_BUF bytes without waiting. False when not all was written.
 bool write_to_standard_error(const char *line, size_t size) {
-    const WithoutBrokenPipe guard;
+    const without_broken_pipe guard;
     while (size > 0) {
         struct pollfd ready {};
         ready.fd = STDERR_FILENO;
         ready.events = POLLOUT;
-        if (poll(&ready, 1, 0) != 1 || (ready.revents & POLLOUT) == 0)
+        if (poll(&ready, 1, 0) != 1 || (ready.revents & POLLOUT) == 0) {
             return false;
+        }
         const ssize_t written = ::write(STDERR_FILENO, line, std::min<size_t>(size, PIPE_BUF));
-        if (written <= 0)
+        if (written <= 0) {
             return false;
+        }
         line += written;
         size -= static_cast<size_t>(written);
     }
@@ -102,65 +107,68 @@ bool write_to_standard_error(const char *line, size_t size) {
 
 }  // namespace
 
-LogFile::LogFile(std::string directory, int files)
-    : directory_(std::move(directory)),
-      path_(file_path(directory_)),
-      files_(files),
-      formatter_(pattern) {}
+log_file::log_file(std::string directory, int files)
+    : own_directory(std::move(directory)),
+      path(file_path(own_directory)),
+      file_count(files),
+      formatter(pattern) {}
 
-void LogFile::write(int level, const std::string &text) noexcept {
-    const std::lock_guard<std::mutex> hold(mutex_);
+void log_file::write(int level, const std::string &text) noexcept {
+    const std::lock_guard<std::mutex> hold(mutex);
     try {
         if (ready()) {
             put(level, text);
             return;
         }
     } catch (const std::exception &) {
-        sink_.reset();
-        next_try_ = std::chrono::steady_clock::now() + retry_interval;
+        file_sink.reset();
+        next_try = std::chrono::steady_clock::now() + retry_interval;
     }
     put_to_standard_error(level, text);
 }
 
-bool LogFile::ready() {
-    if (sink_ != nullptr)
+bool log_file::ready() {
+    if (file_sink != nullptr) {
         return true;
-    if (std::chrono::steady_clock::now() < next_try_)
+    }
+    if (std::chrono::steady_clock::now() < next_try) {
         return false;
+    }
     open();
     return true;
 }
 
-void LogFile::open() {
+void log_file::open() {
     spdlog::file_event_handlers events;
-    events.before_open = [this](const std::string &) { prepare(directory_, path_); };
+    events.before_open = [this](const std::string &) { prepare(own_directory, path); };
     // The sink counts the files besides the current one.
     auto sink = std::make_unique<spdlog::sinks::rotating_file_sink_st>(
-        path_, max_file_size, static_cast<size_t>(files_ - 1), false, events);
+        path, max_file_size, static_cast<size_t>(file_count - 1), false, events);
     sink->set_pattern(pattern);
-    sink_ = std::move(sink);
-    if (missed_ != 0) {
-        put(2, "-:0 " + std::to_string(missed_) + " records went to standard error" +
-                   (lost_ == 0 ? "" : ", " + std::to_string(lost_) + " of them are lost"));
-        missed_ = 0;
-        lost_ = 0;
+    file_sink = std::move(sink);
+    if (missed != 0) {
+        put(2, "-:0 " + std::to_string(missed) + " records went to standard error" +
+                   (lost == 0 ? "" : ", " + std::to_string(lost) + " of them are lost"));
+        missed = 0;
+        lost = 0;
     }
 }
 
-void LogFile::put(int level, const std::string &text) {
-    sink_->log(message(level, text));
-    sink_->flush();
+void log_file::put(int level, const std::string &text) {
+    file_sink->log(message(level, text));
+    file_sink->flush();
 }
 
-void LogFile::put_to_standard_error(int level, const std::string &text) {
-    ++missed_;
+void log_file::put_to_standard_error(int level, const std::string &text) {
+    ++missed;
     try {
         spdlog::memory_buf_t line;
-        formatter_.format(message(level, text), line);
-        if (write_to_standard_error(line.data(), line.size()))
+        formatter.format(message(level, text), line);
+        if (write_to_standard_error(line.data(), line.size())) {
             return;
+        }
     } catch (const std::exception &) {
         // No memory for the line: it is lost as well.
     }
-    ++lost_;
+    ++lost;
 }

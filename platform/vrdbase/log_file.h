@@ -1,5 +1,8 @@
-// One directory's rotating log file.
-#pragma once
+/*
+ * One directory's rotating log file.
+ */
+#ifndef KZEMDLMGR_PLATFORM_VRDBASE_LOG_FILE_H
+#define KZEMDLMGR_PLATFORM_VRDBASE_LOG_FILE_H
 
 // Every user of the library within libvrdbase comes through here, so that these hold for all.
 #define SPDLOG_PREVENT_CHILD_FD
@@ -19,11 +22,11 @@
 inline constexpr mode_t log_directory_mode = 0700;
 
 // Safe from any thread: one lock guards everything that changes.
-class LogFile {
+class log_file {
   public:
     // `directory` needn't exist yet; `files` counts the current file too. Opens at the first
     // record.
-    LogFile(std::string directory, int files);
+    log_file(std::string directory, int files);
 
     // Writes one line; `text` holds "file:line text", escaped. To standard error while the file
     // can't be written, as far as that takes it at once. Never throws.
@@ -31,10 +34,10 @@ class LogFile {
 
     // For fork only: held across it, so that the child finds the lock free and no half-written
     // line.
-    void lock() { mutex_.lock(); }
-    void unlock() { mutex_.unlock(); }
+    void lock() { mutex.lock(); }
+    void unlock() { mutex.unlock(); }
 
-    const std::string &directory() const { return directory_; }
+    const std::string &directory() const { return own_directory; }
 
   private:
     bool ready();
@@ -42,16 +45,18 @@ class LogFile {
     void put(int level, const std::string &text);
     void put_to_standard_error(int level, const std::string &text);
 
-    const std::string directory_;
-    const std::string path_;
-    const int files_;
+    const std::string own_directory;
+    const std::string path;
+    const int file_count;
 
-    std::mutex mutex_;
+    std::mutex mutex;
     // Null while the file can't be written. Dropped after every failure: a sink whose file failed
     // to open once must not be used again.
-    std::unique_ptr<spdlog::sinks::rotating_file_sink_st> sink_;
-    std::chrono::steady_clock::time_point next_try_;
-    unsigned long long missed_ = 0;  // records that the file didn't get, since it last told
-    unsigned long long lost_ = 0;    // those of them that standard error didn't take either
-    spdlog::pattern_formatter formatter_;
+    std::unique_ptr<spdlog::sinks::rotating_file_sink_st> file_sink;
+    std::chrono::steady_clock::time_point next_try;
+    unsigned long long missed = 0;  // records that the file didn't get, since it last told
+    unsigned long long lost = 0;    // those of them that standard error didn't take either
+    spdlog::pattern_formatter formatter;
 };
+
+#endif

@@ -8,8 +8,8 @@
 #define SI_IMPLEMENTATION
 #include <SimpleIni.h>
 
-#include "paths.h"
-#include "small_file.h"
+#include "platform/common/paths.h"
+#include "platform/common/small_file.h"
 #include "vrdbase.h"
 
 namespace {
@@ -24,8 +24,9 @@ int configured_level() {
     CSimpleIniCaseA settings;
     std::string data;
     const std::string path = kze_paths::expand("@/../config/log.ini");
-    if (!kze_small_file::read(path, max_file_size, data) || settings.LoadData(data) < 0)
+    if (!kze_small_file::read(path, max_file_size, data) || settings.LoadData(data) < 0) {
         return default_level;
+    }
     const std::string text = settings.GetValue("log", "level", "");
     const bool is_level = text.size() == 1 && text[0] >= '0' && text[0] <= '0' + max_level;
     return is_level ? text[0] - '0' : default_level;
@@ -46,8 +47,9 @@ int error_output_level(void) {
 }
 
 int error_output_set_level(int level) {
-    if (level < 0 || level > max_level)
+    if (level < 0 || level > max_level) {
         return -1;
+    }
     current_level.store(level, std::memory_order_relaxed);
     return 0;
 }

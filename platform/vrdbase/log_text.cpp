@@ -1,4 +1,4 @@
-#include "log_text.h"
+#include "platform/vrdbase/log_text.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -11,8 +11,9 @@ namespace {
 size_t character_length(const std::string &text, size_t at) {
     const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
     const unsigned char first = byte(at);
-    if (first < 0x80)
+    if (first < 0x80) {
         return 1;
+    }
     size_t length = 0;
     unsigned int code = 0;
     if (first >= 0xC2 && first <= 0xDF) {
@@ -27,11 +28,13 @@ size_t character_length(const std::string &text, size_t at) {
     } else {
         return 0;
     }
-    if (text.size() - at < length)
+    if (text.size() - at < length) {
         return 0;
+    }
     for (size_t i = 1; i < length; ++i) {
-        if ((byte(at + i) & 0xC0U) != 0x80U)
+        if ((byte(at + i) & 0xC0U) != 0x80U) {
             return 0;
+        }
         code = (code << 6U) | (byte(at + i) & 0x3FU);
     }
     const bool overlong = (length == 3 && code < 0x800) || (length == 4 && code < 0x10000);
@@ -42,10 +45,12 @@ size_t character_length(const std::string &text, size_t at) {
 // C0, DEL, C1 and the Unicode line and paragraph separators.
 bool is_control(const std::string &text, size_t at, size_t length) {
     const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[at + i]); };
-    if (length == 1)
+    if (length == 1) {
         return byte(0) < 0x20 || byte(0) == 0x7F;
-    if (length == 2)
+    }
+    if (length == 2) {
         return byte(0) == 0xC2 && byte(1) < 0xA0;
+    }
     return length == 3 && byte(0) == 0xE2 && byte(1) == 0x80 &&
            (byte(2) == 0xA8 || byte(2) == 0xA9);
 }
@@ -73,8 +78,9 @@ void append_escaped_byte(std::string &out, char c) {
 }  // namespace
 
 std::string format(const char *format, va_list arguments) {
-    if (format == nullptr)
+    if (format == nullptr) {
         return "(null)";
+    }
     va_list again;
     va_copy(again, arguments);
     std::string text(1024, '\0');
@@ -84,11 +90,13 @@ std::string format(const char *format, va_list arguments) {
         length = vsnprintf(text.data(), text.size(), format, again);
     }
     va_end(again);
-    if (length < 0)
+    if (length < 0) {
         return std::string("(not formattable) ") + format;
+    }
     text.resize(std::min(static_cast<size_t>(length), max_text));
-    if (static_cast<size_t>(length) > max_text)
+    if (static_cast<size_t>(length) > max_text) {
         text += " [cut, " + std::to_string(length) + " bytes]";
+    }
     return text;
 }
 
@@ -96,20 +104,23 @@ void append_escaped(std::string &out, const std::string &text) {
     for (size_t at = 0; at < text.size();) {
         // Most of a text is a run of plain characters, which is taken over at once.
         size_t plain = at;
-        while (plain < text.size() && text[plain] >= ' ' && text[plain] <= '~')
+        while (plain < text.size() && text[plain] >= ' ' && text[plain] <= '~') {
             ++plain;
+        }
         out.append(text, at, plain - at);
         at = plain;
-        if (at == text.size())
+        if (at == text.size()) {
             break;
+        }
         const size_t length = character_length(text, at);
         if (length != 0 && !is_control(text, at, length)) {
             out.append(text, at, length);
             at += length;
             continue;
         }
-        for (size_t end = at + std::max<size_t>(length, 1); at < end; ++at)
+        for (size_t end = at + std::max<size_t>(length, 1); at < end; ++at) {
             append_escaped_byte(out, text[at]);
+        }
     }
 }
 

@@ -1,5 +1,8 @@
-// The text of a log record. Free functions without state: safe from any thread.
-#pragma once
+/*
+ * The text of a log record. Free functions without state: safe from any thread.
+ */
+#ifndef KZEMDLMGR_PLATFORM_VRDBASE_LOG_TEXT_H
+#define KZEMDLMGR_PLATFORM_VRDBASE_LOG_TEXT_H
 
 #include <cstdarg>
 #include <string>
@@ -16,3 +19,5 @@ std::string format(const char *format, va_list arguments);
 void append_escaped(std::string &out, const std::string &text);
 
 }  // namespace kze_log_text
+
+#endif

@@ -27,14 +27,14 @@ struct timer_entry {
 class timer_table {
   public:
     void add(const timer_entry &entry) {
-        std::lock_guard<std::mutex> guard(lock_);
-        entries_[&entry.item->record] = entry;
+        std::lock_guard<std::mutex> guard(mutex);
+        entries[&entry.item->record] = entry;
     }
 
     timer_entry find(cl_timerplus *handle) {
-        std::lock_guard<std::mutex> guard(lock_);
-        auto at = entries_.find(handle);
-        return at == entries_.end() ? timer_entry{} : at->second;
+        std::lock_guard<std::mutex> guard(mutex);
+        auto at = entries.find(handle);
+        return at == entries.end() ? timer_entry{} : at->second;
     }
 
     // Takes the handle out and keeps its memory for a while, so that its value isn't given out
@@ -42,17 +42,17 @@ class timer_table {
     timer_entry remove(cl_timerplus *handle) {
         timer_entry removed;
         std::shared_ptr<timer> released;  // let go of without the lock
-        std::lock_guard<std::mutex> guard(lock_);
-        auto at = entries_.find(handle);
-        if (at == entries_.end()) {
+        std::lock_guard<std::mutex> guard(mutex);
+        auto at = entries.find(handle);
+        if (at == entries.end()) {
             return removed;
         }
-        closed_.push_back(at->second.item);
+        closed.push_back(at->second.item);
         removed = std::move(at->second);
-        entries_.erase(at);
-        if (closed_.size() > kept_closed) {
-            released = std::move(closed_.front());
-            closed_.pop_front();
+        entries.erase(at);
+        if (closed.size() > kept_closed) {
+            released = std::move(closed.front());
+            closed.pop_front();
         }
         return removed;
     }
@@ -60,9 +60,9 @@ class timer_table {
   private:
     static constexpr std::size_t kept_closed = 256;
 
-    std::mutex lock_;
-    std::unordered_map<const cl_timerplus *, timer_entry> entries_;  // guarded by lock_
-    std::deque<std::shared_ptr<timer>> closed_;                      // guarded by lock_
+    std::mutex mutex;
+    std::unordered_map<const cl_timerplus *, timer_entry> entries;  // guarded by mutex
+    std::deque<std::shared_ptr<timer>> closed;                      // guarded by mutex
 };
 
 // Never destroyed: threads may outlive the library's static objects while the process exits.
@@ -92,13 +92,15 @@ struct thread_start {
 // Ends the thread's loop, whichever way the thread leaves its routine.
 class loop_scope {
   public:
-    explicit loop_scope(std::shared_ptr<loop> own) : own_(std::move(own)) { own_->enter(); }
-    ~loop_scope() { own_->end(); }
+    explicit loop_scope(std::shared_ptr<loop> own) : scoped_loop(std::move(own)) {
+        scoped_loop->enter();
+    }
+    ~loop_scope() { scoped_loop->end(); }
     loop_scope(const loop_scope &) = delete;
     loop_scope &operator=(const loop_scope &) = delete;
 
   private:
-    std::shared_ptr<loop> own_;
+    std::shared_ptr<loop> scoped_loop;
 };
 
 extern "C" void *run_isolated_thread(void *argument) {

@@ -1,5 +1,8 @@
-// Where the exceptions of callbacks end.
-#pragma once
+/*
+ * Where the exceptions of callbacks end.
+ */
+#ifndef KZEMDLMGR_PLATFORM_VRDCL_EV_GUARD_H
+#define KZEMDLMGR_PLATFORM_VRDCL_EV_GUARD_H
 
 #include <cxxabi.h>
 
@@ -26,3 +29,5 @@ void run_guarded(const char *what, Body &&body) {
 }
 
 }  // namespace kze_ev
+
+#endif

@@ -43,20 +43,20 @@ void on_wake_time(uv_timer_t *timer) {
 
 std::shared_ptr<loop> loop::create() {
     std::shared_ptr<loop> made(new (std::nothrow) loop);
-    if (made == nullptr || uv_loop_init(&made->uv_) != 0) {
+    if (made == nullptr || uv_loop_init(&made->uv_loop) != 0) {
         return nullptr;
     }
-    made->opened_ = true;
-    made->async_.data = made.get();
-    const int result = uv_async_init(&made->uv_, &made->async_, [](uv_async_t *handle) {
+    made->opened = true;
+    made->async.data = made.get();
+    const int result = uv_async_init(&made->uv_loop, &made->async, [](uv_async_t *handle) {
         static_cast<loop *>(handle->data)->run_tasks();
     });
     if (result != 0) {
-        uv_loop_close(&made->uv_);
-        made->opened_ = false;
+        uv_loop_close(&made->uv_loop);
+        made->opened = false;
         return nullptr;
     }
-    uv_timer_init(&made->uv_, &made->wake_timer_);
+    uv_timer_init(&made->uv_loop, &made->wake_timer);
     return made;
 }
 
@@ -100,98 +100,98 @@ void loop::withdraw_offer() {
 }
 
 bool loop::post(std::function<void()> task) {
-    std::lock_guard<std::mutex> guard(lock_);
-    if (ended_) {
+    std::lock_guard<std::mutex> guard(mutex);
+    if (ended) {
         return false;
     }
-    tasks_.push_back(std::move(task));
-    uv_async_send(&async_);
+    tasks.push_back(std::move(task));
+    uv_async_send(&async);
     return true;
 }
 
 void loop::run_tasks() {
     {
-        std::lock_guard<std::mutex> guard(lock_);
-        running_tasks_.swap(tasks_);
+        std::lock_guard<std::mutex> guard(mutex);
+        running_tasks.swap(tasks);
     }
-    for (auto &task : running_tasks_) {
+    for (auto &task : running_tasks) {
         run_guarded("a task", task);
     }
-    running_tasks_.clear();
+    running_tasks.clear();
 }
 
 bool loop::add_user(std::shared_ptr<loop_user> user) {
-    std::lock_guard<std::mutex> guard(lock_);
-    if (ending_) {
+    std::lock_guard<std::mutex> guard(mutex);
+    if (ending) {
         return false;
     }
-    users_.push_back(std::move(user));
+    users.push_back(std::move(user));
     return true;
 }
 
 void loop::remove_user(const loop_user *user) {
     std::shared_ptr<loop_user> removed;  // let go of without the lock
-    std::lock_guard<std::mutex> guard(lock_);
-    auto at = std::find_if(users_.begin(), users_.end(),
+    std::lock_guard<std::mutex> guard(mutex);
+    auto at = std::find_if(users.begin(), users.end(),
                            [user](const auto &other) { return other.get() == user; });
-    if (at != users_.end()) {
+    if (at != users.end()) {
         removed = std::move(*at);
-        users_.erase(at);
+        users.erase(at);
     }
 }
 
 bool loop::arm(const std::shared_ptr<timer> &item, std::uint64_t first_ms) {
     bool earliest = false;
-    if (!timers_.arm(item, first_ms * ns_per_ms, &earliest)) {
+    if (!timers.arm(item, first_ms * ns_per_ms, &earliest)) {
         return false;
     }
     if (earliest && !is_current()) {
-        std::lock_guard<std::mutex> guard(lock_);
-        if (!ended_) {
-            uv_async_send(&async_);
+        std::lock_guard<std::mutex> guard(mutex);
+        if (!ended) {
+            uv_async_send(&async);
         }
     }
     return true;
 }
 
 void loop::disarm(timer *item, bool wait) {
-    timers_.disarm(item, wait && !is_current());
+    timers.disarm(item, wait && !is_current());
 }
 
 // libuv counts in whole milliseconds of the same clock: rounded up, so that the wait never ends
 // before the timer is due.
 void loop::set_wake_time(std::uint64_t due_ns) {
     const std::uint64_t due_ms = (due_ns + ns_per_ms - 1) / ns_per_ms;
-    const std::uint64_t now_ms = uv_now(&uv_);
-    uv_timer_start(&wake_timer_, on_wake_time, due_ms > now_ms ? due_ms - now_ms : 0, 0);
+    const std::uint64_t now_ms = uv_now(&uv_loop);
+    uv_timer_start(&wake_timer, on_wake_time, due_ms > now_ms ? due_ms - now_ms : 0, 0);
 }
 
 int loop::turn() {
-    if (turning_) {
+    if (turning) {
         return -1;
     }
-    turning_ = true;
-    bool wait = !nowait_;
+    turning = true;
+    bool wait = !nowait;
     std::uint64_t due = 0;
-    if (wait && timers_.next_due(&due)) {
+    if (wait && timers.next_due(&due)) {
         wait = due > now_ns();
         if (wait) {
             set_wake_time(due);
         }
     } else {
-        uv_timer_stop(&wake_timer_);
+        uv_timer_stop(&wake_timer);
     }
-    uv_run(&uv_, wait ? UV_RUN_ONCE : UV_RUN_NOWAIT);
-    run_guarded("the run of the timers", [this] { timers_.run_due(); });
-    turning_ = false;
+    uv_run(&uv_loop, wait ? UV_RUN_ONCE : UV_RUN_NOWAIT);
+    run_guarded("the run of the timers", [this] { timers.run_due(); });
+    turning = false;
     return 0;
 }
 
 void loop::end_users() {
-    std::unique_lock<std::mutex> guard(lock_);
-    ending_ = true;
-    while (!users_.empty()) {
-        const std::shared_ptr<loop_user> user = users_.front();
+    std::unique_lock<std::mutex> guard(mutex);
+    ending = true;
+    while (!users.empty()) {
+        const std::shared_ptr<loop_user> user = users.front();
         guard.unlock();
         run_guarded("the end of a user", [&user] { user->on_loop_end(); });
         remove_user(user.get());
@@ -200,14 +200,14 @@ void loop::end_users() {
 }
 
 void loop::close_handles() {
-    if (!opened_) {
+    if (!opened) {
         return;
     }
-    opened_ = false;
-    uv_close(reinterpret_cast<uv_handle_t *>(&async_), nullptr);
-    uv_close(reinterpret_cast<uv_handle_t *>(&wake_timer_), nullptr);
-    uv_run(&uv_, UV_RUN_DEFAULT);
-    uv_loop_close(&uv_);
+    opened = false;
+    uv_close(reinterpret_cast<uv_handle_t *>(&async), nullptr);
+    uv_close(reinterpret_cast<uv_handle_t *>(&wake_timer), nullptr);
+    uv_run(&uv_loop, UV_RUN_DEFAULT);
+    uv_loop_close(&uv_loop);
 }
 
 void loop::end() {
@@ -217,11 +217,11 @@ void loop::end() {
         return;
     }
     withdraw_offer();
-    timers_.end();
+    timers.end();
     end_users();
     {
-        std::lock_guard<std::mutex> guard(lock_);
-        ended_ = true;
+        std::lock_guard<std::mutex> guard(mutex);
+        ended = true;
     }
     run_tasks();
     close_handles();

@@ -1,6 +1,9 @@
-// The event loop of one thread, as the base libraries see it. No interface of the agent: programs
-// use vrdcl_ev.h.
-#pragma once
+/*
+ * The event loop of one thread, as the base libraries see it. No interface of the agent: programs
+ * use vrdcl_ev.h.
+ */
+#ifndef KZEMDLMGR_PLATFORM_VRDCL_EV_LOOP_H
+#define KZEMDLMGR_PLATFORM_VRDCL_EV_LOOP_H
 
 #include <unistd.h>
 #include <uv.h>
@@ -45,10 +48,10 @@ class VRDCL_EV_API loop : public std::enable_shared_from_this<loop> {
 
     // False in a child that a fork() gave a copy of the loop. The epoll set and the sockets behind
     // the copy are still the parent's, so that closing them there would change the parent.
-    bool is_in_own_process() const { return owner_ == ::getpid(); }
+    bool is_in_own_process() const { return owner == ::getpid(); }
 
     // Loop's thread.
-    uv_loop_t *uv() { return &uv_; }
+    uv_loop_t *uv() { return &uv_loop; }
 
     // Runs `task` on the loop's thread at its next turn, or at its end. False when it has ended;
     // the task is then dropped.
@@ -68,7 +71,7 @@ class VRDCL_EV_API loop : public std::enable_shared_from_this<loop> {
 
     // Loop's thread: one turn, see cl_event_loop_once().
     int turn();
-    void set_nowait(bool on) { nowait_ = on; }
+    void set_nowait(bool on) { nowait = on; }
 
     // Makes this the loop of the calling thread, which has none so far and must call end().
     void enter();
@@ -88,23 +91,25 @@ class VRDCL_EV_API loop : public std::enable_shared_from_this<loop> {
     void run_tasks();
     void set_wake_time(std::uint64_t due_ns);
 
-    const pid_t owner_ = ::getpid();
-    uv_loop_t uv_{};
-    uv_async_t async_{};       // rung with lock_ held, so never after it was closed
-    uv_timer_t wake_timer_{};  // ends the wait when the first timer falls due; loop's thread
-    timer_queue timers_;
+    const pid_t owner = ::getpid();
+    uv_loop_t uv_loop{};
+    uv_async_t async{};       // rung with mutex held, so never after it was closed
+    uv_timer_t wake_timer{};  // ends the wait when the first timer falls due; loop's thread
+    timer_queue timers;
 
     // Loop's thread.
-    bool nowait_ = false;
-    bool turning_ = false;
-    bool opened_ = false;  // uv_ and the two handles are open
-    std::vector<std::function<void()>> running_tasks_;
+    bool nowait = false;
+    bool turning = false;
+    bool opened = false;  // uv_loop and the two handles are open
+    std::vector<std::function<void()>> running_tasks;
 
-    std::mutex lock_;
-    std::vector<std::function<void()>> tasks_;       // guarded by lock_
-    std::vector<std::shared_ptr<loop_user>> users_;  // guarded by lock_
-    bool ending_ = false;                            // guarded by lock_: no more users
-    bool ended_ = false;                             // guarded by lock_: no more tasks
+    std::mutex mutex;
+    std::vector<std::function<void()>> tasks;       // guarded by mutex
+    std::vector<std::shared_ptr<loop_user>> users;  // guarded by mutex
+    bool ending = false;                            // guarded by mutex: no more users
+    bool ended = false;                             // guarded by mutex: no more tasks
 };
 
 }  // namespace kze_ev
+
+#endif

@@ -1,5 +1,8 @@
-// The timers of one loop.
-#pragma once
+/*
+ * The timers of one loop.
+ */
+#ifndef KZEMDLMGR_PLATFORM_VRDCL_EV_TIMER_H
+#define KZEMDLMGR_PLATFORM_VRDCL_EV_TIMER_H
 
 #include <chrono>
 #include <condition_variable>
@@ -58,11 +61,13 @@ class timer_queue {
     void rearm(queue::node_type node);
     void remove_queued(timer *item);
 
-    std::mutex lock_;
-    std::condition_variable callback_done_;
-    queue armed_;                          // guarded by lock_
-    bool ended_ = false;                   // guarded by lock_
-    std::vector<queue::node_type> ready_;  // the loop's thread only; kept for its memory
+    std::mutex mutex;
+    std::condition_variable callback_done;
+    queue armed_timers;                   // guarded by mutex
+    bool ended = false;                   // guarded by mutex
+    std::vector<queue::node_type> ready;  // the loop's thread only; kept for its memory
 };
 
 }  // namespace kze_ev
+
+#endif

@@ -48,49 +48,49 @@ ssize_t send_now(int fd, struct iovec *pieces, std::size_t count) {
 }  // namespace
 
 connection::connection(const std::shared_ptr<connection_owner> &owner,
-                       std::shared_ptr<kze_ev::loop> where, std::shared_ptr<peer_log> log,
-                       unique_fd fd, origin made_by, std::string label, std::string peer)
-    : owner_(owner),
-      owner_key_(owner.get()),
-      loop_(std::move(where)),
-      log_(std::move(log)),
-      label_(std::move(label)),
-      peer_(std::move(peer)),
-      accepted_(made_by == origin::accepted),
-      fd_(std::move(fd)),
-      dialling_(made_by == origin::dialling) {}
+                       std::shared_ptr<kze_ev::loop> where, std::shared_ptr<peer_log> peers,
+                       kze::descriptor fd, origin made_by, std::string ends, std::string peer)
+    : weak_owner(owner),
+      owner_key(owner.get()),
+      loop(std::move(where)),
+      log(std::move(peers)),
+      label(std::move(ends)),
+      peer_name(std::move(peer)),
+      accepted(made_by == origin::accepted),
+      own_fd(std::move(fd)),
+      dialling(made_by == origin::dialling) {}
 
 int connection::send(const frame_header &header, const char *body) {
-    std::lock_guard<std::mutex> guard(lock_);
+    std::lock_guard<std::mutex> guard(mutex);
     return transmit(header, body);
 }
 
 int connection::answer(const frame_header &header, const char *body) {
-    std::lock_guard<std::mutex> guard(lock_);
-    const auto at = open_requests_.find(header.request_id);
-    if (at == open_requests_.end()) {
-        return closed_ ? VRD_IPC_E_PEER_GONE : VRD_IPC_E_NO_REQUEST;
+    std::lock_guard<std::mutex> guard(mutex);
+    const auto at = open_requests.find(header.request_id);
+    if (at == open_requests.end()) {
+        return closed ? VRD_IPC_E_PEER_GONE : VRD_IPC_E_NO_REQUEST;
     }
     const int result = transmit(header, body);
     if (result == VRD_IPC_OK) {
-        open_requests_.erase(at);
+        open_requests.erase(at);
     }
     return result;
 }
 
-// With lock_ held.
+// With mutex held.
 int connection::transmit(const frame_header &header, const char *body) {
-    if (closed_) {
+    if (closed) {
         return VRD_IPC_E_PEER_GONE;
     }
     unsigned char head[frame_header_size];
     encode_header(header, head);
     const std::size_t size = body_length(header);
-    if (dialling_ || !queue_.empty()) {
+    if (dialling || !queue.empty()) {
         return queue_rest(head, sizeof head, body, size);
     }
     std::array<struct iovec, 2> pieces{{{head, sizeof head}, {const_cast<char *>(body), size}}};
-    const ssize_t result = send_now(fd_.get(), pieces.data(), size == 0 ? 1 : 2);
+    const ssize_t result = send_now(own_fd.get(), pieces.data(), size == 0 ? 1 : 2);
     if (result < 0) {
         end_both_directions();
         return VRD_IPC_E_PEER_GONE;
@@ -105,23 +105,23 @@ int connection::transmit(const frame_header &header, const char *body) {
                       size - body_sent);
 }
 
-// With lock_ held. What is left of a frame of which a part was sent always fits, the queue being
+// With mutex held. What is left of a frame of which a part was sent always fits, the queue being
 // empty then.
 int connection::queue_rest(const unsigned char *header, std::size_t header_size, const char *body,
                            std::size_t body_size) {
-    if (!queue_.fits(header_size + body_size)) {
-        if (dropped_++ == 0 && may_log(peer_event::queue_full)) {
-            kze_log(2, "ipc: %s: %zu bytes wait already, message dropped", label_.c_str(),
-                    queue_.size());
+    if (!queue.fits(header_size + body_size)) {
+        if (dropped_count++ == 0 && may_log(peer_event::queue_full)) {
+            kze_log(2, "ipc: %s: %zu bytes wait already, message dropped", label.c_str(),
+                    queue.size());
         }
         return VRD_IPC_E_QUEUE_FULL;
     }
     try {
-        queue_.append(header, header_size);
-        queue_.append(body, body_size);
-        if (!write_wanted_ && !dialling_) {
-            write_wanted_ = true;
-            loop_->post([self = shared_from_this()] { self->update_watch(); });
+        queue.append(header, header_size);
+        queue.append(body, body_size);
+        if (!write_wanted && !dialling) {
+            write_wanted = true;
+            loop->post([self = shared_from_this()] { self->update_watch(); });
         }
     } catch (const std::bad_alloc &) {
         // Half a frame may be queued: nothing sensible can follow it.
@@ -132,32 +132,32 @@ int connection::queue_rest(const unsigned char *header, std::size_t header_size,
 }
 
 void connection::shut_down() {
-    std::lock_guard<std::mutex> guard(lock_);
-    if (!closed_) {
+    std::lock_guard<std::mutex> guard(mutex);
+    if (!closed) {
         end_both_directions();
     }
 }
 
-// With lock_ held. Receiving then finds what has arrived, and the end after it. A peer that only
+// With mutex held. Receiving then finds what has arrived, and the end after it. A peer that only
 // ceases to read would otherwise keep the connection for as long as it likes.
 void connection::end_both_directions() {
-    ::shutdown(fd_.get(), SHUT_RDWR);
+    ::shutdown(own_fd.get(), SHUT_RDWR);
 }
 
 void connection::report_dropped() {
-    if (dropped_ > 1 && may_log(peer_event::dropped)) {
-        kze_log(2, "ipc: %s: %llu messages dropped in all", label_.c_str(),
-                static_cast<unsigned long long>(dropped_));
+    if (dropped_count > 1 && may_log(peer_event::dropped)) {
+        kze_log(2, "ipc: %s: %llu messages dropped in all", label.c_str(),
+                static_cast<unsigned long long>(dropped_count));
     }
-    dropped_ = 0;
+    dropped_count = 0;
 }
 
 void connection::start() {
-    if (closed_) {
+    if (closed) {
         return;
     }
     try {
-        if (dialling_) {
+        if (dialling) {
             start_dialling();
         } else {
             start_watching();
@@ -169,7 +169,7 @@ void connection::start() {
 
 void connection::start_watching() {
     // The owner closes the watch before it lets go of the connection.
-    const bool opened = watch_.open(loop_->uv(), fd_.get(), [this](int status, int events) {
+    const bool opened = watch.open(loop->uv(), own_fd.get(), [this](int status, int events) {
         const std::shared_ptr<connection> self = shared_from_this();
         on_event(status, events);
     });
@@ -183,38 +183,38 @@ void connection::start_watching() {
 void connection::update_watch() {
     bool wanted;
     {
-        std::lock_guard<std::mutex> guard(lock_);
-        wanted = write_wanted_ = !queue_.empty();
+        std::lock_guard<std::mutex> guard(mutex);
+        wanted = write_wanted = !queue.empty();
     }
-    watch_.set(wanted ? UV_READABLE | UV_WRITABLE : UV_READABLE);
+    watch.set(wanted ? UV_READABLE | UV_WRITABLE : UV_READABLE);
 }
 
 void connection::start_dialling() {
-    dial_deadline_ns_ = kze_ev::now_ns() + dial_limit_ns;
-    dial_timer_ = std::make_shared<kze_ev::timer>();
-    dial_timer_->period_ns = std::uint64_t{dial_pause_ms} * 1000 * 1000;
-    dial_timer_->callback = [weak = weak_from_this()](cl_timerplus *) {
+    dial_deadline_ns = kze_ev::now_ns() + dial_limit_ns;
+    dial_timer = std::make_shared<kze_ev::timer>();
+    dial_timer->period_ns = std::uint64_t{dial_pause_ms} * 1000 * 1000;
+    dial_timer->callback = [weak = weak_from_this()](cl_timerplus *) {
         if (const std::shared_ptr<connection> self = weak.lock()) {
             self->dial_again();
         }
     };
-    loop_->arm(dial_timer_, dial_pause_ms);
+    loop->arm(dial_timer, dial_pause_ms);
 }
 
 void connection::stop_dialling() {
-    if (dial_timer_ != nullptr) {
-        loop_->disarm(dial_timer_.get(), false);
-        dial_timer_.reset();
+    if (dial_timer != nullptr) {
+        loop->disarm(dial_timer.get(), false);
+        dial_timer.reset();
     }
 }
 
 void connection::dial_again() {
-    if (closed_) {
+    if (closed) {
         return;
     }
     int code = VRD_IPC_E_NO_PEER;
-    const connect_state state = connect_to(fd_.get(), peer_, &code);
-    if (state == connect_state::full && kze_ev::now_ns() < dial_deadline_ns_) {
+    const connect_state state = connect_to(own_fd.get(), peer_name, &code);
+    if (state == connect_state::full && kze_ev::now_ns() < dial_deadline_ns) {
         return;
     }
     if (state != connect_state::done) {
@@ -223,13 +223,13 @@ void connection::dial_again() {
     }
     stop_dialling();
     struct ucred peer {};
-    if (!is_allowed_peer(fd_.get(), label_, *log_, &peer)) {
+    if (!is_allowed_peer(own_fd.get(), label, *log, &peer)) {
         close(VRD_IPC_E_FORBIDDEN);
         return;
     }
     {
-        std::lock_guard<std::mutex> guard(lock_);
-        dialling_ = false;
+        std::lock_guard<std::mutex> guard(mutex);
+        dialling = false;
     }
     start_watching();
 }
@@ -246,16 +246,16 @@ void connection::on_event(int status, int events) {
 void connection::send_queued() {
     bool drained;
     {
-        std::lock_guard<std::mutex> guard(lock_);
+        std::lock_guard<std::mutex> guard(mutex);
         std::array<struct iovec, pieces_in_turn> pieces;
-        const std::size_t count = queue_.front(pieces.data(), pieces.size());
-        const ssize_t sent = count == 0 ? 0 : send_now(fd_.get(), pieces.data(), count);
+        const std::size_t count = queue.front(pieces.data(), pieces.size());
+        const ssize_t sent = count == 0 ? 0 : send_now(own_fd.get(), pieces.data(), count);
         if (sent < 0) {
             end_both_directions();
         } else {
-            queue_.consume(static_cast<std::size_t>(sent));
+            queue.consume(static_cast<std::size_t>(sent));
         }
-        drained = queue_.empty();
+        drained = queue.empty();
         if (drained) {
             report_dropped();
         }
@@ -273,7 +273,7 @@ void connection::receive(bool until_end) {
     for (int i = 0; i < reads; ++i) {
         ssize_t result;
         do {
-            result = ::recv(fd_.get(), buffer, read_size, 0);
+            result = ::recv(own_fd.get(), buffer, read_size, 0);
         } while (result < 0 && errno == EINTR);
         if (result < 0 && is_full_now(errno) && !until_end) {
             return;
@@ -289,8 +289,8 @@ void connection::receive(bool until_end) {
             return;
         }
     }
-    if (decoder_.inside_frame() && may_log(peer_event::cut_off)) {
-        kze_log(2, "ipc: %s: connection ended within a message", label_.c_str());
+    if (decoder.inside_frame() && may_log(peer_event::cut_off)) {
+        kze_log(2, "ipc: %s: connection ended within a message", label.c_str());
     }
     close(VRD_IPC_E_PEER_GONE);
 }
@@ -298,30 +298,30 @@ void connection::receive(bool until_end) {
 // False when the connection has been closed.
 bool connection::feed(const char *data, std::size_t size) {
     try {
-        if (decoder_.feed(data, size, *this) == frame_decoder::outcome::broken) {
+        if (decoder.feed(data, size, *this) == frame_decoder::outcome::broken) {
             if (may_log(peer_event::broken_format)) {
-                kze_log(2, "ipc: %s: peer broke the format, disconnected", label_.c_str());
+                kze_log(2, "ipc: %s: peer broke the format, disconnected", label.c_str());
             }
             close(VRD_IPC_E_PEER_GONE);
         }
     } catch (const std::bad_alloc &) {
         if (may_log(peer_event::no_memory)) {
-            kze_log(1, "ipc: %s: no memory for a message, disconnected", label_.c_str());
+            kze_log(1, "ipc: %s: no memory for a message, disconnected", label.c_str());
         }
         close(VRD_IPC_E_NO_MEMORY);
     }
-    return !closed_;
+    return !closed;
 }
 
 // False when the peer has used the id already.
 bool connection::add_open_request(std::uint32_t id, bool *full_out) {
-    std::lock_guard<std::mutex> guard(lock_);
-    if (open_requests_.count(id) != 0) {
+    std::lock_guard<std::mutex> guard(mutex);
+    if (open_requests.count(id) != 0) {
         return false;
     }
-    *full_out = open_requests_.size() == max_open_requests;
+    *full_out = open_requests.size() == max_open_requests;
     if (!*full_out) {
-        open_requests_.insert(id);
+        open_requests.insert(id);
     }
     return true;
 }
@@ -331,7 +331,7 @@ bool connection::on_frame(const frame_header &header, const char *body) {
         bool full = false;
         if (!add_open_request(header.request_id, &full)) {
             if (may_log(peer_event::id_used_twice)) {
-                kze_log(2, "ipc: %s: peer used a request id twice, disconnected", label_.c_str());
+                kze_log(2, "ipc: %s: peer used a request id twice, disconnected", label.c_str());
             }
             close(VRD_IPC_E_PEER_GONE);
             return false;
@@ -343,41 +343,41 @@ bool connection::on_frame(const frame_header &header, const char *body) {
             return true;
         }
     }
-    const std::shared_ptr<connection_owner> owner = owner_.lock();
-    return owner != nullptr && owner->on_frame(*this, header, body) && !closed_;
+    const std::shared_ptr<connection_owner> owner = weak_owner.lock();
+    return owner != nullptr && owner->on_frame(*this, header, body) && !closed;
 }
 
 vrd_addr_st *connection::peer_address() {
-    if (peer_address_ == nullptr) {
+    if (own_peer_address == nullptr) {
         auto peer = std::make_shared<address>();
         peer->peer = weak_from_this();
-        peer_address_ = addresses().add(std::move(peer));
+        own_peer_address = addresses().add(std::move(peer));
     }
-    return peer_address_;
+    return own_peer_address;
 }
 
 void connection::close(int code) {
-    if (closed_) {
+    if (closed) {
         return;
     }
     const std::shared_ptr<connection> self = shared_from_this();
-    unique_fd fd;
-    send_queue queue;
+    kze::descriptor fd;
+    send_queue unsent;
     {
-        std::lock_guard<std::mutex> guard(lock_);
-        closed_ = true;
-        std::swap(fd, fd_);
-        std::swap(queue, queue_);
-        open_requests_.clear();
+        std::lock_guard<std::mutex> guard(mutex);
+        closed = true;
+        std::swap(fd, own_fd);
+        std::swap(unsent, queue);
+        open_requests.clear();
         report_dropped();
     }
     stop_dialling();
-    watch_.close();
+    watch.close();
     fd.reset();
-    if (peer_address_ != nullptr) {
-        addresses().remove(peer_address_);
+    if (own_peer_address != nullptr) {
+        addresses().remove(own_peer_address);
     }
-    if (const std::shared_ptr<connection_owner> owner = owner_.lock()) {
+    if (const std::shared_ptr<connection_owner> owner = weak_owner.lock()) {
         owner->on_connection_closed(*this, code);
     }
 }

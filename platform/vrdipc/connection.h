@@ -1,5 +1,8 @@
-// One connection of an endpoint, in either direction.
-#pragma once
+/*
+ * One connection of an endpoint, in either direction.
+ */
+#ifndef KZEMDLMGR_PLATFORM_VRDIPC_CONNECTION_H
+#define KZEMDLMGR_PLATFORM_VRDIPC_CONNECTION_H
 
 #include <cstdint>
 #include <memory>
@@ -41,15 +44,15 @@ class connection : public std::enable_shared_from_this<connection>, private fram
     // How `fd` came to be: accepted, or dialled and either connected or still to be connected.
     enum class origin { accepted, dialled, dialling };
 
-    // `label` names the two ends in the log, `peer` is the name of a dialled endpoint. `log` is the
-    // owner's.
+    // `ends` names the two ends in the log, `peer` is the name of a dialled endpoint. `peers` is
+    // the owner's.
     connection(const std::shared_ptr<connection_owner> &owner, std::shared_ptr<kze_ev::loop> where,
-               std::shared_ptr<peer_log> log, unique_fd fd, origin made_by, std::string label,
-               std::string peer);
+               std::shared_ptr<peer_log> peers, kze::descriptor fd, origin made_by,
+               std::string ends, std::string peer);
 
-    bool was_accepted() const { return accepted_; }
+    bool was_accepted() const { return accepted; }
 
-    bool is_owned_by(const connection_owner *owner) const { return owner_key_ == owner; }
+    bool is_owned_by(const connection_owner *owner) const { return owner_key == owner; }
 
     // Sends a frame, or queues it behind what waits already. VRD_IPC_OK or a negative code; after
     // VRD_IPC_E_PEER_GONE nothing of the frame has been sent.
@@ -87,34 +90,36 @@ class connection : public std::enable_shared_from_this<connection>, private fram
                    std::size_t body_size);
     void end_both_directions();
     void report_dropped();
-    bool may_log(peer_event kind) const { return log_->admits(kind, kze_ev::now_ns()); }
+    bool may_log(peer_event kind) const { return log->admits(kind, kze_ev::now_ns()); }
 
     // Constant.
-    const std::weak_ptr<connection_owner> owner_;
-    const connection_owner *const owner_key_;
-    const std::shared_ptr<kze_ev::loop> loop_;
-    const std::shared_ptr<peer_log> log_;
-    const std::string label_;
-    const std::string peer_;
-    const bool accepted_;
+    const std::weak_ptr<connection_owner> weak_owner;
+    const connection_owner *const owner_key;
+    const std::shared_ptr<kze_ev::loop> loop;
+    const std::shared_ptr<peer_log> log;
+    const std::string label;
+    const std::string peer_name;
+    const bool accepted;
 
     // Loop's thread.
-    fd_watch watch_;
-    frame_decoder decoder_;
-    vrd_addr_st *peer_address_ = nullptr;
-    std::shared_ptr<kze_ev::timer> dial_timer_;
-    std::uint64_t dial_deadline_ns_ = 0;
+    fd_watch watch;
+    frame_decoder decoder;
+    vrd_addr_st *own_peer_address = nullptr;
+    std::shared_ptr<kze_ev::timer> dial_timer;
+    std::uint64_t dial_deadline_ns = 0;
 
-    // Guarded by lock_. fd_, closed_ and dialling_ change on the loop's thread only, which
+    // Guarded by mutex. own_fd, closed and dialling change on the loop's thread only, which
     // therefore reads them without it.
-    std::mutex lock_;
-    unique_fd fd_;
-    bool dialling_;
-    bool closed_ = false;
-    bool write_wanted_ = false;  // the watch waits, or is going to wait, until fd_ takes more
-    send_queue queue_;
-    std::uint64_t dropped_ = 0;  // messages that found the queue full, since the last report
-    std::set<std::uint32_t> open_requests_;  // no hash: the peer chooses the ids
+    std::mutex mutex;
+    kze::descriptor own_fd;
+    bool dialling;
+    bool closed = false;
+    bool write_wanted = false;  // the watch waits, or is going to wait, until own_fd takes more
+    send_queue queue;
+    std::uint64_t dropped_count = 0;  // messages that found the queue full, since the last report
+    std::set<std::uint32_t> open_requests;  // no hash: the peer chooses the ids
 };
 
 }  // namespace kze_ipc
+
+#endif

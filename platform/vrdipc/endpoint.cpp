@@ -18,11 +18,11 @@ constexpr std::uint64_t ns_per_s = 1000 * ns_per_ms;
 }  // namespace
 
 endpoint::endpoint(std::string name, int flags, std::shared_ptr<kze_ev::loop> where)
-    : name_(std::move(name)),
-      flags_(flags),
-      loop_(std::move(where)),
-      log_(std::make_shared<peer_log>(name_)),
-      timer_due_ns_(never) {}
+    : own_name(std::move(name)),
+      own_flags(flags),
+      loop(std::move(where)),
+      log(std::make_shared<peer_log>(own_name)),
+      timer_due_ns(never) {}
 
 std::shared_ptr<endpoint> endpoint::create(const std::string &name, bool temporary, int flags,
                                            vrd_ipc_st **handle_out) {
@@ -32,39 +32,39 @@ std::shared_ptr<endpoint> endpoint::create(const std::string &name, bool tempora
         return nullptr;
     }
     auto made = std::make_shared<endpoint>(name, flags, std::move(where));
-    if (!temporary && made->listener_.open(name) != VRD_IPC_OK) {
+    if (!temporary && made->own_listener.open(name) != VRD_IPC_OK) {
         return nullptr;
     }
-    if (!made->loop_->add_user(made)) {
-        made->listener_.withdraw(listener::patience::brief);
+    if (!made->loop->add_user(made)) {
+        made->own_listener.withdraw(listener::patience::brief);
         kze_log(1, "ipc: %s: the event loop is ending", name.c_str());
         return nullptr;
     }
-    made->handle_ = endpoints().add(made);
+    made->handle = endpoints().add(made);
     if (!temporary) {
-        made->loop_->post([made] { made->start_listening(); });
+        made->loop->post([made] { made->start_listening(); });
     }
-    *handle_out = made->handle_;
+    *handle_out = made->handle;
     return made;
 }
 
 int endpoint::set_request_handler(vrd_ipc_request_cb callback, void *context) {
-    std::lock_guard<std::mutex> guard(lock_);
-    if (state_ != state::open) {
+    std::lock_guard<std::mutex> guard(mutex);
+    if (own_state != state::open) {
         return VRD_IPC_E_CLOSED;
     }
-    handlers_.on_request = callback;
-    handlers_.request_context = context;
+    own_handlers.on_request = callback;
+    own_handlers.request_context = context;
     return VRD_IPC_OK;
 }
 
 int endpoint::set_message_handler(vrd_ipc_recv_cb callback, void *context) {
-    std::lock_guard<std::mutex> guard(lock_);
-    if (state_ != state::open) {
+    std::lock_guard<std::mutex> guard(mutex);
+    if (own_state != state::open) {
         return VRD_IPC_E_CLOSED;
     }
-    handlers_.on_message = callback;
-    handlers_.message_context = context;
+    own_handlers.on_message = callback;
+    own_handlers.message_context = context;
     return VRD_IPC_OK;
 }
 
@@ -80,8 +80,8 @@ std::shared_ptr<connection> endpoint::find_connection(const address &to, bool *f
         }
         return peer;
     }
-    const auto at = dialled_.find(to.name);
-    if (at != dialled_.end()) {
+    const auto at = dialled.find(to.name);
+    if (at != dialled.end()) {
         return at->second;
     }
     *fresh_out = true;
@@ -89,8 +89,8 @@ std::shared_ptr<connection> endpoint::find_connection(const address &to, bool *f
 }
 
 std::shared_ptr<connection> endpoint::dial(const std::string &name, int *code_out) {
-    unique_fd fd = make_socket();
-    if (!fd.is_open()) {
+    kze::descriptor fd = make_socket();
+    if (!fd.valid()) {
         *code_out = VRD_IPC_E_NO_MEMORY;
         return nullptr;
     }
@@ -98,33 +98,33 @@ std::shared_ptr<connection> endpoint::dial(const std::string &name, int *code_ou
     if (result == connect_state::failed) {
         return nullptr;
     }
-    std::string label = name_ + " to " + name;
+    std::string label = own_name + " to " + name;
     struct ucred peer {};
-    if (result == connect_state::done && !is_allowed_peer(fd.get(), label, *log_, &peer)) {
+    if (result == connect_state::done && !is_allowed_peer(fd.get(), label, *log, &peer)) {
         *code_out = VRD_IPC_E_FORBIDDEN;
         return nullptr;
     }
     auto made = std::make_shared<connection>(
-        shared_from_this(), loop_, log_, std::move(fd),
+        shared_from_this(), loop, log, std::move(fd),
         result == connect_state::done ? connection::origin::dialled : connection::origin::dialling,
         std::move(label), name);
     // A connection that never starts must not stay.
     try {
-        connections_.insert(made);
-        dialled_[name] = made;
-        loop_->post([made] { made->start(); });
+        own_connections.insert(made);
+        dialled[name] = made;
+        loop->post([made] { made->start(); });
     } catch (const std::bad_alloc &) {
-        connections_.erase(made);
-        dialled_.erase(name);
+        own_connections.erase(made);
+        dialled.erase(name);
         throw;
     }
     return made;
 }
 
 void endpoint::forget_dialled(const std::string &name, const connection *gone) {
-    const auto at = dialled_.find(name);
-    if (at != dialled_.end() && at->second.get() == gone) {
-        dialled_.erase(at);
+    const auto at = dialled.find(name);
+    if (at != dialled.end() && at->second.get() == gone) {
+        dialled.erase(at);
     }
 }
 
@@ -136,8 +136,8 @@ int endpoint::transmit(const address &to, const frame_header &header, const char
         std::shared_ptr<connection> via;
         bool fresh = false;
         {
-            std::lock_guard<std::mutex> guard(lock_);
-            if (state_ != state::open) {
+            std::lock_guard<std::mutex> guard(mutex);
+            if (own_state != state::open) {
                 return VRD_IPC_E_CLOSED;
             }
             int code = VRD_IPC_OK;
@@ -146,7 +146,7 @@ int endpoint::transmit(const address &to, const frame_header &header, const char
                 return code;
             }
             if (header.type == frame_type::request) {
-                pending_request *const request = pending_.find(header.request_id);
+                pending_request *const request = pending.find(header.request_id);
                 if (request == nullptr) {
                     return VRD_IPC_OK;  // completed meanwhile
                 }
@@ -157,7 +157,7 @@ int endpoint::transmit(const address &to, const frame_header &header, const char
         if (result != VRD_IPC_E_PEER_GONE || fresh || to.name.empty() || attempt > 0) {
             return result;
         }
-        std::lock_guard<std::mutex> guard(lock_);
+        std::lock_guard<std::mutex> guard(mutex);
         forget_dialled(to.name, via.get());
     }
 }
@@ -179,21 +179,21 @@ int endpoint::request(const address &to, std::uint32_t cmd, const char *data, st
     stored.deadline_ns = kze_ev::now_ns() + limit * ns_per_s;
     std::uint32_t id;
     {
-        std::lock_guard<std::mutex> guard(lock_);
-        if (state_ == state::closed ||
-            (state_ == state::closing && taken_while_closing_++ >= max_while_closing)) {
+        std::lock_guard<std::mutex> guard(mutex);
+        if (own_state == state::closed ||
+            (own_state == state::closing && taken_while_closing++ >= max_while_closing)) {
             return VRD_IPC_E_CLOSED;
         }
-        id = pending_.add(stored);
-        if (state_ == state::closing) {
+        id = pending.add(stored);
+        if (own_state == state::closing) {
             return VRD_IPC_OK;  // whoever closes completes it
         }
     }
     try {
         start_request(to, {frame_type::request, cmd, id, size}, data, stored.deadline_ns);
     } catch (const std::bad_alloc &) {
-        std::lock_guard<std::mutex> guard(lock_);
-        return pending_.take(id, &stored) ? VRD_IPC_E_NO_MEMORY : VRD_IPC_OK;
+        std::lock_guard<std::mutex> guard(mutex);
+        return pending.take(id, &stored) ? VRD_IPC_E_NO_MEMORY : VRD_IPC_OK;
     }
     return VRD_IPC_OK;
 }
@@ -201,7 +201,7 @@ int endpoint::request(const address &to, std::uint32_t cmd, const char *data, st
 void endpoint::start_request(const address &to, const frame_header &header, const char *body,
                              std::uint64_t deadline_ns) {
     {
-        std::lock_guard<std::mutex> guard(lock_);
+        std::lock_guard<std::mutex> guard(mutex);
         set_deadline_timer(deadline_ns);
     }
     int result = VRD_IPC_E_TOO_LARGE;
@@ -227,14 +227,14 @@ int endpoint::respond(const address &to, std::uint32_t id, std::uint32_t cmd, co
 
 // When the loop ends first, its end completes the request.
 void endpoint::fail_later(std::uint32_t id, int code) {
-    loop_->post([self = shared_from_this(), id, code] {
+    loop->post([self = shared_from_this(), id, code] {
         self->complete(id, nullptr, code, 0, nullptr, 0);
     });
 }
 
 // The timer only ever moves to an earlier time here: a steady flow of requests costs nothing.
 void endpoint::set_deadline_timer(std::uint64_t deadline_ns) {
-    if (timer_due_ns_ <= deadline_ns) {
+    if (timer_due_ns <= deadline_ns) {
         return;
     }
     auto made = std::make_shared<kze_ev::timer>();
@@ -245,66 +245,67 @@ void endpoint::set_deadline_timer(std::uint64_t deadline_ns) {
     };
     const std::uint64_t now = kze_ev::now_ns();
     const std::uint64_t wait_ns = deadline_ns > now ? deadline_ns - now : 0;
-    loop_->arm(made, (wait_ns + ns_per_ms - 1) / ns_per_ms);
-    if (deadline_timer_ != nullptr) {
-        loop_->disarm(deadline_timer_.get(), false);
+    loop->arm(made, (wait_ns + ns_per_ms - 1) / ns_per_ms);
+    if (deadline_timer != nullptr) {
+        loop->disarm(deadline_timer.get(), false);
     }
-    deadline_timer_ = std::move(made);
-    timer_due_ns_ = deadline_ns;
+    deadline_timer = std::move(made);
+    timer_due_ns = deadline_ns;
 }
 
 void endpoint::close_sockets() {
-    listener_.refuse();
+    own_listener.refuse();
     {
-        std::lock_guard<std::mutex> guard(lock_);
-        for (const auto &open : connections_) {
+        std::lock_guard<std::mutex> guard(mutex);
+        for (const auto &open : own_connections) {
             open->shut_down();
         }
     }
     // This may wait, so without the lock. On the loop's thread everything else would wait with it.
-    listener_.withdraw(loop_->is_current() ? listener::patience::brief : listener::patience::usual);
-    std::lock_guard<std::mutex> guard(lock_);
-    sockets_closed_ = true;
-    changed_.notify_all();
+    own_listener.withdraw(loop->is_current() ? listener::patience::brief
+                                             : listener::patience::usual);
+    std::lock_guard<std::mutex> guard(mutex);
+    sockets_closed = true;
+    changed.notify_all();
 }
 
 void endpoint::close() {
-    if (!loop_->is_in_own_process()) {
+    if (!loop->is_in_own_process()) {
         return;
     }
-    std::unique_lock<std::mutex> guard(lock_);
-    if (state_ != state::open) {
+    std::unique_lock<std::mutex> guard(mutex);
+    if (own_state != state::open) {
         // Who is waited for doesn't wait: a callback of this endpoint, on its loop's thread or, for
         // a request, on the closer's.
-        const bool in_own_callback = in_callback_ && loop_->is_current();
-        if (!in_own_callback && closer_ != std::this_thread::get_id()) {
-            changed_.wait(guard, [this] { return sockets_closed_; });
+        const bool in_own_callback = in_callback && loop->is_current();
+        if (!in_own_callback && closer != std::this_thread::get_id()) {
+            changed.wait(guard, [this] { return sockets_closed; });
         }
         return;
     }
-    state_ = state::closing;
-    closer_ = std::this_thread::get_id();
-    if (!loop_->is_current()) {
-        changed_.wait(guard, [this] { return !in_callback_; });
+    own_state = state::closing;
+    closer = std::this_thread::get_id();
+    if (!loop->is_current()) {
+        changed.wait(guard, [this] { return !in_callback; });
     }
     pending_request done;
-    while (pending_.take_where([](const auto &) { return true; }, &done)) {
+    while (pending.take_where([](const auto &) { return true; }, &done)) {
         guard.unlock();
         kze_ev::run_guarded("a callback for a reply", [&done] {
             done.callback(VRD_IPC_E_CLOSED, done.cmd, nullptr, 0, done.context);
         });
         guard.lock();
     }
-    state_ = state::closed;
+    own_state = state::closed;
     guard.unlock();
     close_sockets();
-    if (loop_->is_current()) {
+    if (loop->is_current()) {
         release();
         return;
     }
     // Should it fail, the loop's end releases it.
     kze_ev::run_guarded("the release of an endpoint",
-                        [this] { loop_->post([self = shared_from_this()] { self->release(); }); });
+                        [this] { loop->post([self = shared_from_this()] { self->release(); }); });
 }
 
 }  // namespace kze_ipc

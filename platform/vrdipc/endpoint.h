@@ -1,5 +1,8 @@
-// An endpoint: its name, its connections, its callbacks and its pending requests.
-#pragma once
+/*
+ * An endpoint: its name, its connections, its callbacks and its pending requests.
+ */
+#ifndef KZEMDLMGR_PLATFORM_VRDIPC_ENDPOINT_H
+#define KZEMDLMGR_PLATFORM_VRDIPC_ENDPOINT_H
 
 #include <condition_variable>
 #include <cstdint>
@@ -21,7 +24,7 @@
 
 namespace kze_ipc {
 
-// Functions are safe from any thread, except those marked "loop's thread". Of two locks, lock_
+// Functions are safe from any thread, except those marked "loop's thread". Of two locks, mutex
 // comes before a connection's; no callback of a user runs with either.
 //
 // How it stops. Whoever closes it, a caller of vrd_ipc_destroy() or the ending loop, first sets
@@ -68,13 +71,13 @@ class endpoint : public kze_ev::loop_user,
         void *message_context = nullptr;
     };
 
-    // Any thread, with lock_ held.
+    // Any thread, with mutex held.
     std::shared_ptr<connection> find_connection(const address &to, bool *fresh_out, int *code_out);
     std::shared_ptr<connection> dial(const std::string &name, int *code_out);
     void forget_dialled(const std::string &name, const connection *gone);
     void set_deadline_timer(std::uint64_t deadline_ns);
 
-    // Any thread, without lock_.
+    // Any thread, without mutex.
     void start_request(const address &to, const frame_header &header, const char *body,
                        std::uint64_t deadline_ns);
     int transmit(const address &to, const frame_header &header, const char *body);
@@ -84,7 +87,7 @@ class endpoint : public kze_ev::loop_user,
     // Loop's thread.
     void start_listening();
     void accept_waiting();
-    void accept_one(unique_fd fd);
+    void accept_one(kze::descriptor fd);
     void pause_listening();
     void release();
     bool begin_callback(handlers *out);
@@ -99,36 +102,38 @@ class endpoint : public kze_ev::loop_user,
     bool take_for_callback(Predicate which, pending_request *out);
     void on_deadline();
 
-    // Constant, handle_ since create().
-    const std::string name_;
-    const int flags_;
-    const std::shared_ptr<kze_ev::loop> loop_;
-    const std::shared_ptr<peer_log> log_;
-    vrd_ipc_st *handle_ = nullptr;
+    // Constant, handle since create().
+    const std::string own_name;
+    const int own_flags;
+    const std::shared_ptr<kze_ev::loop> loop;
+    const std::shared_ptr<peer_log> log;
+    vrd_ipc_st *handle = nullptr;
 
     // Loop's thread.
-    fd_watch listen_watch_;
-    std::shared_ptr<kze_ev::timer> accept_timer_;
-    std::size_t accepted_ = 0;
-    bool released_ = false;
+    fd_watch listen_watch;
+    std::shared_ptr<kze_ev::timer> accept_timer;
+    std::size_t accepted = 0;
+    bool released = false;
 
-    // The loop's thread closes it, when `sockets_closed_` has been set. Before that whoever closes
+    // The loop's thread closes it, when `sockets_closed` has been set. Before that whoever closes
     // the endpoint gives the name back.
-    listener listener_;
+    listener own_listener;
 
-    std::mutex lock_;                  // guards what follows
-    std::condition_variable changed_;  // in_callback_ or sockets_closed_
-    state state_ = state::open;
-    bool sockets_closed_ = false;           // the last step of whoever closes the endpoint
-    unsigned int taken_while_closing_ = 0;  // requests
-    bool in_callback_ = false;
-    std::thread::id closer_;
-    handlers handlers_;
-    pending_table pending_;
-    std::shared_ptr<kze_ev::timer> deadline_timer_;
-    std::uint64_t timer_due_ns_;  // when it fires; the greatest number when it isn't armed
-    std::unordered_set<std::shared_ptr<connection>> connections_;
-    std::unordered_map<std::string, std::shared_ptr<connection>> dialled_;  // by the peer's name
+    std::mutex mutex;                 // guards what follows
+    std::condition_variable changed;  // in_callback or sockets_closed
+    state own_state = state::open;
+    bool sockets_closed = false;           // the last step of whoever closes the endpoint
+    unsigned int taken_while_closing = 0;  // requests
+    bool in_callback = false;
+    std::thread::id closer;
+    handlers own_handlers;
+    pending_table pending;
+    std::shared_ptr<kze_ev::timer> deadline_timer;
+    std::uint64_t timer_due_ns;  // when it fires; the greatest number when it isn't armed
+    std::unordered_set<std::shared_ptr<connection>> own_connections;
+    std::unordered_map<std::string, std::shared_ptr<connection>> dialled;  // by the peer's name
 };
 
 }  // namespace kze_ipc
+
+#endif

@@ -19,31 +19,32 @@ constexpr unsigned int accept_pause_ms = 100;
 }  // namespace
 
 void endpoint::start_listening() {
-    if (released_) {
+    if (released) {
         return;
     }
-    const bool opened = listen_watch_.open(loop_->uv(), listener_.fd(), [this](int status, int) {
+    const bool opened = listen_watch.open(loop->uv(), own_listener.fd(), [this](int status, int) {
         const std::shared_ptr<endpoint> self = shared_from_this();
         if (status == 0) {
             accept_waiting();
         }
     });
     if (!opened) {
-        kze_log(1, "ipc: %s: its socket can't be watched", name_.c_str());
+        kze_log(1, "ipc: %s: its socket can't be watched", own_name.c_str());
         return;
     }
-    listen_watch_.set(UV_READABLE);
+    listen_watch.set(UV_READABLE);
 }
 
 void endpoint::accept_waiting() {
-    for (int i = 0; i < accepts_in_turn && !released_; ++i) {
-        unique_fd fd(::accept4(listener_.fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-        if (fd.is_open()) {
+    for (int i = 0; i < accepts_in_turn && !released; ++i) {
+        kze::descriptor fd(
+            ::accept4(own_listener.fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (fd.valid()) {
             accept_one(std::move(fd));
         } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
             const int error = errno;
-            if (log_->admits(peer_event::no_descriptor, kze_ev::now_ns())) {
-                kze_log(1, "ipc: %s: no connection can be taken: %s", name_.c_str(),
+            if (log->admits(peer_event::no_descriptor, kze_ev::now_ns())) {
+                kze_log(1, "ipc: %s: no connection can be taken: %s", own_name.c_str(),
                         strerror(error));
             }
             pause_listening();
@@ -54,61 +55,61 @@ void endpoint::accept_waiting() {
     }
 }
 
-void endpoint::accept_one(unique_fd fd) {
+void endpoint::accept_one(kze::descriptor fd) {
     struct ucred peer {};
-    if (!is_allowed_peer(fd.get(), name_, *log_, &peer)) {
+    if (!is_allowed_peer(fd.get(), own_name, *log, &peer)) {
         return;
     }
-    if (accepted_ == max_accepted) {
-        if (log_->admits(peer_event::too_many, kze_ev::now_ns())) {
-            kze_log(2, "ipc: %s: %zu connections already, process %d is turned away", name_.c_str(),
-                    accepted_, static_cast<int>(peer.pid));
+    if (accepted == max_accepted) {
+        if (log->admits(peer_event::too_many, kze_ev::now_ns())) {
+            kze_log(2, "ipc: %s: %zu connections already, process %d is turned away",
+                    own_name.c_str(), accepted, static_cast<int>(peer.pid));
         }
         return;
     }
     auto made = std::make_shared<connection>(
-        shared_from_this(), loop_, log_, std::move(fd), connection::origin::accepted,
-        name_ + " from process " + std::to_string(peer.pid), std::string());
+        shared_from_this(), loop, log, std::move(fd), connection::origin::accepted,
+        own_name + " from process " + std::to_string(peer.pid), std::string());
     {
-        std::lock_guard<std::mutex> guard(lock_);
-        if (state_ != state::open) {
+        std::lock_guard<std::mutex> guard(mutex);
+        if (own_state != state::open) {
             return;
         }
-        connections_.insert(made);
+        own_connections.insert(made);
     }
-    ++accepted_;
+    ++accepted;
     made->start();
 }
 
 // The connection that can't be taken stays ready: without a pause the loop would do nothing else.
 void endpoint::pause_listening() {
-    listen_watch_.set(0);
-    accept_timer_ = std::make_shared<kze_ev::timer>();
-    accept_timer_->callback = [weak = weak_from_this()](cl_timerplus *) {
+    listen_watch.set(0);
+    accept_timer = std::make_shared<kze_ev::timer>();
+    accept_timer->callback = [weak = weak_from_this()](cl_timerplus *) {
         if (const std::shared_ptr<endpoint> self = weak.lock()) {
-            self->listen_watch_.set(UV_READABLE);
+            self->listen_watch.set(UV_READABLE);
         }
     };
-    loop_->arm(accept_timer_, accept_pause_ms);
+    loop->arm(accept_timer, accept_pause_ms);
 }
 
 // False when no callback may begin any more. Otherwise *out is a copy of the handlers, and
 // end_callback() must follow: nothing between them throws.
 bool endpoint::begin_callback(handlers *out) {
-    std::lock_guard<std::mutex> guard(lock_);
-    if (state_ != state::open) {
+    std::lock_guard<std::mutex> guard(mutex);
+    if (own_state != state::open) {
         return false;
     }
-    in_callback_ = true;
-    *out = handlers_;
+    in_callback = true;
+    *out = own_handlers;
     return true;
 }
 
 void endpoint::end_callback() {
-    std::lock_guard<std::mutex> guard(lock_);
-    in_callback_ = false;
-    if (state_ != state::open) {
-        changed_.notify_all();
+    std::lock_guard<std::mutex> guard(mutex);
+    in_callback = false;
+    if (own_state != state::open) {
+        changed.notify_all();
     }
 }
 
@@ -139,7 +140,7 @@ bool endpoint::on_request(connection &from, const frame_header &header, const ch
     }
     if (to.on_request != nullptr) {
         kze_ev::run_guarded("a callback for requests", [&] {
-            to.on_request(handle_, peer, header.request_id, header.cmd, body, header.length,
+            to.on_request(handle, peer, header.request_id, header.cmd, body, header.length,
                           to.request_context);
         });
     } else {
@@ -159,7 +160,7 @@ bool endpoint::on_message(connection &from, const frame_header &header, const ch
     }
     if (to.on_message != nullptr) {
         kze_ev::run_guarded("a callback for messages", [&] {
-            to.on_message(handle_, peer, header.cmd, body, header.length, to.message_context);
+            to.on_message(handle, peer, header.cmd, body, header.length, to.message_context);
         });
     }
     end_callback();
@@ -172,13 +173,13 @@ void endpoint::complete(std::uint32_t id, const connection *via, int status, std
                         const char *body, std::uint32_t size) {
     pending_request done;
     {
-        std::lock_guard<std::mutex> guard(lock_);
-        const pending_request *const found = pending_.find(id);
-        if (state_ != state::open || found == nullptr || (via != nullptr && found->via != via)) {
+        std::lock_guard<std::mutex> guard(mutex);
+        const pending_request *const found = pending.find(id);
+        if (own_state != state::open || found == nullptr || (via != nullptr && found->via != via)) {
             return;
         }
-        pending_.take(id, &done);
-        in_callback_ = true;
+        pending.take(id, &done);
+        in_callback = true;
     }
     kze_ev::run_guarded("a callback for a reply", [&] {
         done.callback(status, status == VRD_IPC_OK ? cmd : done.cmd, body, size, done.context);
@@ -202,29 +203,29 @@ void endpoint::fail_where(Predicate which, int code) {
 // follow.
 template <typename Predicate>
 bool endpoint::take_for_callback(Predicate which, pending_request *out) {
-    std::lock_guard<std::mutex> guard(lock_);
-    if (state_ != state::open || !pending_.take_where(which, out)) {
+    std::lock_guard<std::mutex> guard(mutex);
+    if (own_state != state::open || !pending.take_where(which, out)) {
         return false;
     }
-    in_callback_ = true;
+    in_callback = true;
     return true;
 }
 
 void endpoint::on_connection_closed(connection &closed, int code) {
     if (closed.was_accepted()) {
-        --accepted_;
+        --accepted;
     }
     std::shared_ptr<connection> last;  // let go of without the lock
     {
-        std::lock_guard<std::mutex> guard(lock_);
-        for (auto at = dialled_.begin(); at != dialled_.end(); ++at) {
+        std::lock_guard<std::mutex> guard(mutex);
+        for (auto at = dialled.begin(); at != dialled.end(); ++at) {
             if (at->second.get() == &closed) {
-                dialled_.erase(at);
+                dialled.erase(at);
                 break;
             }
         }
         last = closed.shared_from_this();
-        connections_.erase(last);
+        own_connections.erase(last);
     }
     fail_where([&closed](const auto &request) { return request.via == &closed; }, code);
 }
@@ -232,42 +233,42 @@ void endpoint::on_connection_closed(connection &closed, int code) {
 void endpoint::on_deadline() {
     const std::uint64_t now = kze_ev::now_ns();
     {
-        std::lock_guard<std::mutex> guard(lock_);
-        timer_due_ns_ = std::numeric_limits<std::uint64_t>::max();
+        std::lock_guard<std::mutex> guard(mutex);
+        timer_due_ns = std::numeric_limits<std::uint64_t>::max();
     }
     fail_where([now](const auto &request) { return request.deadline_ns <= now; },
                VRD_IPC_E_TIMEOUT);
-    std::lock_guard<std::mutex> guard(lock_);
-    if (state_ == state::open && !pending_.empty()) {
-        set_deadline_timer(pending_.earliest_deadline());
+    std::lock_guard<std::mutex> guard(mutex);
+    if (own_state == state::open && !pending.empty()) {
+        set_deadline_timer(pending.earliest_deadline());
     }
 }
 
 // Once; both the close and the loop's end ask for it.
 void endpoint::release() {
-    if (std::exchange(released_, true)) {
+    if (std::exchange(released, true)) {
         return;
     }
     const std::shared_ptr<endpoint> self = shared_from_this();
-    listen_watch_.close();
-    if (accept_timer_ != nullptr) {
-        loop_->disarm(accept_timer_.get(), false);
+    listen_watch.close();
+    if (accept_timer != nullptr) {
+        loop->disarm(accept_timer.get(), false);
     }
-    listener_.close();
-    std::unique_lock<std::mutex> guard(lock_);
-    if (deadline_timer_ != nullptr) {
-        loop_->disarm(deadline_timer_.get(), false);
+    own_listener.close();
+    std::unique_lock<std::mutex> guard(mutex);
+    if (deadline_timer != nullptr) {
+        loop->disarm(deadline_timer.get(), false);
     }
-    while (!connections_.empty()) {
-        const std::shared_ptr<connection> each = *connections_.begin();
-        connections_.erase(connections_.begin());
+    while (!own_connections.empty()) {
+        const std::shared_ptr<connection> each = *own_connections.begin();
+        own_connections.erase(own_connections.begin());
         guard.unlock();
         each->close(VRD_IPC_E_CLOSED);
         guard.lock();
     }
     guard.unlock();
-    log_->finish();
-    loop_->remove_user(this);
+    log->finish();
+    loop->remove_user(this);
 }
 
 void endpoint::on_loop_end() {

@@ -14,32 +14,32 @@ bool fd_watch::open(uv_loop_t *loop, int fd, callback on_event) {
         return false;
     }
     opened->handle.data = opened.get();
-    state_ = opened.release();
+    own_state = opened.release();
     return true;
 }
 
 void fd_watch::set(int events) {
-    if (state_ == nullptr || events == events_) {
+    if (own_state == nullptr || events == wanted_events) {
         return;
     }
-    events_ = events;
+    wanted_events = events;
     if (events == 0) {
-        uv_poll_stop(&state_->handle);
+        uv_poll_stop(&own_state->handle);
         return;
     }
-    uv_poll_start(&state_->handle, events, [](uv_poll_t *handle, int status, int ready) {
+    uv_poll_start(&own_state->handle, events, [](uv_poll_t *handle, int status, int ready) {
         kze_ev::run_guarded("the handling of a socket",
                             [&] { static_cast<state *>(handle->data)->on_event(status, ready); });
     });
 }
 
 void fd_watch::close() {
-    if (state_ == nullptr) {
+    if (own_state == nullptr) {
         return;
     }
-    uv_close(reinterpret_cast<uv_handle_t *>(&state_->handle),
+    uv_close(reinterpret_cast<uv_handle_t *>(&own_state->handle),
              [](uv_handle_t *handle) { delete static_cast<state *>(handle->data); });
-    state_ = nullptr;
+    own_state = nullptr;
 }
 
 }  // namespace kze_ipc

@@ -1,5 +1,8 @@
-// Watches one descriptor on an event loop.
-#pragma once
+/*
+ * Watches one descriptor on an event loop.
+ */
+#ifndef KZEMDLMGR_PLATFORM_VRDIPC_FD_WATCH_H
+#define KZEMDLMGR_PLATFORM_VRDIPC_FD_WATCH_H
 
 #include <uv.h>
 
@@ -33,8 +36,10 @@ class fd_watch {
         callback on_event;
     };
 
-    state *state_ = nullptr;  // given to libuv, which deletes it after close()
-    int events_ = 0;
+    state *own_state = nullptr;  // given to libuv, which deletes it after close()
+    int wanted_events = 0;
 };
 
 }  // namespace kze_ipc
+
+#endif

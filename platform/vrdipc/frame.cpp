@@ -64,17 +64,17 @@ bool decode_header(const unsigned char (&in)[frame_header_size], frame_header *o
 }
 
 void frame_decoder::keep(const char *data, std::size_t size, std::size_t frame_size) {
-    const std::size_t needed = partial_.size() + size;
-    if (needed > partial_.capacity()) {
-        partial_.reserve(std::min(frame_size, 2 * needed));
+    const std::size_t needed = partial.size() + size;
+    if (needed > partial.capacity()) {
+        partial.reserve(std::min(frame_size, 2 * needed));
     }
-    partial_.insert(partial_.end(), data, data + size);
+    partial.insert(partial.end(), data, data + size);
 }
 
 void frame_decoder::drop_partial() {
-    partial_.clear();
-    if (partial_.capacity() > kept_memory) {
-        partial_.shrink_to_fit();
+    partial.clear();
+    if (partial.capacity() > kept_memory) {
+        partial.shrink_to_fit();
     }
 }
 
@@ -82,23 +82,23 @@ void frame_decoder::drop_partial() {
 frame_decoder::outcome frame_decoder::complete_partial(const char **data, std::size_t *size,
                                                        frame_sink &sink) {
     const auto take = [&](std::size_t frame_size) {
-        const std::size_t taken = std::min(frame_size - partial_.size(), *size);
+        const std::size_t taken = std::min(frame_size - partial.size(), *size);
         keep(*data, taken, frame_size);
         *data += taken;
         *size -= taken;
-        return partial_.size() == frame_size;
+        return partial.size() == frame_size;
     };
-    if (partial_.size() < frame_header_size && !take(frame_header_size)) {
+    if (partial.size() < frame_header_size && !take(frame_header_size)) {
         return outcome::more;
     }
     frame_header header;
-    if (!decode_at(partial_.data(), &header)) {
+    if (!decode_at(partial.data(), &header)) {
         return outcome::broken;
     }
     if (!take(frame_header_size + body_length(header))) {
         return outcome::more;
     }
-    if (!sink.on_frame(header, partial_.data() + frame_header_size)) {
+    if (!sink.on_frame(header, partial.data() + frame_header_size)) {
         return outcome::stopped;
     }
     drop_partial();

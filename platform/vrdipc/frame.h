@@ -1,25 +1,28 @@
-// The bytes on an IPC connection.
-//
-// A connection is a byte stream that carries frames in both directions. A frame is a header of 20
-// bytes, five unsigned 32-bit numbers in little-endian form, and the body:
-//
-//   offset  field
-//        0  magic, 0x3143505a: the bytes "ZPC1"
-//        4  type: 1 request, 2 response, 3 message (one-way), 4 refusal
-//        8  command; of a response that of the responder, of a refusal that of the request
-//       12  request id: chosen by the requester, unique among its unanswered requests on this
-//           connection; in a message 0
-//       16  length of the body: at most 16 MiB; in a refusal it is the reason and has no body:
-//           1 no handler, 2 too many unanswered requests
-//
-// A request with command 1004, id 7 and the body "hi", and its answer with an empty body:
-//
-//   5a 50 43 31  01 00 00 00  ec 03 00 00  07 00 00 00  02 00 00 00  68 69
-//   5a 50 43 31  02 00 00 00  ec 03 00 00  07 00 00 00  00 00 00 00
-//
-// There is no checksum and no resynchronisation: whoever sends anything else is disconnected. A
-// later version needs another magic; nothing is negotiated.
-#pragma once
+/*
+ * The bytes on an IPC connection.
+ *
+ * A connection is a byte stream that carries frames in both directions. A frame is a header of 20
+ * bytes, five unsigned 32-bit numbers in little-endian form, and the body:
+ *
+ *   offset  field
+ *        0  magic, 0x3143505a: the bytes "ZPC1"
+ *        4  type: 1 request, 2 response, 3 message (one-way), 4 refusal
+ *        8  command; of a response that of the responder, of a refusal that of the request
+ *       12  request id: chosen by the requester, unique among its unanswered requests on this
+ *           connection; in a message 0
+ *       16  length of the body: at most 16 MiB; in a refusal it is the reason and has no body:
+ *           1 no handler, 2 too many unanswered requests
+ *
+ * A request with command 1004, id 7 and the body "hi", and its answer with an empty body:
+ *
+ *   5a 50 43 31  01 00 00 00  ec 03 00 00  07 00 00 00  02 00 00 00  68 69
+ *   5a 50 43 31  02 00 00 00  ec 03 00 00  07 00 00 00  00 00 00 00
+ *
+ * There is no checksum and no resynchronisation: whoever sends anything else is disconnected. A
+ * later version needs another magic; nothing is negotiated.
+ */
+#ifndef KZEMDLMGR_PLATFORM_VRDIPC_FRAME_H
+#define KZEMDLMGR_PLATFORM_VRDIPC_FRAME_H
 
 #include <cstddef>
 #include <cstdint>
@@ -71,17 +74,19 @@ class frame_decoder {
     outcome feed(const char *data, std::size_t size, frame_sink &sink);
 
     // True when a part of a frame has arrived.
-    bool inside_frame() const { return !partial_.empty(); }
+    bool inside_frame() const { return !partial.empty(); }
 
     // Bytes of memory held for it.
-    std::size_t memory() const { return partial_.capacity(); }
+    std::size_t memory() const { return partial.capacity(); }
 
   private:
     outcome complete_partial(const char **data, std::size_t *size, frame_sink &sink);
     void keep(const char *data, std::size_t size, std::size_t frame_size);
     void drop_partial();
 
-    std::vector<char> partial_;  // the beginning of one frame
+    std::vector<char> partial;  // the beginning of one frame
 };
 
 }  // namespace kze_ipc
+
+#endif

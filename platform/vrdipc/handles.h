@@ -1,5 +1,8 @@
-// The tables behind the handles that callers have.
-#pragma once
+/*
+ * The tables behind the handles that callers have.
+ */
+#ifndef KZEMDLMGR_PLATFORM_VRDIPC_HANDLES_H
+#define KZEMDLMGR_PLATFORM_VRDIPC_HANDLES_H
 
 #include <cstdint>
 #include <memory>
@@ -32,34 +35,36 @@ class handle_table {
   public:
     Handle *add(std::shared_ptr<Object> object) {
         const std::uintptr_t value = next_handle_value();
-        std::lock_guard<std::mutex> guard(lock_);
-        objects_.emplace(value, std::move(object));
+        std::lock_guard<std::mutex> guard(mutex);
+        objects.emplace(value, std::move(object));
         return reinterpret_cast<Handle *>(value);
     }
 
     // Null when there is none with this handle.
     std::shared_ptr<Object> find(const Handle *handle) {
-        std::lock_guard<std::mutex> guard(lock_);
-        auto at = objects_.find(reinterpret_cast<std::uintptr_t>(handle));
-        return at == objects_.end() ? nullptr : at->second;
+        std::lock_guard<std::mutex> guard(mutex);
+        auto at = objects.find(reinterpret_cast<std::uintptr_t>(handle));
+        return at == objects.end() ? nullptr : at->second;
     }
 
     void remove(const Handle *handle) {
         std::shared_ptr<Object> removed;  // let go of without the lock
-        std::lock_guard<std::mutex> guard(lock_);
-        auto at = objects_.find(reinterpret_cast<std::uintptr_t>(handle));
-        if (at != objects_.end()) {
+        std::lock_guard<std::mutex> guard(mutex);
+        auto at = objects.find(reinterpret_cast<std::uintptr_t>(handle));
+        if (at != objects.end()) {
             removed = std::move(at->second);
-            objects_.erase(at);
+            objects.erase(at);
         }
     }
 
   private:
-    std::mutex lock_;
-    std::unordered_map<std::uintptr_t, std::shared_ptr<Object>> objects_;  // guarded by lock_
+    std::mutex mutex;
+    std::unordered_map<std::uintptr_t, std::shared_ptr<Object>> objects;  // guarded by mutex
 };
 
 handle_table<vrd_ipc_st, endpoint> &endpoints();
 handle_table<vrd_addr_st, const address> &addresses();
 
 }  // namespace kze_ipc
+
+#endif

@@ -21,8 +21,8 @@ const char *const names[peer_event_kinds] = {
 
 void peer_log::tell(std::size_t kind, unsigned long long held_back) const {
     if (held_back > 0) {
-        kze_log(2, "ipc: %s: %llu more lines on %s were held back", endpoint_.c_str(), held_back,
-                names[kind]);
+        kze_log(2, "ipc: %s: %llu more lines on %s were held back", endpoint_name.c_str(),
+                held_back, names[kind]);
     }
 }
 
@@ -30,8 +30,8 @@ bool peer_log::admits(peer_event kind, std::uint64_t now_ns) {
     const auto index = static_cast<std::size_t>(kind);
     unsigned long long held_back = 0;
     {
-        std::lock_guard<std::mutex> guard(lock_);
-        line &of_kind = lines_[index];
+        std::lock_guard<std::mutex> guard(mutex);
+        line &of_kind = lines[index];
         if (now_ns < of_kind.quiet_until_ns) {
             ++of_kind.held_back;
             return false;
@@ -44,16 +44,16 @@ bool peer_log::admits(peer_event kind, std::uint64_t now_ns) {
 }
 
 void peer_log::finish() {
-    std::array<line, peer_event_kinds> lines;
+    std::array<line, peer_event_kinds> told;
     {
-        std::lock_guard<std::mutex> guard(lock_);
-        lines = lines_;
-        for (line &each : lines_) {
+        std::lock_guard<std::mutex> guard(mutex);
+        told = lines;
+        for (line &each : lines) {
             each.held_back = 0;
         }
     }
-    for (std::size_t kind = 0; kind < lines.size(); ++kind) {
-        tell(kind, lines[kind].held_back);
+    for (std::size_t kind = 0; kind < told.size(); ++kind) {
+        tell(kind, told[kind].held_back);
     }
 }
 

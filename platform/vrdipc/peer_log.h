@@ -1,5 +1,8 @@
-// Keeps peers from filling the log.
-#pragma once
+/*
+ * Keeps peers from filling the log.
+ */
+#ifndef KZEMDLMGR_PLATFORM_VRDIPC_PEER_LOG_H
+#define KZEMDLMGR_PLATFORM_VRDIPC_PEER_LOG_H
 
 #include <array>
 #include <cstddef>
@@ -31,7 +34,7 @@ class peer_log {
   public:
     static constexpr std::uint64_t quiet_ns = 60ULL * 1000 * 1000 * 1000;
 
-    explicit peer_log(std::string endpoint) : endpoint_(std::move(endpoint)) {}
+    explicit peer_log(std::string endpoint) : endpoint_name(std::move(endpoint)) {}
 
     // Whether a line may be written at this time of the monotonic clock.
     bool admits(peer_event kind, std::uint64_t now_ns);
@@ -47,9 +50,11 @@ class peer_log {
 
     void tell(std::size_t kind, unsigned long long held_back) const;
 
-    const std::string endpoint_;
-    std::mutex lock_;
-    std::array<line, peer_event_kinds> lines_;  // guarded by lock_
+    const std::string endpoint_name;
+    std::mutex mutex;
+    std::array<line, peer_event_kinds> lines;  // guarded by mutex
 };
 
 }  // namespace kze_ipc
+
+#endif

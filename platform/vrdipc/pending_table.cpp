@@ -7,34 +7,34 @@ namespace kze_ipc {
 
 // Ids that differ modulo n also differ modulo 2n: nothing collides.
 void pending_table::grow() {
-    std::vector<pending_request> old(slots_.empty() ? 16 : 2 * slots_.size());
-    old.swap(slots_);
+    std::vector<pending_request> old(slots.empty() ? 16 : 2 * slots.size());
+    old.swap(slots);
     for (const pending_request &request : old) {
         if (request.id != 0) {
-            slots_[slot_of(request.id)] = request;
+            slots[slot_of(request.id)] = request;
         }
     }
 }
 
 std::uint32_t pending_table::add(const pending_request &request) {
-    if (2 * (used_ + 1) > slots_.size()) {
+    if (2 * (used + 1) > slots.size()) {
         grow();
     }
     do {
-        ++last_id_;
-    } while (last_id_ == 0 || slots_[slot_of(last_id_)].id != 0);
-    pending_request &slot = slots_[slot_of(last_id_)];
+        ++last_id;
+    } while (last_id == 0 || slots[slot_of(last_id)].id != 0);
+    pending_request &slot = slots[slot_of(last_id)];
     slot = request;
-    slot.id = last_id_;
-    ++used_;
-    return last_id_;
+    slot.id = last_id;
+    ++used;
+    return last_id;
 }
 
 pending_request *pending_table::find(std::uint32_t id) {
-    if (id == 0 || slots_.empty()) {
+    if (id == 0 || slots.empty()) {
         return nullptr;
     }
-    pending_request &slot = slots_[slot_of(id)];
+    pending_request &slot = slots[slot_of(id)];
     return slot.id == id ? &slot : nullptr;
 }
 
@@ -45,13 +45,13 @@ bool pending_table::take(std::uint32_t id, pending_request *out) {
     }
     *out = *slot;
     *slot = pending_request{};
-    --used_;
+    --used;
     return true;
 }
 
 std::uint64_t pending_table::earliest_deadline() const {
     std::uint64_t earliest = std::numeric_limits<std::uint64_t>::max();
-    for (const pending_request &slot : slots_) {
+    for (const pending_request &slot : slots) {
         if (slot.id != 0) {
             earliest = std::min(earliest, slot.deadline_ns);
         }

@@ -1,5 +1,8 @@
-// The requests of an endpoint that wait for their answers.
-#pragma once
+/*
+ * The requests of an endpoint that wait for their answers.
+ */
+#ifndef KZEMDLMGR_PLATFORM_VRDIPC_PENDING_TABLE_H
+#define KZEMDLMGR_PLATFORM_VRDIPC_PENDING_TABLE_H
 
 #include <cstddef>
 #include <cstdint>
@@ -38,12 +41,12 @@ class pending_table {
     // no memory, and until none is left each call goes on from where the last one ended.
     template <typename Predicate>
     bool take_where(Predicate which, pending_request *out) {
-        for (std::size_t i = 0; i < slots_.size(); ++i) {
-            const pending_request &slot = slots_[next_slot_ & (slots_.size() - 1)];
+        for (std::size_t i = 0; i < slots.size(); ++i) {
+            const pending_request &slot = slots[next_slot & (slots.size() - 1)];
             if (slot.id != 0 && which(slot)) {
                 return take(slot.id, out);
             }
-            ++next_slot_;
+            ++next_slot;
         }
         return false;
     }
@@ -51,16 +54,18 @@ class pending_table {
     // The earliest deadline; the greatest number when there is no request.
     std::uint64_t earliest_deadline() const;
 
-    bool empty() const { return used_ == 0; }
+    bool empty() const { return used == 0; }
 
   private:
     void grow();
-    std::size_t slot_of(std::uint32_t id) const { return id & (slots_.size() - 1); }
+    std::size_t slot_of(std::uint32_t id) const { return id & (slots.size() - 1); }
 
-    std::vector<pending_request> slots_;  // a power of two, at least twice what is used
-    std::size_t used_ = 0;
-    std::uint32_t last_id_ = 0;
-    std::size_t next_slot_ = 0;  // where take_where() looks first, modulo the number of slots
+    std::vector<pending_request> slots;  // a power of two, at least twice what is used
+    std::size_t used = 0;
+    std::uint32_t last_id = 0;
+    std::size_t next_slot = 0;  // where take_where() looks first, modulo the number of slots
 };
 
 }  // namespace kze_ipc
+
+#endif

@@ -11,13 +11,13 @@ constexpr std::size_t chunk_size = 64 * 1024;
 
 void send_queue::append(const void *data, std::size_t bytes) {
     const char *at = static_cast<const char *>(data);
-    size_ += bytes;
+    total_size += bytes;
     while (bytes > 0) {
-        if (chunks_.empty() || chunks_.back().size() == chunk_size) {
-            chunks_.emplace_back();
-            chunks_.back().reserve(chunk_size);
+        if (chunks.empty() || chunks.back().size() == chunk_size) {
+            chunks.emplace_back();
+            chunks.back().reserve(chunk_size);
         }
-        std::vector<char> &last = chunks_.back();
+        std::vector<char> &last = chunks.back();
         const std::size_t part = std::min(bytes, chunk_size - last.size());
         last.insert(last.end(), at, at + part);
         at += part;
@@ -26,21 +26,21 @@ void send_queue::append(const void *data, std::size_t bytes) {
 }
 
 std::size_t send_queue::front(struct iovec *out, std::size_t max) {
-    const std::size_t count = std::min(max, chunks_.size());
+    const std::size_t count = std::min(max, chunks.size());
     for (std::size_t i = 0; i < count; ++i) {
-        const std::size_t skipped = i == 0 ? consumed_ : 0;
-        out[i].iov_base = chunks_[i].data() + skipped;
-        out[i].iov_len = chunks_[i].size() - skipped;
+        const std::size_t skipped = i == 0 ? consumed : 0;
+        out[i].iov_base = chunks[i].data() + skipped;
+        out[i].iov_len = chunks[i].size() - skipped;
     }
     return count;
 }
 
 void send_queue::consume(std::size_t bytes) {
-    size_ -= bytes;
-    consumed_ += bytes;
-    while (!chunks_.empty() && consumed_ >= chunks_.front().size()) {
-        consumed_ -= chunks_.front().size();
-        chunks_.pop_front();
+    total_size -= bytes;
+    consumed += bytes;
+    while (!chunks.empty() && consumed >= chunks.front().size()) {
+        consumed -= chunks.front().size();
+        chunks.pop_front();
     }
 }
 

@@ -1,5 +1,8 @@
-// Bytes that wait until a connection takes them.
-#pragma once
+/*
+ * Bytes that wait until a connection takes them.
+ */
+#ifndef KZEMDLMGR_PLATFORM_VRDIPC_SEND_QUEUE_H
+#define KZEMDLMGR_PLATFORM_VRDIPC_SEND_QUEUE_H
 
 #include <sys/uio.h>
 
@@ -15,11 +18,11 @@ class send_queue {
   public:
     static constexpr std::size_t limit = 64U << 20;
 
-    bool empty() const { return size_ == 0; }
-    std::size_t size() const { return size_; }
+    bool empty() const { return total_size == 0; }
+    std::size_t size() const { return total_size; }
 
     // Whether `bytes` more stay within the limit.
-    bool fits(std::size_t bytes) const { return bytes <= limit - size_; }
+    bool fits(std::size_t bytes) const { return bytes <= limit - total_size; }
 
     // Appends. The caller has asked fits().
     void append(const void *data, std::size_t bytes);
@@ -32,9 +35,11 @@ class send_queue {
     void consume(std::size_t bytes);
 
   private:
-    std::deque<std::vector<char>> chunks_;
-    std::size_t consumed_ = 0;  // of the first chunk
-    std::size_t size_ = 0;
+    std::deque<std::vector<char>> chunks;
+    std::size_t consumed = 0;  // of the first chunk
+    std::size_t total_size = 0;
 };
 
 }  // namespace kze_ipc
+
+#endif

@@ -31,7 +31,7 @@ constexpr long lock_pause_ns = 5 * 1000 * 1000;
 // A socket's address, and the descriptor that a long path is reached through.
 struct socket_address {
     struct sockaddr_un name {};
-    unique_fd directory;
+    kze::descriptor directory;
 
     const struct sockaddr *get() const { return reinterpret_cast<const struct sockaddr *>(&name); }
 };
@@ -51,8 +51,9 @@ int make_address(const std::string &directory, const std::string &file, socket_a
     out->name.sun_family = AF_UNIX;
     std::string path = directory + "/" + file;
     if (path.size() >= sizeof out->name.sun_path) {
-        out->directory = unique_fd(::open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-        if (!out->directory.is_open()) {
+        out->directory =
+            kze::descriptor(::open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        if (!out->directory.valid()) {
             return errno;
         }
         path = "/proc/self/fd/" + std::to_string(out->directory.get()) + "/" + file;
@@ -91,24 +92,24 @@ bool is_safe_directory(const std::string &path, const struct stat &status) {
 // Opens the directory of the sockets and makes it ours alone, if it is our user's. It may be new
 // and without any permission, by the umask, so it is opened for reading last. Not open, with errno
 // set, on failure.
-unique_fd open_run_directory(const std::string &path) {
+kze::descriptor open_run_directory(const std::string &path) {
     const int made = kze_dirutils_mkdir(path.c_str(), S_IRWXU);
-    const unique_fd found(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const kze::descriptor found(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     struct stat status {};
-    if (!found.is_open() || fstat(found.get(), &status) != 0) {
+    if (!found.valid() || fstat(found.get(), &status) != 0) {
         errno = made != 0 ? made : errno;
-        return unique_fd();
+        return kze::descriptor();
     }
     if (!is_safe_directory(path, status)) {
         errno = EPERM;
-        return unique_fd();
+        return kze::descriptor();
     }
     const std::string itself = "/proc/self/fd/" + std::to_string(found.get());
     if (status.st_uid == geteuid() && (status.st_mode & ALLPERMS) != S_IRWXU &&
         chmod(itself.c_str(), S_IRWXU) != 0) {
-        return unique_fd();
+        return kze::descriptor();
     }
-    return unique_fd(::openat(found.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return kze::descriptor(::openat(found.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
 // Keeps other processes, and other threads, from binding in this directory at the same time. The
@@ -137,8 +138,8 @@ int remove_stale(int directory, const std::string &file, const socket_address &a
     if (!S_ISSOCK(status.st_mode)) {
         return EEXIST;
     }
-    const unique_fd probe = make_socket();
-    if (!probe.is_open()) {
+    const kze::descriptor probe = make_socket();
+    if (!probe.valid()) {
         return errno;
     }
     const int result = try_connect(probe.get(), address);
@@ -165,12 +166,6 @@ int code_of(int error) {
 
 }  // namespace
 
-void unique_fd::reset() {
-    if (fd_ >= 0) {
-        ::close(std::exchange(fd_, -1));
-    }
-}
-
 bool is_valid_name(const char *name) {
     static const char allowed[] =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_-.";
@@ -181,80 +176,81 @@ bool is_valid_name(const char *name) {
     return length <= max_name && std::strspn(name, allowed) == length;
 }
 
-unique_fd make_socket() {
-    return unique_fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+kze::descriptor make_socket() {
+    return kze::descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
 }
 
 // Binds and listens. The permissions are set before the file exists, and again after it in case the
 // umask took some of them away. 0 or an error number.
 int listener::bind_name(int directory, const std::string &name) {
-    file_ = file_of(name);
+    own_file = file_of(name);
     socket_address address;
-    int error = make_address(directory_, file_, &address);
+    int error = make_address(own_directory, own_file, &address);
     if (error == 0) {
-        error = remove_stale(directory, file_, address);
+        error = remove_stale(directory, own_file, address);
     }
     if (error != 0) {
         return error;
     }
-    fd_ = make_socket();
+    own_fd = make_socket();
     struct stat status {};
-    if (!fd_.is_open() || fchmod(fd_.get(), S_IRUSR | S_IWUSR) != 0 ||
-        ::bind(fd_.get(), address.get(), sizeof address.name) != 0) {
+    if (!own_fd.valid() || fchmod(own_fd.get(), S_IRUSR | S_IWUSR) != 0 ||
+        ::bind(own_fd.get(), address.get(), sizeof address.name) != 0) {
         return errno;
     }
-    if (fchmodat(directory, file_.c_str(), S_IRUSR | S_IWUSR, 0) != 0 ||
-        fstatat(directory, file_.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
-        ::listen(fd_.get(), backlog) != 0) {
+    if (fchmodat(directory, own_file.c_str(), S_IRUSR | S_IWUSR, 0) != 0 ||
+        fstatat(directory, own_file.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
+        ::listen(own_fd.get(), backlog) != 0) {
         error = errno;
-        unlinkat(directory, file_.c_str(), 0);
+        unlinkat(directory, own_file.c_str(), 0);
         return error;
     }
-    device_ = status.st_dev;
-    inode_ = status.st_ino;
+    device = status.st_dev;
+    inode = status.st_ino;
     return 0;
 }
 
 int listener::open(const std::string &name) {
-    directory_ = run_directory();
-    const unique_fd directory = open_run_directory(directory_);
-    if (!directory.is_open() || !lock_directory(directory.get())) {
+    own_directory = run_directory();
+    const kze::descriptor directory = open_run_directory(own_directory);
+    if (!directory.valid() || !lock_directory(directory.get())) {
         const int error = errno;
-        kze_log(1, "ipc: directory %s can't be used: %s", directory_.c_str(), strerror(error));
+        kze_log(1, "ipc: directory %s can't be used: %s", own_directory.c_str(), strerror(error));
         return code_of(error);
     }
     const int error = bind_name(directory.get(), name);
     if (error == 0) {
         return VRD_IPC_OK;
     }
-    fd_.reset();
-    kze_log(1, "ipc: name %s can't be taken in %s: %s", name.c_str(), directory_.c_str(),
+    own_fd.reset();
+    kze_log(1, "ipc: name %s can't be taken in %s: %s", name.c_str(), own_directory.c_str(),
             strerror(error));
     return code_of(error);
 }
 
 void listener::refuse() {
-    if (fd_.is_open()) {
-        ::shutdown(fd_.get(), SHUT_RDWR);
+    if (own_fd.valid()) {
+        ::shutdown(own_fd.get(), SHUT_RDWR);
     }
 }
 
 void listener::withdraw(patience wait) {
-    if (!fd_.is_open()) {
+    if (!own_fd.valid()) {
         return;
     }
-    const unique_fd directory(::open(directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const kze::descriptor directory(
+        ::open(own_directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     struct stat status {};
     const int tries = wait == patience::brief ? brief_lock_tries : lock_tries;
-    if (!directory.is_open() || !lock_directory(directory.get(), tries)) {
-        kze_log(2, "ipc: %s stays behind in %s: %s", file_.c_str(), directory_.c_str(),
+    if (!directory.valid() || !lock_directory(directory.get(), tries)) {
+        kze_log(2, "ipc: %s stays behind in %s: %s", own_file.c_str(), own_directory.c_str(),
                 strerror(errno));
         return;
     }
     // Another endpoint may have the name by now; only our own file goes.
-    if (fstatat(directory.get(), file_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-        status.st_dev == device_ && status.st_ino == inode_) {
-        unlinkat(directory.get(), file_.c_str(), 0);
+    if (fstatat(directory.get(), own_file.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+        status.st_dev == device && status.st_ino == inode) {
+        unlinkat(directory.get(), own_file.c_str(), 0);
     }
 }
 

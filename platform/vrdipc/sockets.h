@@ -1,37 +1,18 @@
-// The sockets of endpoints: where they lie, who may use them.
-#pragma once
+/*
+ * The sockets of endpoints: where they lie, who may use them.
+ */
+#ifndef KZEMDLMGR_PLATFORM_VRDIPC_SOCKETS_H
+#define KZEMDLMGR_PLATFORM_VRDIPC_SOCKETS_H
 
 #include <sys/socket.h>
 #include <sys/types.h>
 
 #include <string>
-#include <utility>
 
+#include "platform/common/descriptor.h"
 #include "platform/vrdipc/peer_log.h"
 
 namespace kze_ipc {
-
-// Owns a descriptor. One thread at a time.
-class unique_fd {
-  public:
-    explicit unique_fd(int fd = -1) : fd_(fd) {}
-    ~unique_fd() { reset(); }
-    unique_fd(unique_fd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    unique_fd &operator=(unique_fd &&other) noexcept {
-        if (this != &other) {
-            reset();
-            fd_ = std::exchange(other.fd_, -1);
-        }
-        return *this;
-    }
-
-    int get() const { return fd_; }
-    bool is_open() const { return fd_ >= 0; }
-    void reset();
-
-  private:
-    int fd_;
-};
 
 // Whether an endpoint may have this name; null is no name.
 bool is_valid_name(const char *name);
@@ -47,7 +28,7 @@ class listener {
     // with the reason in the log.
     int open(const std::string &name);
 
-    int fd() const { return fd_.get(); }
+    int fd() const { return own_fd.get(); }
 
     // Refuses whoever still tries to connect; fd() stays open.
     void refuse();
@@ -57,20 +38,20 @@ class listener {
     enum class patience { usual, brief };
     void withdraw(patience wait);
 
-    void close() { fd_.reset(); }
+    void close() { own_fd.reset(); }
 
   private:
     int bind_name(int directory, const std::string &name);
 
-    unique_fd fd_;
-    std::string directory_;
-    std::string file_;
-    dev_t device_ = 0;
-    ino_t inode_ = 0;
+    kze::descriptor own_fd;
+    std::string own_directory;
+    std::string own_file;
+    dev_t device = 0;
+    ino_t inode = 0;
 };
 
 // A non-blocking stream socket, or one that isn't open.
-unique_fd make_socket();
+kze::descriptor make_socket();
 
 enum class connect_state { done, full, failed };
 
@@ -83,3 +64,5 @@ connect_state connect_to(int fd, const std::string &name, int *code_out);
 bool is_allowed_peer(int fd, const std::string &endpoint, peer_log &log, struct ucred *peer_out);
 
 }  // namespace kze_ipc
+
+#endif

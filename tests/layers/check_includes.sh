@@ -27,7 +27,7 @@ layers_of() {
         plugin/kzemdlmgr.*)
             echo "^($platform|plugin/(kzemdlmgr|kzemm_work)\.h|engine/kzemm_loader\.h|datapath/kzemm_invoke\.h)$" ;;
         platform/*) echo '^platform/.+$' ;;
-        agent/*) echo "^($platform|$contracts|$messages|agent/.+)$" ;;
+        agent/*) echo "^($platform|platform/common/descriptor\.h|$contracts|$messages|agent/.+)$" ;;
         *) echo 'no rule' ;;
     esac
 }

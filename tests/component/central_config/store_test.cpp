@@ -9,7 +9,7 @@
 #include <atomic>
 #include <thread>
 
-#include "agent/common/descriptor.h"
+#include "platform/common/descriptor.h"
 #include "tests/support/process_state.h"
 #include "tests/support/temp_tree.h"
 

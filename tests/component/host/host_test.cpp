@@ -12,7 +12,7 @@
 #include <optional>
 
 #include "agent/common/control.h"
-#include "agent/common/descriptor.h"
+#include "platform/common/descriptor.h"
 #include "tests/support/child_process.h"
 #include "tests/support/process_state.h"
 #include "tests/support/temp_tree.h"

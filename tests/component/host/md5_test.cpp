@@ -6,7 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "agent/common/descriptor.h"
+#include "platform/common/descriptor.h"
 #include "tests/support/process_state.h"
 #include "tests/support/temp_tree.h"
 

@@ -1,6 +1,9 @@
-// Reading a small file whole; shared by the base libraries (each compiles its own copy).
-// A free function without state: safe from any thread.
-#pragma once
+/*
+ * Reading a small file whole; shared by the base libraries (each compiles its own copy).
+ * A free function without state: safe from any thread.
+ */
+#ifndef KZEMDLMGR_PLATFORM_COMMON_SMALL_FILE_H
+#define KZEMDLMGR_PLATFORM_COMMON_SMALL_FILE_H
 
 #include <string>
 
@@ -11,3 +14,5 @@ namespace kze_small_file {
 bool read(const std::string &path, size_t limit, std::string &out);
 
 }  // namespace kze_small_file
+
+#endif

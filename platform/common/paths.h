@@ -1,6 +1,9 @@
-// Paths of the agent's tree, shared by the base libraries (each compiles its own copy).
-// Free functions without state: safe from any thread.
-#pragma once
+/*
+ * Paths of the agent's tree, shared by the base libraries (each compiles its own copy).
+ * Free functions without state: safe from any thread.
+ */
+#ifndef KZEMDLMGR_PLATFORM_COMMON_PATHS_H
+#define KZEMDLMGR_PLATFORM_COMMON_PATHS_H
 
 #include <sys/types.h>
 
@@ -19,3 +22,5 @@ std::string expand(const std::string &path);
 int make_directories(const std::string &path, mode_t mode);
 
 }  // namespace kze_paths
+
+#endif

@@ -1,6 +1,6 @@
 /* A file descriptor with an owner. */
-#ifndef KZE_AGENT_COMMON_DESCRIPTOR_H
-#define KZE_AGENT_COMMON_DESCRIPTOR_H
+#ifndef KZEMDLMGR_PLATFORM_COMMON_DESCRIPTOR_H
+#define KZEMDLMGR_PLATFORM_COMMON_DESCRIPTOR_H
 
 #include <unistd.h>
 
@@ -11,28 +11,28 @@ namespace kze {
 /* Closes the descriptor when it goes; -1 is none. One thread at a time. */
 class descriptor {
   public:
-    explicit descriptor(int number = -1) : number_(number) {}
+    explicit descriptor(int owned = -1) : number(owned) {}
     ~descriptor() { reset(); }
-    descriptor(descriptor &&other) noexcept : number_(other.release()) {}
+    descriptor(descriptor &&other) noexcept : number(other.release()) {}
     descriptor &operator=(descriptor &&other) noexcept {
         reset(other.release());
         return *this;
     }
 
-    int get() const { return number_; }
-    bool valid() const { return number_ >= 0; }
+    int get() const { return number; }
+    bool valid() const { return number >= 0; }
     /* The caller's from now on. */
-    int release() { return std::exchange(number_, -1); }
+    int release() { return std::exchange(number, -1); }
     /* Closes what it owns and takes over another. */
-    void reset(int number = -1) {
-        if (number_ >= 0) {
-            close(number_);
+    void reset(int owned = -1) {
+        if (number >= 0) {
+            close(number);
         }
-        number_ = number;
+        number = owned;
     }
 
   private:
-    int number_;
+    int number;
 };
 
 }  // namespace kze
