@@ -134,7 +134,7 @@ class record_writer : public record_file {
 
     const std::string insert_;
     std::map<std::string, statement> statements_; /* by their text; while the file is open */
-    bool put_aside_ = false;                      /* by the call in hand */
+    bool again_ = false;                          /* a second attempt may succeed */
 };
 
 /* The reading side, which never holds the writer up. One thread at a time. */

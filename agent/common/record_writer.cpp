@@ -73,7 +73,7 @@ bool record_writer::replace(std::int64_t id, std::string_view data) {
 
 bool record_writer::transaction(const std::function<bool()> &body) {
     for (int attempt = 1; attempt <= 2 && open(); ++attempt) {
-        put_aside_ = false;
+        again_ = false;
         if (run("BEGIN IMMEDIATE")) {
             if (body() && run("COMMIT")) {
                 return true;
@@ -82,7 +82,7 @@ bool record_writer::transaction(const std::function<bool()> &body) {
                 run("ROLLBACK");
             }
         }
-        if (!put_aside_) {
+        if (!again_) {
             break;
         }
     }
@@ -133,8 +133,8 @@ bool record_writer::drop_oldest() {
 }
 
 bool record_writer::open() {
-    put_aside_ = false;
-    return ensure_open() || (put_aside_ && ensure_open());
+    again_ = false;
+    return ensure_open() || (again_ && ensure_open());
 }
 
 bool record_writer::ensure_open() {
@@ -156,8 +156,9 @@ bool record_writer::ensure_open() {
         problem_ = path_ + ": " + std::strerror(errno);
         return false;
     }
-    if (made.valid()) {
-        /* Those of a file that was here before, which may have readers still. */
+    if (::stat(path_.c_str(), &info) == 0 && info.st_size == 0) {
+        /* Those of a file that was here before. A reader of it may yet put them back. */
+        again_ = true;
         ::unlink((path_ + "-wal").c_str());
         ::unlink((path_ + "-shm").c_str());
     }
@@ -208,7 +209,7 @@ bool record_writer::fail() {
 
 void record_writer::put_aside(const std::string &reason) {
     close();
-    put_aside_ = true;
+    again_ = true;
     problem_ = reason;
     const std::string aside = path_ + unusable_suffix;
     kze_log(1, "%s can't be used: %s; it is now %s, and a new one is begun", path_.c_str(),
