@@ -10,7 +10,7 @@
 
 #include "agent/common/standard_descriptors.h"
 #include "agent/common/tree.h"
-#include "agent/ctl/command_line.h"
+#include "agent/ctl/commands/command_line.h"
 #include "vrdbase.h"
 
 namespace kze::ctl {

@@ -1,7 +1,7 @@
 # The tour's steps with rule packs. Sourced by tour.sh.
 # shellcheck shell=bash disable=SC2154
 
-pack_rules=$(cd "$(dirname "${BASH_SOURCE[0]}")/../../tests/data/rules" && pwd)
+pack_rules=$(cd "$(dirname "${BASH_SOURCE[0]}")/../tests/data/rules" && pwd)
 pack_mark=0
 
 # The plug-in reads its settings when it starts.

@@ -1,6 +1,6 @@
 /* How the engine was told to answer a call, as it stands in requests and in the settings' file. */
-#ifndef KZE_AGENT_ENGINE_ANSWER_H
-#define KZE_AGENT_ENGINE_ANSWER_H
+#ifndef KZE_AGENT_ENGINE_ENGINE_ANSWER_H
+#define KZE_AGENT_ENGINE_ENGINE_ANSWER_H
 
 #include <cstdint>
 #include <initializer_list>

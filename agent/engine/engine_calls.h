@@ -1,6 +1,6 @@
 /* What the engine does on its clients' calls, and what it keeps of them. */
-#ifndef KZE_AGENT_ENGINE_CALLS_H
-#define KZE_AGENT_ENGINE_CALLS_H
+#ifndef KZE_AGENT_ENGINE_ENGINE_CALLS_H
+#define KZE_AGENT_ENGINE_ENGINE_CALLS_H
 
 #include <atomic>
 #include <cstdint>
@@ -11,11 +11,11 @@
 #include <optional>
 #include <string>
 
+#include "agent/common/rule_file.h"
 #include "agent/engine/engine_clients.h"
 #include "agent/engine/engine_protocol.h"
 #include "agent/engine/engine_rules.h"
 #include "agent/engine/engine_settings.h"
-#include "agent/packs/rule_file.h"
 #include "engine/qd_client.h"
 
 namespace kze::engine {

@@ -1,6 +1,6 @@
 /* The engine's clients and the events that wait for them. */
-#ifndef KZE_AGENT_ENGINE_CLIENTS_H
-#define KZE_AGENT_ENGINE_CLIENTS_H
+#ifndef KZE_AGENT_ENGINE_ENGINE_CLIENTS_H
+#define KZE_AGENT_ENGINE_ENGINE_CLIENTS_H
 
 #include <sys/types.h>
 

@@ -10,7 +10,7 @@
 #include "agent/common/json_text.h"
 #include "agent/engine/engine_server.h"
 #include "agent/engine/process_snapshot.h"
-#include "agent/engine/service.h"
+#include "agent/supervisor/service.h"
 #include "platform/common/descriptor.h"
 #include "vrdbase.h"
 

@@ -1,6 +1,6 @@
 /* What the engine makes of an order: its frame, and the text with which it answers. */
-#ifndef KZE_AGENT_ENGINE_ORDERS_H
-#define KZE_AGENT_ENGINE_ORDERS_H
+#ifndef KZE_AGENT_ENGINE_ENGINE_ORDERS_H
+#define KZE_AGENT_ENGINE_ENGINE_ORDERS_H
 
 #include <cstdint>
 #include <nlohmann/json.hpp>

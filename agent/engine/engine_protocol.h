@@ -12,10 +12,10 @@
  *   offset 16  second, signed: an argument or a value
  *   offset 20  length of the payload, which is all that follows
  *
- * docs/reference-agent/engine.md tells what each call and event puts into its record.
+ * agent/docs/engine.md tells what each call and event puts into its record.
  */
-#ifndef KZE_AGENT_ENGINE_PROTOCOL_H
-#define KZE_AGENT_ENGINE_PROTOCOL_H
+#ifndef KZE_AGENT_ENGINE_ENGINE_PROTOCOL_H
+#define KZE_AGENT_ENGINE_ENGINE_PROTOCOL_H
 
 #include <cstdint>
 #include <optional>

@@ -1,6 +1,6 @@
 /* The rules that the engine holds: what came as text, and what it read from rule files. */
-#ifndef KZE_AGENT_ENGINE_RULES_H
-#define KZE_AGENT_ENGINE_RULES_H
+#ifndef KZE_AGENT_ENGINE_ENGINE_RULES_H
+#define KZE_AGENT_ENGINE_ENGINE_RULES_H
 
 #include <cstdint>
 #include <map>

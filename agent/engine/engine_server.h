@@ -1,6 +1,6 @@
 /* The engine at its endpoint: clients' messages, control requests, time. */
-#ifndef KZE_AGENT_ENGINE_SERVER_H
-#define KZE_AGENT_ENGINE_SERVER_H
+#ifndef KZE_AGENT_ENGINE_ENGINE_SERVER_H
+#define KZE_AGENT_ENGINE_ENGINE_SERVER_H
 
 #include <chrono>
 #include <functional>

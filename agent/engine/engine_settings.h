@@ -3,8 +3,8 @@
  * that it outlives the process. The engine alone reads and writes it; who finds no engine leaves a
  * request for its start (left_requests.h).
  */
-#ifndef KZE_AGENT_ENGINE_SETTINGS_H
-#define KZE_AGENT_ENGINE_SETTINGS_H
+#ifndef KZE_AGENT_ENGINE_ENGINE_SETTINGS_H
+#define KZE_AGENT_ENGINE_ENGINE_SETTINGS_H
 
 #include <functional>
 #include <map>

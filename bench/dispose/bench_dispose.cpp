@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "agent/host/malloc_policy.h"
+#include "bench/kept_memory.h"
 #include "config/kzemm_config.h"
 #include "datapath/kzemm_dispose.h"
 #include "engine/kzemm_loader.h"
@@ -299,7 +299,7 @@ int main(int argc, char **argv) {
     setenv("KZE_AGENT_HOME", BENCH_HOME, 1);
     error_output_set_level(0);
     if (argc < 2 || strcmp(argv[1], "--default-malloc") != 0) {
-        kze::keep_freed_memory();
+        keep_freed_memory();
     }
     kzemm_config_inspector::turn_dispose_on();
     if (kzemm_loader::get_instance().init() != 0) {

@@ -21,7 +21,7 @@
 #include <thread>
 #include <vector>
 
-#include "agent/host/malloc_policy.h"
+#include "bench/kept_memory.h"
 #include "bench/origin/telemetry.h"
 #include "config/kzemm_config.h"
 #include "engine/kzemm_loader.h"
@@ -229,7 +229,7 @@ int main(int argc, char **argv) {
         }
     }
     if (!default_malloc) {
-        kze::keep_freed_memory();
+        keep_freed_memory();
     }
     if (sizes.empty()) {
         for (size_t size = 1024; size <= size_t{8} << 20; size *= 2) {

@@ -27,21 +27,29 @@ layers_of() {
         plugin/kzemdlmgr.*)
             echo "^($platform|plugin/(kzemdlmgr|kzemm_work)\.h|engine/kzemm_loader\.h|datapath/kzemm_invoke\.h)$" ;;
         platform/*) echo '^platform/.+$' ;;
+        agent/detector/*) echo "^($platform|$messages|agent/(detector|common)/.+)$" ;;
+        agent/tests/* | agent/bench/*)
+            echo "^($platform|platform/common/descriptor\.h|$contracts|$messages|tests/support/[^/]+|agent/.+)$" ;;
         agent/*) echo "^($platform|platform/common/descriptor\.h|$contracts|$messages|agent/.+)$" ;;
+        tests/* | bench/*)
+            echo "^($platform|$messages|(plugin|config|engine|datapath|upgrade|platform|tests|bench)/.+)$" ;;
         *) echo 'no rule' ;;
     esac
 }
 
-# The repository's path of what a file includes by a name in quotes; empty when nothing of ours.
+# Sets target to the repository's path of what a file includes by a name in quotes; to nothing when
+# that is nothing of ours.
 resolve() {
     local candidate
-    for candidate in "$(dirname "$1")/$2" "platform/include/$2" "$2"; do
+    for candidate in "${1%/*}/$2" "platform/include/$2" "$2"; do
         if [ -f "$candidate" ]; then
-            realpath --relative-to=. "$candidate"
+            target=$candidate
+            [[ $candidate != *..* ]] || target=$(realpath --relative-to=. "$candidate")
             return
         fi
     done
-    case $2 in *.pb.h) echo "$(basename "$2")" ;; esac
+    target=
+    case $2 in *.pb.h) target=${2##*/} ;; esac
 }
 
 status=0
@@ -55,7 +63,7 @@ while read -r file; do
     fi
     checked=$((checked + 1))
     while read -r name; do
-        target=$(resolve "$file" "$name")
+        resolve "$file" "$name"
         if [ -z "$target" ]; then
             echo "$file: includes \"$name\", which is no file of ours; use <> for others'"
             status=1
@@ -64,7 +72,7 @@ while read -r file; do
             status=1
         fi
     done < <(sed -nE 's/^[[:space:]]*#[[:space:]]*include[[:space:]]*"([^"]+)".*/\1/p' "$file")
-done < <(find plugin config engine datapath upgrade platform agent \
+done < <(find plugin config engine datapath upgrade platform agent tests bench \
     \( -name '*.h' -o -name '*.cpp' \) 2>/dev/null | sort)
 
 if [ "$checked" -eq 0 ]; then

@@ -9,7 +9,7 @@ failed=0
 # A small tree that keeps the rules.
 fresh_tree() {
     rm -rf "${tree:?}"/*
-    mkdir -p "$tree"/{plugin,config,engine,datapath,platform/include,platform/vrdipc,agent/host}
+    mkdir -p "$tree"/{plugin,config,engine,datapath,platform/include,platform/vrdipc,agent/host,agent/detector,agent/tests,tests/unit,bench}
     touch "$tree"/platform/include/vrdbase.h "$tree"/engine/qd_client.h \
         "$tree"/platform/vrdipc/frame.h "$tree"/agent/host/host.h "$tree"/plugin/kzemm_work.h \
         "$tree"/plugin/kzemm_data_conv.h "$tree"/config/kzemm_config.h
@@ -40,5 +40,9 @@ refuses plugin/kzemdlmgr.cpp config/kzemm_config.h
 refuses platform/vrdipc/frame.cpp engine/qd_client.h
 refuses agent/host/main.cpp plugin/kzemm_data_conv.h
 refuses agent/host/main.cpp no_such_file.h
+refuses agent/detector/event.cpp agent/host/host.h
+refuses agent/tests/host_test.cpp plugin/kzemm_work.h
+refuses tests/unit/kzemm_work_test.cpp agent/host/host.h
+refuses bench/bench_log.cpp agent/host/host.h
 refuses plugin/other.cpp vrdbase.h
 exit $failed

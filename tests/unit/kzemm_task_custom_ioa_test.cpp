@@ -34,7 +34,6 @@ namespace {
 constexpr char update_by_data[] = "x_client_engine_update_by_data";
 constexpr int decode_any = 4;
 constexpr int result_type = 8;
-constexpr size_t header_size = 20;
 
 struct free_deleter {
     void operator()(char *text) const { free(text); }

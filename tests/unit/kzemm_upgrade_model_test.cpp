@@ -12,7 +12,7 @@
 #include <iostream>
 #include <random>
 
-#include "tests/unit/upgrade_rules.h"
+#include "tests/support/upgrade_rules.h"
 #include "tests/unit/upgrade_test.h"
 
 namespace {

@@ -10,7 +10,7 @@
 
 #include "datapath/kzemm_dispose.h"
 #include "datapath/kzemm_gateway.h"
-#include "tests/component/ev_ipc/ipc_test.h"
+#include "tests/support/ipc_test.h"
 #include "tests/support/wire_bytes.h"
 
 namespace {

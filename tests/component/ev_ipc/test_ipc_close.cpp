@@ -8,7 +8,7 @@
 #include <thread>
 #include <utility>
 
-#include "tests/component/ev_ipc/ipc_test.h"
+#include "tests/support/ipc_test.h"
 #include "tests/support/process_state.h"
 
 namespace kze_test {

@@ -6,7 +6,7 @@
 
 #include <functional>
 
-#include "tests/component/ev_ipc/ipc_test.h"
+#include "tests/support/ipc_test.h"
 
 namespace kze_test {
 namespace {

@@ -7,7 +7,7 @@
 #include <memory>
 #include <thread>
 
-#include "tests/component/ev_ipc/ipc_test.h"
+#include "tests/support/ipc_test.h"
 #include "tests/support/process_state.h"
 #include "tests/support/sanitizers.h"
 

@@ -3,7 +3,7 @@
 #include <set>
 #include <thread>
 
-#include "tests/component/ev_ipc/ipc_test.h"
+#include "tests/support/ipc_test.h"
 #include "tests/support/process_state.h"
 
 namespace kze_test {

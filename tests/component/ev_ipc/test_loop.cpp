@@ -7,7 +7,7 @@
 #include <functional>
 #include <thread>
 
-#include "tests/component/ev_ipc/ev_ipc_test.h"
+#include "tests/support/ev_ipc_test.h"
 #include "tests/support/process_state.h"
 
 namespace kze_test {

@@ -1,7 +1,7 @@
 // What an endpoint says of its peers, and when.
 #include "platform/vrdipc/peer_log.h"
 
-#include "tests/component/ev_ipc/ev_ipc_test.h"
+#include "tests/support/ev_ipc_test.h"
 
 namespace kze_ipc {
 namespace {

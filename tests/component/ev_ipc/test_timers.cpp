@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/component/ev_ipc/ev_ipc_test.h"
+#include "tests/support/ev_ipc_test.h"
 #include "tests/support/process_state.h"
 
 namespace kze_test {

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/component/ev_ipc/ipc_test.h"
+#include "tests/support/ipc_test.h"
 
 // One request as it is to be sent, and the codes that may answer it.
 struct planned_request {
