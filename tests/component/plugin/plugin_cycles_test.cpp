@@ -61,7 +61,8 @@ using plugin_cycles_test = plugin_test;
 TEST_F(plugin_cycles_test, leave_no_memory_no_descriptor_and_no_thread) {
     start();
     for (size_t timer = 0; timer < kept_timers; ++timer) {
-        cl_timerplus_close(cl_timerplus_start(1000, 0, 1000, [](cl_timerplus *) {}, nullptr));
+        cl_timerplus_close(cl_timerplus_start(
+            1000, 0, 1000, [](cl_timerplus *) {}, nullptr));
     }
     stop();
     const size_t descriptors = open_descriptors();
