@@ -161,6 +161,7 @@ exit_status drop(const std::vector<std::string> &files, const output &out) {
         fail_with_errno(directory);
     }
     std::vector<std::unique_ptr<staged_pack>> packs;
+    packs.reserve(files.size());
     for (const std::string &file : files) {
         packs.push_back(std::make_unique<staged_pack>(file, directory));
     }
