@@ -56,6 +56,7 @@ std::string program_of(pid_t pid) {
 
 std::vector<char *> argument_pointers(const std::vector<std::string> &command) {
     std::vector<char *> pointers;
+    pointers.reserve(command.size() + 1);
     for (const std::string &argument : command) {
         pointers.push_back(const_cast<char *>(argument.c_str()));
     }
