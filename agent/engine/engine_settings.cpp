@@ -88,7 +88,7 @@ void parse_answers(const json &in, engine_settings::content &out, const std::str
 std::string read_drive(const json &in, int (&out)[2]) {
     std::int64_t states[] = {out[0], out[1]};
     for (std::size_t at = 0; at < 2; ++at) {
-        const std::string error = read_number(in, drive_names[at], INT_MIN, INT_MAX, states[at]);
+        std::string error = read_number(in, drive_names[at], INT_MIN, INT_MAX, states[at]);
         if (!error.empty()) {
             return error;
         }
@@ -321,7 +321,7 @@ std::optional<version_rise> engine_settings::take_rise(const std::string &type) 
 template <typename Set>
 Set engine_settings::take_one(std::map<std::string, Set> &from,
                               typename std::map<std::string, Set>::iterator set) {
-    const Set taken = set->second;
+    Set taken = set->second;
     if (taken.times == 0) {
         return taken;
     }

@@ -92,7 +92,7 @@ std::optional<std::string> md5_of(int file, disposal_rules &rules) {
     if (known != rules.known_md5.end()) {
         return known->second;
     }
-    const auto md5 = md5_of_descriptor(file);
+    auto md5 = md5_of_descriptor(file);
     if (md5) {
         rules.known_md5[state] = *md5;
     }

@@ -118,7 +118,7 @@ int __wrap_kze_thread_start(kze_thread_t *out, void *(*routine)(void *), void *a
     auto start = std::make_unique<held_start>(held_start{routine, argument, s_gate});
     const int code = __real_kze_thread_start(out, run_when_released, start.get());
     EXPECT_EQ(code, 0);
-    start.release();  // the thread's
+    static_cast<void>(start.release());  // the thread's
     if (hook) {
         s_gate->open();
         hook();

@@ -109,6 +109,7 @@ std::vector<cl_timerplus *> take_due_timers() {
         }
     }
     std::vector<cl_timerplus *> result;
+    result.reserve(due.size());
     for (const auto &each : due) {
         result.push_back(each.second);
     }
@@ -206,6 +207,7 @@ std::vector<timer_view> open_timers() {
                                     timer->armed};
     }
     std::vector<timer_view> result;
+    result.reserve(by_number.size());
     for (const auto &each : by_number) {
         result.push_back(each.second);
     }
